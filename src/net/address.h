@@ -1,0 +1,17 @@
+// IPv4 addresses as every room above the sockets knows them.
+#ifndef VELPROBE_NET_ADDRESS_H_
+#define VELPROBE_NET_ADDRESS_H_
+
+#include <array>
+#include <cstdint>
+
+namespace velprobe {
+
+// Ipv4Address holds the four bytes of an address in network order, most
+// significant first. Ports travel beside it as unsigned 16-bit numbers in host
+// order.
+using Ipv4Address = std::array<std::uint8_t, 4>;
+
+}  // namespace velprobe
+
+#endif  // VELPROBE_NET_ADDRESS_H_

@@ -1,0 +1,35 @@
+// Host names and address texts, IPv4 only, through the system's classic
+// lookups (gethostbyname and its kin).
+#ifndef VELPROBE_NET_RESOLVER_H_
+#define VELPROBE_NET_RESOLVER_H_
+
+#include <cstddef>
+
+#include "../util/error_text.h"
+#include "address.h"
+
+namespace velprobe {
+
+// resolve_host stores the first address of a host name or dotted-decimal text.
+// A failure leaves out_address untouched.
+//   "No addresses found when resolving \"%s\"", or "Error resolving \"%s\""
+//   followed by ": Host name not found", ": Temporary error from name server",
+//   ": Unrecoverable error from name server",
+//   ": Name server returned no address" or ": Unknown error: %d"
+ErrorText resolve_host(const char* name, Ipv4Address& out_address);
+
+// reverse_resolve stores a reference to the official name of an address, which
+// the resolver owns until its next lookup. False when there is none or
+// out_name is null.
+bool reverse_resolve(const Ipv4Address& address, const char** out_name);
+
+// local_hostname stores the machine's host name; true on success.
+bool local_hostname(char* buffer, std::size_t size);
+
+// address_text prints an address in dotted decimal into a static buffer that
+// the next call overwrites.
+const char* address_text(const Ipv4Address& address);
+
+}  // namespace velprobe
+
+#endif  // VELPROBE_NET_RESOLVER_H_

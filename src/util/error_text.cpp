@@ -1,0 +1,33 @@
+#include "error_text.h"
+
+#include <array>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <utility>
+
+namespace velprobe {
+
+const char* format_error_text(const char* format, ...) {
+  static std::array<char, kErrorTextSize> buffers[2];
+  static unsigned last_used = 1;
+
+  last_used ^= 1;
+  char* buffer = buffers[last_used].data();
+  std::va_list arguments;
+  va_start(arguments, format);
+  std::vsnprintf(buffer, kErrorTextSize, format, arguments);
+  va_end(arguments);
+  return buffer;
+}
+
+int take_last_os_error() { return std::exchange(errno, 0); }
+
+const char* last_os_error_text() { return os_error_text(take_last_os_error()); }
+
+const char* os_error_text(int error_number) {
+  return std::strerror(error_number);
+}
+
+}  // namespace velprobe

@@ -1,0 +1,57 @@
+// Failure as a value: ErrorText, the formatter that makes its texts, and the
+// system's own error texts.
+#ifndef VELPROBE_UTIL_ERROR_TEXT_H_
+#define VELPROBE_UTIL_ERROR_TEXT_H_
+
+#include <cstddef>
+
+namespace velprobe {
+
+// ErrorText is the result of an operation that can fail: empty on success, else
+// a text that describes the failure from the outside in. It is true when there
+// is a failure, so the usual line reads
+//
+//   if (ErrorText error = write_tag(stream, tag)) return error;
+//
+// It borrows its text: a literal lives forever, a text of format_error_text
+// until two further texts have been formed. Whoever keeps one longer copies it.
+class [[nodiscard]] ErrorText {
+ public:
+  constexpr ErrorText() = default;
+  // Implicit, so that a function can return a literal or a formatted text.
+  constexpr ErrorText(const char* text) : text_(text) {}
+
+  constexpr explicit operator bool() const { return text_ != nullptr; }
+
+  // c_str gives the text, or null on success.
+  constexpr const char* c_str() const { return text_; }
+
+ private:
+  const char* text_ = nullptr;
+};
+
+// The size of each of format_error_text's two buffers: a text holds one
+// character less.
+inline constexpr std::size_t kErrorTextSize = 256;
+
+// format_error_text formats as printf does into one of two process-wide buffers
+// used in turn, cut at 255 characters. The text stays valid across exactly one
+// further call, so one text can embed the one formed just before it. Not for
+// use from two threads. Never null.
+[[nodiscard]] [[gnu::format(printf, 1, 2)]] const char* format_error_text(
+    const char* format, ...);
+
+// take_last_os_error returns errno and resets it to 0, so that nobody later
+// mistakes it for news.
+int take_last_os_error();
+
+// last_os_error_text gives the system's text for take_last_os_error().
+[[nodiscard]] const char* last_os_error_text();
+
+// os_error_text gives the system's text for one error number (strerror): valid
+// until the next call for an unknown number.
+[[nodiscard]] const char* os_error_text(int error_number);
+
+}  // namespace velprobe
+
+#endif  // VELPROBE_UTIL_ERROR_TEXT_H_
