@@ -18,6 +18,10 @@ namespace velprobe {
 //   ": Name server returned no address" or ": Unknown error: %d"
 ErrorText resolve_host(const char* name, Ipv4Address& out_address);
 
+// resolver_failure is the text of resolve_host for one error code of the
+// resolver (h_errno).
+ErrorText resolver_failure(const char* name, int code);
+
 // reverse_resolve stores a reference to the official name of an address, which
 // the resolver owns until its next lookup. False when there is none or
 // out_name is null.

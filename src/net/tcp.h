@@ -33,6 +33,12 @@ ErrorText start_socket_subsystem();
 // call: a transfer that keeps moving never times out. Always returns 600.
 int set_socket_timeout(int seconds);
 
+// socket_apply_flags gives a socket the mode that the connect flags name:
+// non-blocking or, without that flag, blocking, and the TCP options.
+//   "Error setting socket to nonblocking: %s",
+//   "Error setting TCP_NODELAY: %s", "Error setting TCP_CORK: %s"
+ErrorText socket_apply_flags(std::int32_t socket, std::uint32_t flags);
+
 // socket_connect opens a TCP connection and stores its handle in out_socket. It
 // stays in the mode that the flags chose. A failure closes the socket;
 // out_socket keeps the stale number.

@@ -2,6 +2,7 @@
 #ifndef VELPROBE_NET_WAIT_H_
 #define VELPROBE_NET_WAIT_H_
 
+#include <cstddef>
 #include <cstdint>
 #include <span>
 

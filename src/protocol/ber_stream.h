@@ -33,6 +33,10 @@ struct BerStream {
   void* state;
 };
 
+// The text of every kind of stream for an end before the bytes asked for.
+inline constexpr const char* kPeerClosed =
+    "Peer closed connection unexpectedly";
+
 struct BerStreamCloser {
   void operator()(BerStream* stream) const { stream->operations.close(stream); }
 };

@@ -24,6 +24,12 @@ inline bool is_absent_or_empty(const char* text) {
   return text == nullptr || *text == '\0';
 }
 
+// is_white_space tells the six characters for which isspace holds in the C
+// locale, whatever the locale is.
+constexpr bool is_white_space(char c) {
+  return c == ' ' || (c >= '\t' && c <= '\r');
+}
+
 // ByteBuffer is a growing run of bytes whose growth can fail. Its capacity
 // doubles, so that appending is linear over all.
 class ByteBuffer {
@@ -55,8 +61,8 @@ class ByteBuffer {
   std::size_t capacity_ = 0;
 };
 
-// A text list is one buffer of texts, each ended by a NUL, the whole ended by an
-// empty text. next_text gives the text behind the given one, so a walk reads
+// A text list is one buffer of texts, each ended by a NUL, the whole ended by
+// an empty text. next_text gives the text behind the given one, so a walk reads
 //
 //   for (const char* name = list; *name != '\0'; name = next_text(name))
 const char* next_text(const char* text);
@@ -69,13 +75,21 @@ void copy_bounded(char* destination, const char* source, std::size_t size);
 // "?" is any one character, "*" any run of characters, case counts, nothing is
 // escaped. A character equal to the pattern's is taken before "*" acts as a
 // wildcard, so a "*" that meets a "*" in the text is only that one character.
-// Time is at worst text length times pattern length.
+// Time is at worst text length times pattern length; the stack does not grow. A
+// pattern of more than 255 characters takes as much memory again, and matches
+// nothing when that is short.
 int wildcard_match(const char* text, const char* pattern);
 
 // parse_decimal skips white space and reads decimal digits; no sign, wrapping
 // modulo 2^64; no digits give 0. When end is given it is set to the first
 // character that is not a digit.
 std::uint64_t parse_decimal(const char* text, const char** end = nullptr);
+
+// replace_control_bytes makes a text of unknown origin fit for a terminal or a
+// log line: each byte of a control character becomes "?", the length stays.
+// Control characters are 0x01-0x1F, DEL, U+0080-U+009F in UTF-8 and, since an
+// 8-bit terminal obeys them too, bytes 0x80-0x9F outside valid UTF-8.
+void replace_control_bytes(char* text);
 
 }  // namespace velprobe
 

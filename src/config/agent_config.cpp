@@ -1,0 +1,67 @@
+#include "agent_config.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <string_view>
+#include <utility>
+
+#include "../util/console.h"
+#include "assignments.h"
+#include "config_file.h"
+#include "config_rewrite.h"
+
+namespace velprobe {
+namespace {
+
+// Room for a yes or no.
+constexpr std::size_t kAnswerSize = 8;
+
+// offer_creation settles what becomes of a file that could not be opened:
+// success when it is missing and the user wants a new one.
+ErrorText offer_creation(const char* path, int open_error) {
+  if (open_error != ENOENT) return could_not_open(path, open_error);
+  std::printf("The configuration file %s does not seem to exist, create one? ",
+              path);
+  char answer[kAnswerSize];
+  if (ErrorText error = input_line(answer, sizeof answer, "(y/n) ")) {
+    return format_error_text("Error from input_line: %s", error.c_str());
+  }
+  return answer[0] == 'y' ? ErrorText() : could_not_open(path, open_error);
+}
+
+ErrorText take_values(std::string_view file, ConfigKey* keys) {
+  AssignmentWalk walk{file, keys};
+  for (Assignment assignment; next_assignment(&walk, &assignment);) {
+    const std::size_t length = assignment.value_end - assignment.value_begin;
+    Text value = copy_text(file.substr(assignment.value_begin, length));
+    if (!value) return "Out of memory";
+    assignment.key->value = std::move(value);
+  }
+  return {};
+}
+
+ErrorText read_config_file(const char* path, ConfigKey* keys) {
+  LoadedFile file;
+  if (ErrorText error = load_config_file(path, &file)) return error;
+  if (file.open_error != 0) return offer_creation(path, file.open_error);
+  if (ErrorText error = take_values(file.bytes.view(), keys)) return error;
+  delete_side_files(name_side_files(path));
+  return {};
+}
+
+}  // namespace
+
+constinit ConfigKey config_keys[kNumConfigKeys] = {
+    {"domain", nullptr, &config_keys[kNameKey]},
+    {"name", nullptr, &config_keys[kServerPortKey]},
+    {"server_port", nullptr, &config_keys[kServerListKey]},
+    {"server_list", nullptr, nullptr},
+};
+
+ErrorText process_config_file(const char* path, ConfigKey* keys,
+                              ConfigMode mode) {
+  return mode == ConfigMode::kRead ? read_config_file(path, keys)
+                                   : rewrite_config_file(path, keys);
+}
+
+}  // namespace velprobe

@@ -1,0 +1,74 @@
+#include "assignments.h"
+
+#include <algorithm>
+
+namespace velprobe {
+namespace {
+
+constexpr std::size_t kMaxLineLength = 511;
+
+// take_line cuts the line at the walk's position off the file, empty at the
+// end.
+std::string_view take_line(AssignmentWalk* walk) {
+  const std::string_view window =
+      walk->file.substr(walk->position, kMaxLineLength);
+  const std::size_t feed = window.find('\n');
+  const std::size_t length = feed == window.npos ? window.size() : feed + 1;
+  walk->position += length;
+  return window.substr(0, length);
+}
+
+std::string_view trim(std::string_view text) {
+  while (!text.empty() && is_white_space(text.front())) text.remove_prefix(1);
+  while (!text.empty() && is_white_space(text.back())) text.remove_suffix(1);
+  return text;
+}
+
+ConfigKey* find_key(ConfigKey* keys, std::string_view name) {
+  for (ConfigKey* key = keys; key != nullptr; key = key->next) {
+    if (name == key->key) return key;
+  }
+  return nullptr;
+}
+
+bool is_line_end(char c) {
+  return c == '\r' || c == '\n';
+}
+
+// value_in gives the value of a line behind its "=". A NUL ends it, as it ends
+// a text; what follows is then part of the line's ending.
+std::string_view value_in(std::string_view rest) {
+  std::size_t end = std::min(rest.size(), rest.find('\0'));
+  if (end == rest.size()) {
+    while (end > 0 && is_line_end(rest[end - 1])) --end;
+  }
+  std::size_t begin = 0;
+  while (begin < end && is_white_space(rest[begin]) &&
+         !is_line_end(rest[begin])) {
+    ++begin;
+  }
+  return rest.substr(begin, end - begin);
+}
+
+}  // namespace
+
+bool next_assignment(AssignmentWalk* walk, Assignment* out) {
+  for (;;) {
+    const std::string_view line = take_line(walk);
+    if (line.empty()) return false;
+    const std::size_t equals = line.find('=');
+    if (equals == line.npos) continue;
+    // No known key begins with "#", so a comment finds none.
+    ConfigKey* key = find_key(walk->keys, trim(line.substr(0, equals)));
+    if (key == nullptr) continue;
+
+    const std::string_view value = value_in(line.substr(equals + 1));
+    out->key = key;
+    out->value_begin =
+        static_cast<std::size_t>(value.data() - walk->file.data());
+    out->value_end = out->value_begin + value.size();
+    return true;
+  }
+}
+
+}  // namespace velprobe

@@ -1,0 +1,70 @@
+#include "config_file.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstddef>
+#include <cstring>
+
+#include "../util/file_replacement.h"
+#include "../util/owners.h"
+
+namespace velprobe {
+namespace {
+
+constexpr std::size_t kChunkSize = 64 * 1024;
+// Far above any real file: a device that never ends must not fill the memory.
+constexpr std::size_t kMaxFileSize = 64 * 1024 * 1024;
+
+// read_whole appends everything up to the end of a file, pipe or device.
+// Returns 0 or a system error number.
+int read_whole(int descriptor, ByteBuffer* bytes) {
+  for (;;) {
+    if (!bytes->reserve(kChunkSize)) return ENOMEM;
+    const ssize_t length = read(descriptor, bytes->data() + bytes->size(),
+                                bytes->capacity() - bytes->size());
+    if (length == 0) return 0;
+    if (length < 0 && errno == EINTR) continue;
+    if (length < 0) return errno;
+    bytes->resize(bytes->size() + static_cast<std::size_t>(length));
+    if (bytes->size() > kMaxFileSize) return EFBIG;
+  }
+}
+
+}  // namespace
+
+ErrorText load_config_file(const char* path, LoadedFile* out) {
+  const FileDescriptor file(open(path, O_RDONLY | O_CLOEXEC));
+  if (!file) {
+    out->open_error = take_last_os_error();
+    return {};
+  }
+  if (int error = read_whole(file.get(), &out->bytes)) {
+    return could_not_open(path, error);
+  }
+  return {};
+}
+
+ErrorText could_not_open(const char* path, int error_number) {
+  return format_error_text("Could not open configuration file %s: %s", path,
+                           os_error_text(error_number));
+}
+
+SideFiles name_side_files(const char* path) {
+  SideFiles side;
+  make_temp_name(side.temp, sizeof side.temp, path);
+  make_backup_name(side.backup, sizeof side.backup, path);
+  side.collide = std::strcmp(side.temp, side.backup) == 0 ||
+                 std::strcmp(side.temp, path) == 0 ||
+                 std::strcmp(side.backup, path) == 0;
+  return side;
+}
+
+void delete_side_files(const SideFiles& side) {
+  if (side.collide) return;
+  unlink(side.temp);
+  unlink(side.backup);
+}
+
+}  // namespace velprobe

@@ -1,0 +1,181 @@
+#include "bignum.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <limits>
+
+#include "crypto_assert.h"
+#include "wipe.h"
+
+namespace velprobe {
+namespace {
+
+constexpr const char* kSource = "modules/Crypto/c/bignum";
+constexpr std::uint64_t kLimbBytes = 4;
+constexpr std::uint64_t kFewestLimbs = 16;
+
+// new_number makes a zero with room for size limbs.
+BigNumPtr new_number(std::uint64_t size) {
+  auto* data = static_cast<std::uint32_t*>(std::calloc(size, kLimbBytes));
+  if (data == nullptr) return nullptr;
+  auto* num = static_cast<BigNum*>(std::malloc(sizeof(BigNum)));
+  if (num == nullptr) {
+    std::free(data);
+    return nullptr;
+  }
+  *num = {data, 0, size};
+  return BigNumPtr(num);
+}
+
+// wipe_limbs leaves nothing of a number in memory that is about to be released.
+// The limbs beyond len are zero already: touching them would only cost pages.
+void wipe_limbs(BigNum* num) {
+  if (num->data == nullptr) return;
+  wipe_memory(num->data, std::min(num->len, num->size) * kLimbBytes);
+}
+
+// clear_from zeroes the limbs in use from the given one on; those beyond are
+// zero already.
+void clear_from(BigNum* num, std::uint64_t first) {
+  const std::uint64_t end = std::min(num->len, num->size);
+  if (first < end) std::fill(num->data + first, num->data + end, 0u);
+}
+
+std::uint32_t read_big_endian(const std::uint8_t* bytes) {
+  return std::uint32_t{bytes[0]} << 24 | std::uint32_t{bytes[1]} << 16 |
+         std::uint32_t{bytes[2]} << 8 | std::uint32_t{bytes[3]};
+}
+
+void write_big_endian(std::uint8_t* bytes, std::uint32_t limb) {
+  bytes[0] = static_cast<std::uint8_t>(limb >> 24);
+  bytes[1] = static_cast<std::uint8_t>(limb >> 16);
+  bytes[2] = static_cast<std::uint8_t>(limb >> 8);
+  bytes[3] = static_cast<std::uint8_t>(limb);
+}
+
+}  // namespace
+
+void bn_free(BigNum* num) {
+  if (num == nullptr) return;
+  wipe_limbs(num);
+  std::free(num->data);
+  std::free(num);
+}
+
+BigNumPtr bn_new(std::uint32_t value, std::uint64_t min_limbs) {
+  constexpr std::uint64_t kMost = std::numeric_limits<std::uint64_t>::max();
+  if (min_limbs > kMost / 2) return nullptr;
+  BigNumPtr num =
+      new_number(std::max(min_limbs + min_limbs / 2 + 1, kFewestLimbs));
+  if (num == nullptr) return nullptr;
+  if (reinterpret_cast<std::uintptr_t>(num->data) % kLimbBytes != 0) {
+    std::fputs("Bad alignment!\n", stderr);
+  }
+  num->data[0] = value;
+  num->len = 1;
+  bn_normalize(num.get());
+  return num;
+}
+
+BigNumPtr bn_from_word(std::uint32_t value) {
+  return bn_new(value, 16);
+}
+
+BigNumPtr bn_copy(const BigNum* src, std::uint64_t min_limbs) {
+  BigNumPtr num = new_number(std::max({src->len, kFewestLimbs, min_limbs}));
+  if (num == nullptr) return nullptr;
+  std::copy(src->data, src->data + src->len, num->data);
+  num->len = src->len;
+  return num;
+}
+
+BigNumPtr bn_dup(const BigNum* src) {
+  return bn_copy(src, 0);
+}
+
+void bn_normalize(BigNum* num) {
+  VELPROBE_ASSERT(kSource, num->len <= num->size);
+  num->len = base_significant_limbs(num->data, num->len);
+}
+
+ErrorText bn_set_data(BigNum* num, const std::uint8_t* bytes, std::uint64_t n) {
+  const std::uint64_t whole = n / kLimbBytes;
+  const std::uint64_t rest = n % kLimbBytes;
+  const std::uint64_t needed = whole + (rest != 0 ? 1 : 0);
+  if (num->size < needed) {
+    auto* data = static_cast<std::uint32_t*>(std::calloc(needed, kLimbBytes));
+    if (data == nullptr) return "Unable to allocate space for new data";
+    wipe_limbs(num);
+    std::free(num->data);
+    *num = {data, 0, needed};
+  }
+  clear_from(num, needed);
+  for (std::uint64_t i = 0; i < whole; ++i) {
+    num->data[i] = read_big_endian(bytes + (n - (i + 1) * kLimbBytes));
+  }
+  if (rest != 0) {
+    std::uint32_t top = 0;
+    for (std::uint64_t i = 0; i < rest; ++i) top = top << 8 | bytes[i];
+    num->data[whole] = top;
+  }
+  num->len = needed;
+  bn_normalize(num);
+  return {};
+}
+
+ErrorText bn_get_data(const BigNum* num, std::uint8_t* buffer,
+                      std::uint64_t& length) {
+  if (length < kLimbBytes * num->len) {
+    length = kLimbBytes * num->len;
+    return "Buffer given to bn_get_data is too small";
+  }
+  const std::uint64_t limbs = base_significant_limbs(num->data, num->len);
+  length = 0;
+  if (limbs == 0) return {};
+
+  const std::uint32_t top = num->data[limbs - 1];
+  for (int shift = 24; shift >= 0; shift -= 8) {
+    if (top >> shift != 0) {
+      buffer[length++] = static_cast<std::uint8_t>(top >> shift);
+    }
+  }
+  for (std::uint64_t i = limbs - 1; i > 0; --i, length += kLimbBytes) {
+    write_big_endian(buffer + length, num->data[i - 1]);
+  }
+  return {};
+}
+
+std::uint32_t bn_top_bit(const BigNum* num) {
+  return static_cast<std::uint32_t>(base_top_bit(num->data, num->len));
+}
+
+bool bn_less(const BigNum* a, const BigNum* b) {
+  return base_compare(a->data, a->len, b->data, b->len) < 0;
+}
+
+bool bn_less_equal(const BigNum* a, const BigNum* b) {
+  return base_compare(a->data, a->len, b->data, b->len) <= 0;
+}
+
+bool bn_equal(const BigNum* a, const BigNum* b) {
+  return base_compare(a->data, a->len, b->data, b->len) == 0;
+}
+
+bool bn_equal_word(const BigNum* a, std::uint32_t w) {
+  return a->len == 0 ? w == 0 : a->len == 1 && a->data[0] == w;
+}
+
+bool bn_less_word(const BigNum* a, std::uint32_t w) {
+  return a->len == 0 ? w > 0 : a->len == 1 && a->data[0] < w;
+}
+
+bool bn_at_most_word(const BigNum* a, std::uint32_t w) {
+  return a->len == 0 || (a->len == 1 && a->data[0] <= w);
+}
+
+bool bn_greater_word(const BigNum* a, std::uint32_t w) {
+  return !bn_at_most_word(a, w);
+}
+
+}  // namespace velprobe

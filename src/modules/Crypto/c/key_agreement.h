@@ -1,0 +1,36 @@
+// Diffie-Hellman group parameters and key pairs, in the form that the agent
+// protocol has always used. Kept for compatibility: the exponents are short,
+// received groups are not validated, and running times depend on secrets. Not
+// advised for new designs.
+#ifndef VELPROBE_MODULES_CRYPTO_C_KEY_AGREEMENT_H_
+#define VELPROBE_MODULES_CRYPTO_C_KEY_AGREEMENT_H_
+
+#include <cstdint>
+
+#include "bignum.h"
+#include "random.h"
+
+namespace velprobe {
+
+// dh_generate_parameters makes a prime modulus of the given number of bits and
+// a generator. modulus and generator are null on failure: fewer than 3 bits, or
+// no memory. Below about 32 bits there may be no fitting pair of primes, and
+// the search goes on for ever.
+void dh_generate_parameters(std::uint32_t bits, BigNumPtr& modulus,
+                            BigNumPtr& generator, ByteSource source);
+
+// dh_generate_key makes one side's key pair. The private exponent is as long as
+// the generator in limbs. Private numbers whose public value is weak are drawn
+// again. Failures, with what was made until then left in the outputs:
+// "Error getting a random number for the key exchange",
+// "Error calculating public part of shared secret key" (also for a generator
+// that has none but weak powers),
+// "Error allocating primary memory for key check",
+// "Error allocating secondary memory for key check".
+ErrorText dh_generate_key(BigNumPtr& public_out, BigNumPtr& private_out,
+                          const BigNum* modulus, const BigNum* generator,
+                          ByteSource source);
+
+}  // namespace velprobe
+
+#endif  // VELPROBE_MODULES_CRYPTO_C_KEY_AGREEMENT_H_

@@ -1,0 +1,55 @@
+// Two limbs at a time: how the limb routines use the full width of a 64-bit
+// machine on arrays of 32-bit limbs.
+#ifndef VELPROBE_MODULES_CRYPTO_C_LIMB_PAIRS_H_
+#define VELPROBE_MODULES_CRYPTO_C_LIMB_PAIRS_H_
+
+#include <cstdint>
+
+namespace velprobe {
+
+__extension__ using Wide = unsigned __int128;
+
+// load_pair and store_pair become one 64-bit access where the byte order
+// allows.
+inline std::uint64_t load_pair(const std::uint32_t* limbs) {
+  return limbs[0] | std::uint64_t{limbs[1]} << 32;
+}
+
+inline void store_pair(std::uint32_t* limbs, std::uint64_t pair) {
+  limbs[0] = static_cast<std::uint32_t>(pair);
+  limbs[1] = static_cast<std::uint32_t>(pair >> 32);
+}
+
+constexpr Wide wide(std::uint64_t high, std::uint64_t low) {
+  return Wide{high} << 64 | low;
+}
+
+// reciprocal_of gives floor((2^128 - 1) / d) - 2^64 for a d whose top bit is
+// set: with it a division becomes two multiplications (Moller and Granlund,
+// "Improved division by invariant integers", 2011).
+constexpr std::uint64_t reciprocal_of(std::uint64_t d) {
+  return static_cast<std::uint64_t>(wide(~d, ~std::uint64_t{0}) / d);
+}
+
+// divide_pair returns high:low / d, where high < d, and stores the remainder.
+inline std::uint64_t divide_pair(std::uint64_t high, std::uint64_t low,
+                                 std::uint64_t d, std::uint64_t reciprocal,
+                                 std::uint64_t& remainder) {
+  const Wide estimate = Wide{reciprocal} * high + wide(high, low);
+  std::uint64_t q = static_cast<std::uint64_t>(estimate >> 64) + 1;
+  std::uint64_t r = low - q * d;
+  if (r > static_cast<std::uint64_t>(estimate)) {
+    --q;
+    r += d;
+  }
+  if (r >= d) {
+    ++q;
+    r -= d;
+  }
+  remainder = r;
+  return q;
+}
+
+}  // namespace velprobe
+
+#endif  // VELPROBE_MODULES_CRYPTO_C_LIMB_PAIRS_H_

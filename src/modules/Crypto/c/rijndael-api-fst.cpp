@@ -1,0 +1,214 @@
+#include "rijndael-api-fst.h"
+
+#include <algorithm>
+#include <cstddef>
+#include <cstring>
+
+#include "aes_block.h"
+#include "crypto_assert.h"
+#include "wipe.h"
+
+namespace velprobe {
+namespace {
+
+constexpr char kSource[] = "modules/Crypto/c/rijndael-api-fst";
+constexpr int kBlockBytes = static_cast<int>(kAesBlockSize);
+constexpr int kBlockBits = 8 * kBlockBytes;
+
+static_assert(kMaxRounds == kAesMaxRounds);
+
+int hex_digit(char digit) {
+  if (digit >= '0' && digit <= '9') return digit - '0';
+  if (digit >= 'a' && digit <= 'f') return digit - 'a' + 10;
+  if (digit >= 'A' && digit <= 'F') return digit - 'A' + 10;
+  return -1;
+}
+
+// parse_hex fills bytes up to the first pair that is not two digits, and tells
+// whether there was none such. It does not read beyond a bad digit, so the text
+// may end early.
+bool parse_hex(const char* text, std::uint8_t* bytes, int num_bytes) {
+  for (int i = 0; i < num_bytes; ++i, text += 2) {
+    const int high = hex_digit(text[0]);
+    if (high < 0) return false;
+    const int low = hex_digit(text[1]);
+    if (low < 0) return false;
+    bytes[i] = static_cast<std::uint8_t>(high << 4 | low);
+  }
+  return true;
+}
+
+bool is_key_length(int bits) {
+  return bits == 128 || bits == 192 || bits == 256;
+}
+
+bool has_schedule(const keyInstance& key) {
+  return is_key_length(key.keyLen) && key.Nr == key.keyLen / 32 + 6;
+}
+
+// is_usable tells whether an operation can start. The modes on offer are ECB up
+// to last_mode.
+bool is_usable(const cipherInstance* cipher, const keyInstance* key,
+               std::uint8_t direction, std::uint8_t last_mode) {
+  if (cipher == nullptr || key == nullptr || !has_schedule(*key)) return false;
+  if (cipher->mode < kModeEcb || cipher->mode > last_mode) return false;
+  const bool takes_either =
+      direction == kDirDecrypt && cipher->mode == kModeCfb1;
+  return key->direction == direction ||
+         (takes_either && key->direction == kDirEncrypt);
+}
+
+// crypt runs the cipher's mode over whole blocks.
+void crypt(const cipherInstance& cipher, const keyInstance& key,
+           std::uint8_t direction, std::uint8_t* vector,
+           const std::uint8_t* input, int blocks, std::uint8_t* output) {
+  const AesSchedule schedule{cipher.mode == kModeCfb1 ? key.ek : key.rk,
+                             key.Nr};
+  aes_path().modes[cipher.mode - kModeEcb][direction](
+      schedule, vector, input, output, static_cast<std::size_t>(blocks));
+}
+
+int crypt_bits(cipherInstance* cipher, const keyInstance* key,
+               std::uint8_t direction, const std::uint8_t* input,
+               int input_bits, std::uint8_t* output) {
+  if (!is_usable(cipher, key, direction, kModeCfb1)) return kBadCipherState;
+  if (input == nullptr || input_bits < 1) return 0;
+  const int blocks = input_bits / kBlockBits;
+  crypt(*cipher, *key, direction, cipher->IV, input, blocks, output);
+  return blocks * kBlockBits;
+}
+
+// is_padding_good looks at every byte whatever it finds, so that its timing
+// does not tell where the padding went wrong.
+bool is_padding_good(const std::uint8_t (&block)[kAesBlockSize],
+                     std::uint8_t mode) {
+  const int pad_len = block[kBlockBytes - 1];
+  const int shortest = mode == kModeCbc ? 1 : 0;
+  int wrong = pad_len < shortest || pad_len >= kBlockBytes + shortest;
+  for (int i = 0; i < kBlockBytes; ++i) {
+    const int is_padding = i >= kBlockBytes - pad_len;
+    wrong |= is_padding & (block[i] != pad_len);
+  }
+  return wrong == 0;
+}
+
+}  // namespace
+
+int keyInit(keyInstance* key, std::uint8_t direction, int key_bits,
+            const char* key_material) {
+  if (key == nullptr) return kBadKeyInstance;
+  if (direction > kDirDecrypt) return kBadKeyDir;
+  if (!is_key_length(key_bits) || key_material == nullptr) {
+    return kBadKeyMaterial;
+  }
+
+  key->direction = direction;
+  key->keyLen = key_bits;
+  key->Nr = 0;
+  const std::size_t digits =
+      strnlen(key_material, static_cast<std::size_t>(key_bits / 4));
+  std::ranges::fill(key->keyMaterial, '\0');
+  std::copy_n(key_material, digits, key->keyMaterial);
+
+  Wiped<std::uint8_t[kMaxKeyMaterial / 2]> bytes;
+  if (!parse_hex(key->keyMaterial, bytes.value, key_bits / 8)) {
+    return kBadKeyMaterial;
+  }
+  key->Nr = expand_aes_key(bytes.value, key_bits, key->ek);
+  if (direction == kDirEncrypt) {
+    std::ranges::copy(key->ek, key->rk);
+  } else {
+    invert_aes_schedule(key->ek, key->Nr, key->rk);
+  }
+  return 1;
+}
+
+int cipherInit(cipherInstance* cipher, std::uint8_t mode, const char* iv) {
+  if (cipher == nullptr) return kBadCipherState;
+  if (mode < kModeEcb || mode > kModeCfb1) return kBadCipherMode;
+  cipher->mode = mode;
+  if (iv == nullptr) {
+    std::ranges::fill(cipher->IV, std::uint8_t{0});
+    return 1;
+  }
+  return parse_hex(iv, cipher->IV, kBlockBytes) ? 1 : kBadIv;
+}
+
+int blockEncrypt(cipherInstance* cipher, const keyInstance* key,
+                 const std::uint8_t* input, int input_bits,
+                 std::uint8_t* output) {
+  return crypt_bits(cipher, key, kDirEncrypt, input, input_bits, output);
+}
+
+int blockDecrypt(cipherInstance* cipher, const keyInstance* key,
+                 const std::uint8_t* input, int input_bits,
+                 std::uint8_t* output) {
+  return crypt_bits(cipher, key, kDirDecrypt, input, input_bits, output);
+}
+
+int padEncrypt(const cipherInstance* cipher, const keyInstance* key,
+               const std::uint8_t* input, int input_bytes,
+               std::uint8_t* output) {
+  if (!is_usable(cipher, key, kDirEncrypt, kModeCbc)) return kBadCipherState;
+  if (input == nullptr || input_bytes < 1) return 0;
+  const int blocks = input_bytes / kBlockBytes;
+  const int whole = blocks * kBlockBytes;
+  if (whole > INT32_MAX - kBlockBytes) return kBadData;
+
+  std::uint8_t vector[kAesBlockSize];
+  std::ranges::copy(cipher->IV, vector);
+  crypt(*cipher, *key, kDirEncrypt, vector, input, blocks, output);
+
+  const int tail = input_bytes - whole;
+  const int padLen = kBlockBytes - tail;
+  VELPROBE_ASSERT(kSource, padLen > 0 && padLen <= 16);
+  Wiped<std::uint8_t[kAesBlockSize]> last;
+  std::ranges::fill(last.value, static_cast<std::uint8_t>(padLen));
+  std::copy_n(input + whole, tail, last.value);
+  crypt(*cipher, *key, kDirEncrypt, vector, last.value, 1, output + whole);
+  return whole + kBlockBytes;
+}
+
+int padDecrypt(cipherInstance* cipher, const keyInstance* key,
+               const std::uint8_t* input, int input_bytes,
+               std::uint8_t* output) {
+  if (!is_usable(cipher, key, kDirDecrypt, kModeCbc)) return kBadCipherState;
+  if (input == nullptr || input_bytes < 1) return 0;
+  if (input_bytes % kBlockBytes != 0) return kBadData;
+  const int before = input_bytes - kBlockBytes;
+  crypt(*cipher, *key, kDirDecrypt, cipher->IV, input, before / kBlockBytes,
+        output);
+
+  // The last cipher block never reaches the cipher's vector.
+  std::uint8_t vector[kAesBlockSize];
+  std::ranges::copy(cipher->IV, vector);
+  Wiped<std::uint8_t[kAesBlockSize]> last;
+  crypt(*cipher, *key, kDirDecrypt, vector, input + before, 1, last.value);
+  if (!is_padding_good(last.value, cipher->mode)) return kBadData;
+  const int tail = kBlockBytes - last.value[kBlockBytes - 1];
+  std::copy_n(last.value, tail, output + before);
+  return before + tail;
+}
+
+int cipherUpdateRounds(const cipherInstance* cipher, const keyInstance* key,
+                       const std::uint8_t* input, int, std::uint8_t* output,
+                       int rounds) {
+  if (cipher == nullptr || key == nullptr) return kBadCipherState;
+  if (key->direction > kDirDecrypt) return kBadKeyDir;
+  if (!has_schedule(*key)) return kBadCipherState;
+  if (input == nullptr) return 0;
+
+  const bool encrypt = key->direction == kDirEncrypt;
+  const int full_rounds = encrypt ? std::min(rounds, key->Nr - 1)
+                                  : std::clamp(rounds, 0, key->Nr) - 1;
+  const AesEnding early = encrypt ? AesEnding::kNone : AesEnding::kKeyless;
+  const AesEnding ending = rounds == key->Nr ? AesEnding::kKeyed : early;
+  Wiped<std::uint8_t[kAesBlockSize]> block;
+  std::copy_n(input, kAesBlockSize, block.value);
+  aes_path().rounds[key->direction](AesSchedule{key->rk, key->Nr}, block.value,
+                                    full_rounds, ending);
+  std::ranges::copy(block.value, output);
+  return 1;
+}
+
+}  // namespace velprobe

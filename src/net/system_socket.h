@@ -1,0 +1,65 @@
+// What the sources of this room share around the system's socket calls.
+#ifndef VELPROBE_NET_SYSTEM_SOCKET_H_
+#define VELPROBE_NET_SYSTEM_SOCKET_H_
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
+
+#include "../util/error_text.h"
+#include "../util/owners.h"
+#include "address.h"
+#include "wait.h"
+
+namespace velprobe {
+
+// to_sockaddr builds the system's form of an address and a port.
+inline sockaddr_in to_sockaddr(const Ipv4Address& address, std::uint16_t port) {
+  sockaddr_in system_address{};
+  system_address.sin_family = AF_INET;
+  system_address.sin_port = htons(port);
+  std::memcpy(&system_address.sin_addr, address.data(), address.size());
+  return system_address;
+}
+
+// address_of and port_of take the system's form apart again.
+inline Ipv4Address address_of(const sockaddr_in& system_address) {
+  Ipv4Address address;
+  std::memcpy(address.data(), &system_address.sin_addr, address.size());
+  return address;
+}
+
+inline std::uint16_t port_of(const sockaddr_in& system_address) {
+  return ntohs(system_address.sin_port);
+}
+
+// as_sockaddr is the pointer that the system's calls take.
+inline sockaddr* as_sockaddr(sockaddr_in* address) {
+  return reinterpret_cast<sockaddr*>(address);
+}
+
+inline const sockaddr* as_sockaddr(const sockaddr_in* address) {
+  return reinterpret_cast<const sockaddr*>(address);
+}
+
+// waitable hands a fresh descriptor on unless select cannot hold it: then it is
+// closed and errno is EMFILE. None at all stays none.
+inline FileDescriptor waitable(int descriptor) {
+  FileDescriptor owner(descriptor);
+  if (!owner || fits_wait(descriptor)) return owner;
+  errno = EMFILE;
+  return {};
+}
+
+// os_failure is "what: the system's text".
+inline ErrorText os_failure(const char* what) {
+  return format_error_text("%s: %s", what, last_os_error_text());
+}
+
+}  // namespace velprobe
+
+#endif  // VELPROBE_NET_SYSTEM_SOCKET_H_

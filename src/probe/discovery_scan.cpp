@@ -1,0 +1,143 @@
+#include "discovery_scan.h"
+
+#include <netinet/in.h>
+
+#include <array>
+#include <cstddef>
+#include <cstring>
+#include <new>
+#include <utility>
+
+#include "../net/resolver.h"
+#include "../net/tcp.h"
+#include "../net/udp.h"
+#include "../util/owners.h"
+#include "address_set.h"
+#include "discovery_datagram.h"
+
+namespace velprobe {
+
+namespace {
+
+constexpr int kSilenceSeconds = 1;
+constexpr int kNumPasses = 3;
+constexpr std::size_t kFirstCapacity = 64;
+constexpr std::size_t kReceiveSize = 4096;
+
+// FoundServers is the result while it grows.
+struct FoundServers {
+  Text texts;
+  std::size_t used = 0;
+  std::size_t capacity = 0;
+  AddressSet addresses;
+};
+
+bool set_capacity(FoundServers& found, std::size_t capacity) {
+  Text larger(new (std::nothrow) char[capacity]);
+  if (!larger) return false;
+  if (found.used > 0) std::memcpy(larger.get(), found.texts.get(), found.used);
+  found.texts = std::move(larger);
+  found.capacity = capacity;
+  return true;
+}
+
+bool append(FoundServers& found, const Ipv4Address& server) {
+  const char* text = address_text(server);
+  const std::size_t size = std::strlen(text) + 1;
+  while (found.capacity - found.used < size) {
+    if (!set_capacity(found, found.capacity * 2)) return false;
+  }
+  if (!found.addresses.add(server)) return false;
+  std::memcpy(found.texts.get() + found.used, text, size);
+  found.used += size;
+  return true;
+}
+
+bool end_list(FoundServers& found) {
+  if (found.used == found.capacity &&
+      !set_capacity(found, found.capacity + 1)) {
+    return false;
+  }
+  found.texts[found.used] = '\0';
+  return true;
+}
+
+ErrorText send_queries(std::int32_t socket, const NicInfo* nics,
+                       std::uint16_t port) {
+  for (const NicInfo* nic = nics; nic->name[0] != '\0'; ++nic) {
+    Ipv4Address broadcast;
+    std::memcpy(broadcast.data(), &nic->broadcast.sin_addr, broadcast.size());
+    const DiscoveryDatagram query = build_discovery_query();
+    if (ErrorText error =
+            udp_send(socket, broadcast, port, query.data(), query.size())) {
+      return error;
+    }
+  }
+  return {};
+}
+
+// take_datagram receives one datagram; what is no answer never fails the scan.
+ErrorText take_datagram(std::int32_t socket, FoundServers& found) {
+  std::array<std::uint8_t, kReceiveSize> bytes;
+  ssize_t length = bytes.size();
+  Ipv4Address sender;
+  std::uint16_t sender_port;
+  if (udp_receive(socket, sender, sender_port, bytes.data(), length)) return {};
+  if (!is_discovery_answer(bytes.data(), static_cast<std::size_t>(length)) ||
+      found.addresses.contains(sender)) {
+    return {};
+  }
+  if (!append(found, sender)) return "Out of memory";
+  return {};
+}
+
+ErrorText collect_answers(std::int32_t socket, FoundServers& found) {
+  while (socket_wait_readable(socket, kSilenceSeconds)) {
+    if (ErrorText error = take_datagram(socket, found)) return error;
+  }
+  return {};
+}
+
+// broadcast_only_list stands in when no interface is known: the query then goes
+// to the limited broadcast address, 255.255.255.255.
+std::unique_ptr<NicInfo[]> broadcast_only_list() {
+  std::unique_ptr<NicInfo[]> nics(new (std::nothrow) NicInfo[2]());
+  if (!nics) return nullptr;
+  copy_bounded(nics[0].name, "dummy", sizeof nics[0].name);
+  nics[0].broadcast.sin_family = AF_INET;
+  nics[0].broadcast.sin_addr.s_addr = INADDR_BROADCAST;
+  return nics;
+}
+
+}  // namespace
+
+ErrorText scan_for_servers(std::uint16_t port, Text* found_servers) {
+  std::unique_ptr<NicInfo[]> nics = list_nics();
+  if (!nics || nics[0].name[0] == '\0') nics = broadcast_only_list();
+  if (!nics) return "No memory for small nic structure";
+  return scan_interfaces(nics.get(), port, found_servers);
+}
+
+ErrorText scan_interfaces(const NicInfo* nics, std::uint16_t port,
+                          Text* found_servers) {
+  if (found_servers == nullptr) return "found_servers must not be NULL";
+  found_servers->reset();
+  FoundServers found;
+  if (!set_capacity(found, kFirstCapacity)) return "Out of memory";
+
+  std::int32_t handle;
+  if (!udp_open(handle)) return "Could not create socket";
+  const FileDescriptor socket(handle);
+  if (ErrorText error = udp_set_broadcast(handle, true)) return error;
+
+  for (int pass = 0; pass < kNumPasses; ++pass) {
+    if (ErrorText error = send_queries(handle, nics, port)) return error;
+    if (ErrorText error = collect_answers(handle, found)) return error;
+  }
+
+  if (!end_list(found)) return "Out of memory";
+  *found_servers = std::move(found.texts);
+  return {};
+}
+
+}  // namespace velprobe

@@ -1,0 +1,69 @@
+// How a message is described, and the one writer and reader that serve them
+// all.
+#ifndef VELPROBE_PROTOCOL_MESSAGE_LAYOUT_H_
+#define VELPROBE_PROTOCOL_MESSAGE_LAYOUT_H_
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+
+#include "../util/error_text.h"
+#include "ber_stream.h"
+
+namespace velprobe {
+
+enum class FieldType {
+  kSigned,      // std::int32_t within minimum and maximum
+  kUnsigned,    // std::uint32_t within minimum and maximum
+  kEnumerated,  // std::uint32_t, any value
+  kBoolean,     // int, 0 or 1
+  kString,      // Text of at most maximum bytes
+  kBigNum,      // BigNumPtr
+};
+
+// FieldLayout describes one field of a message and where its member stands in
+// the record, in bytes from the record's start.
+struct FieldLayout {
+  const char* name;
+  FieldType type;
+  std::size_t offset;
+  std::int64_t minimum;
+  std::int64_t maximum;
+};
+
+enum class MessageKind {
+  kClosed,  // written and read as a whole
+  kOpen,    // only the head: the caller goes on inside it
+};
+
+// MessageLayout describes one message. A message without fields has no record:
+// its record_size is 0.
+struct MessageLayout {
+  const char* name;
+  std::uint32_t tag;
+  MessageKind kind;
+  std::span<const FieldLayout> fields;
+  std::size_t record_size;
+  // Construct a record in suitable memory, all fields zero or absent, and
+  // release what it holds.
+  void (*construct)(void* record);
+  void (*destroy)(void* record);
+};
+
+// write_message writes tag, indefinite length and fields, and closes a closed
+// message. A field that fails is named: "client_private_key.domain: %s".
+ErrorText write_message(BerStream& stream, const MessageLayout& layout,
+                        const void* record);
+
+// read_message reads what write_message writes; unknown fields at the end of a
+// closed message are passed over. tag is the message's tag if the caller has
+// read it, else 0. Fields read before a failure stay in the record.
+//   "Wrong tag (%d) encountered in read_NAME", with "_incomplete" behind the
+//   name of an open message, as in "Definite length read in read_NAME"; the
+//   field labels of write_message; the texts of the codec
+ErrorText read_message(BerStream& stream, const MessageLayout& layout,
+                       void* record, std::uint32_t tag);
+
+}  // namespace velprobe
+
+#endif  // VELPROBE_PROTOCOL_MESSAGE_LAYOUT_H_

@@ -1,0 +1,117 @@
+#include "socket_stream.h"
+
+#include <memory>
+#include <new>
+
+#include "../net/tcp.h"
+
+namespace velprobe {
+namespace {
+
+// SocketStream's members behind the table are its own business; state points
+// back at the whole.
+struct SocketStream : BerStream {
+  // 1 after a write that no flush or read has pushed out yet.
+  std::uint32_t output_pending;
+  std::int32_t socket;
+};
+
+SocketStream* own_state(BerStream* stream) {
+  return static_cast<SocketStream*>(stream->state);
+}
+
+ErrorText socket_read(BerStream* stream, void* buffer, std::size_t size) {
+  SocketStream* self = own_state(stream);
+  // A half-sent request would wait for its answer forever.
+  if (self->output_pending != 0)
+    static_cast<void>(stream->operations.flush(stream));
+
+  auto* next = static_cast<char*>(buffer);
+  while (size > 0) {
+    std::size_t received = 0;
+    if (ErrorText error = socket_recv(self->socket, next, size, received))
+      return format_error_text("Error receiving data: %s", error.c_str());
+    if (received == 0) return kPeerClosed;
+    next += received;
+    size -= received;
+  }
+  self->output_pending = 0;
+  return {};
+}
+
+ErrorText socket_write_buf(BerStream* stream, const void* bytes,
+                           std::size_t size) {
+  SocketStream* self = own_state(stream);
+  if (ErrorText error = socket_send(self->socket, bytes, size)) {
+    return format_error_text(
+        "socket_send returned error in socket_write_buf: %s", error.c_str());
+  }
+  self->output_pending = 1;
+  return {};
+}
+
+ErrorText socket_flush_output(BerStream* stream) {
+  SocketStream* self = own_state(stream);
+  if (ErrorText error = socket_flush(self->socket)) {
+    return format_error_text("socket_flush returned error: %s", error.c_str());
+  }
+  self->output_pending = 0;
+  return {};
+}
+
+bool socket_await(BerStream* stream, int seconds) {
+  return socket_wait_readable(own_state(stream)->socket, seconds);
+}
+
+void socket_hang_up(BerStream* stream) {
+  const std::unique_ptr<SocketStream> self(own_state(stream));
+  if (self->output_pending != 0)
+    static_cast<void>(stream->operations.flush(stream));
+  static_cast<void>(socket_close(self->socket));
+}
+
+std::unique_ptr<SocketStream> new_socket_stream() {
+  std::unique_ptr<SocketStream> stream(new (std::nothrow) SocketStream);
+  if (!stream) return nullptr;
+  stream->operations = {socket_read, socket_write_buf, socket_flush_output,
+                        socket_await, socket_hang_up};
+  stream->state = stream.get();
+  stream->output_pending = 0;
+  stream->socket = -1;
+  return stream;
+}
+
+constexpr const char* kOutOfMemory = "Error allocating memory";
+
+}  // namespace
+
+ErrorText socket_stream_open(BerStreamPtr& out_stream,
+                             const Ipv4Address& address, std::uint16_t port,
+                             std::uint32_t connect_flags) {
+  out_stream.reset();
+  std::unique_ptr<SocketStream> stream = new_socket_stream();
+  if (!stream) return kOutOfMemory;
+  if (ErrorText error = socket_connect(address, port, stream->socket,
+                                       connect_flags | CONNECT_CORK))
+    return error;
+  out_stream.reset(stream.release());
+  return {};
+}
+
+ErrorText socket_stream_adopt(BerStreamPtr& out_stream, std::int32_t socket) {
+  out_stream.reset();
+  std::unique_ptr<SocketStream> stream = new_socket_stream();
+  if (!stream) return kOutOfMemory;
+  if (ErrorText error =
+          socket_apply_flags(socket, CONNECT_NONBLOCKING | CONNECT_CORK))
+    return error;
+  stream->socket = socket;
+  out_stream.reset(stream.release());
+  return {};
+}
+
+std::int32_t socket_stream_handle(const BerStream& stream) {
+  return static_cast<const SocketStream&>(stream).socket;
+}
+
+}  // namespace velprobe

@@ -1,0 +1,40 @@
+// The stream that carries the agent protocol over a TCP connection.
+#ifndef VELPROBE_PROTOCOL_SOCKET_STREAM_H_
+#define VELPROBE_PROTOCOL_SOCKET_STREAM_H_
+
+#include <cstdint>
+
+#include "../net/address.h"
+#include "../util/error_text.h"
+#include "ber_stream.h"
+
+namespace velprobe {
+
+// socket_stream_open connects and hands the caller the stream. It keeps no
+// buffer: the socket is corked (CONNECT_CORK joins the caller's flags), the
+// kernel gathers the small writes of a message, and a flush, or the next read,
+// sends them. On failure out_stream is null.
+//   "Error allocating memory", or the text of socket_connect
+//
+// The stream's operations fail with "Error receiving data: %s",
+// "Peer closed connection unexpectedly",
+// "socket_send returned error in socket_write_buf: %s" and
+// "socket_flush returned error: %s".
+ErrorText socket_stream_open(BerStreamPtr& out_stream,
+                             const Ipv4Address& address, std::uint16_t port,
+                             std::uint32_t connect_flags);
+
+// socket_stream_adopt makes a stream of an accepted socket, which becomes
+// non-blocking and corked. The stream owns the socket from then on; on failure
+// it stays the caller's.
+//   "Error allocating memory", "Error setting socket to nonblocking: %s",
+//   "Error setting TCP_CORK: %s"
+ErrorText socket_stream_adopt(BerStreamPtr& out_stream, std::int32_t socket);
+
+// socket_stream_handle gives the socket under a stream that one of the two
+// above made. It stays the stream's.
+std::int32_t socket_stream_handle(const BerStream& stream);
+
+}  // namespace velprobe
+
+#endif  // VELPROBE_PROTOCOL_SOCKET_STREAM_H_

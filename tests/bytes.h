@@ -1,0 +1,34 @@
+// Bytes in tests: hexadecimal text to bytes and back.
+#ifndef VELPROBE_TESTS_BYTES_H_
+#define VELPROBE_TESTS_BYTES_H_
+
+#include <cstdio>
+#include <string>
+#include <string_view>
+
+namespace velprobe {
+
+// bytes_of reads pairs of hexadecimal digits; blanks between them are free.
+inline std::string bytes_of(std::string_view hex) {
+  std::string digits;
+  for (char c : hex)
+    if (c != ' ') digits += c;
+  std::string bytes;
+  for (std::size_t i = 0; i + 1 < digits.size(); i += 2)
+    bytes += static_cast<char>(std::stoi(digits.substr(i, 2), nullptr, 16));
+  return bytes;
+}
+
+inline std::string hex_of(std::string_view bytes) {
+  std::string hex;
+  for (unsigned char c : bytes) {
+    char pair[4];
+    std::snprintf(pair, sizeof pair, "%s%02X", hex.empty() ? "" : " ", c);
+    hex += pair;
+  }
+  return hex;
+}
+
+}  // namespace velprobe
+
+#endif  // VELPROBE_TESTS_BYTES_H_

@@ -1,0 +1,299 @@
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <optional>
+#include <string>
+
+#include "config/agent_config.h"
+#include "temp_folder.h"
+
+namespace velprobe {
+namespace {
+
+using std::string_literals::operator""s;
+using Value = std::optional<std::string>;
+
+struct Values {
+  Value domain = {}, name = {}, server_port = {}, server_list = {};
+  bool operator==(const Values&) const = default;
+};
+
+const Values kNone;
+const Values kAll = {"D", "N", "1", "S"};
+
+void set_values(const Values& values) {
+  const auto set = [](ConfigKeyPosition position, const Value& value) {
+    config_keys[position].value = value ? copy_text(*value) : nullptr;
+  };
+  set(kDomainKey, values.domain);
+  set(kNameKey, values.name);
+  set(kServerPortKey, values.server_port);
+  set(kServerListKey, values.server_list);
+}
+
+Values get_values() {
+  const auto get = [](ConfigKeyPosition position) {
+    const Text& value = config_keys[position].value;
+    return value ? Value(value.get()) : std::nullopt;
+  };
+  return {get(kDomainKey), get(kNameKey), get(kServerPortKey),
+          get(kServerListKey)};
+}
+
+// process gives the error's text, empty on success.
+std::string process(const std::string& path, ConfigMode mode) {
+  ErrorText error = process_config_file(path.c_str(), config_keys, mode);
+  return error ? error.c_str() : "";
+}
+
+std::string rewrite(const std::string& path, const Values& values) {
+  set_values(values);
+  return process(path, ConfigMode::kWrite);
+}
+
+mode_t mode_of(const std::string& path) {
+  struct stat status = {};
+  EXPECT_EQ(stat(path.c_str(), &status), 0) << path;
+  return status.st_mode & 07777;
+}
+
+// in_child tells whether a function returns true in a process of its own.
+template <typename Function>
+bool in_child(Function function) {
+  const pid_t child = fork();
+  if (child == 0) _exit(function() ? 0 : 1);
+  int status = -1;
+  return waitpid(child, &status, 0) == child && status == 0;
+}
+
+TEST(ConfigReadTest, Syntax) {
+  const std::string filler(505, 'x');
+  const struct {
+    std::string file;
+    Values want;
+  } cases[] = {
+      {"", kNone},
+      {"domain=d\nname=n\nserver_port=1\nserver_list=a,b\n",
+       {"d", "n", "1", "a,b"}},
+      {"name=  host1  \n", {.name = "host1  "}},  // blanks behind belong to it
+      {" \t name \v=\f x y\t\r\n", {.name = "x y\t"}},
+      {"name=a\r\r\n", {.name = "a"}},
+      {"name= \rb\n", {.name = "\rb"}},  // a line end stops the skipping
+      {"name=\nserver_port= \r\n", {{}, "", ""}},
+      {"name=a#b=c", {.name = "a#b=c"}},
+      {"name=a\nname=b\n", {.name = "b"}},
+      {"NAME=x\n=x\nname x\n #name=x\n#\nnames=x\nna me=x\n\n", kNone},
+      {"name=a\0b\n"s, {.name = "a"}},  // a NUL ends a value, but no line
+      {"\0name=a\nname\0=b\ndomain=d"s, {"d"}},
+      // A line of 511 bytes, and what is behind that is a line of its own.
+      {"name=" + filler + "\ndomain=d", {"d", filler}},
+      {"name=" + filler + "xdomain=d", {"d", filler + "x"}},
+  };
+  TempFolder folder;
+  for (const auto& row : cases) {
+    set_values(kNone);
+    EXPECT_EQ(process(folder.write("f", row.file), ConfigMode::kRead), "");
+    EXPECT_EQ(get_values(), row.want) << row.file;
+  }
+}
+
+TEST(ConfigReadTest, OnlyASuccessfulReadClearsTheSideFiles) {
+  TempFolder folder;
+  const std::string path = folder.path("agent%s.conf");
+  std::filesystem::create_directory(path);
+  folder.write("agent%s.conf.tmp", "t");
+  folder.write("agent%s.conf.bak", "b");
+  for (ConfigMode mode : {ConfigMode::kRead, ConfigMode::kWrite}) {
+    EXPECT_EQ(process(path, mode),
+              "Could not open configuration file " + path + ": Is a directory");
+    EXPECT_EQ(folder.read("agent%s.conf.tmp"), "t");
+    EXPECT_EQ(folder.read("agent%s.conf.bak"), "b");
+  }
+  std::filesystem::remove(path);
+  folder.write("agent%s.conf", "name=n");
+  EXPECT_EQ(process(path, ConfigMode::kRead), "");
+  EXPECT_EQ(folder.read("agent%s.conf.tmp"), std::nullopt);
+  EXPECT_EQ(folder.read("agent%s.conf.bak"), std::nullopt);
+}
+
+TEST(ConfigReadTest, AMissingFileIsAQuestion) {
+  TempFolder folder;
+  const std::string path = folder.path("f");
+  const std::string missing = "Could not open configuration file " + path +
+                              ": No such file or directory";
+  const struct {
+    const char* answer;
+    std::string want;
+  } cases[] = {{"y\n", ""},
+               {"yup\n", ""},
+               {"Y\n", missing},
+               {"\n", missing},
+               {"", "Error from input_line: fgets returned error"}};
+  for (const auto& row : cases) {
+    const std::string input = folder.write("input", row.answer);
+    ASSERT_NE(std::freopen(input.c_str(), "r", stdin), nullptr);
+    set_values({"kept"});
+    testing::internal::CaptureStdout();
+    const std::string error = process(path, ConfigMode::kRead);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "The configuration file " + path +
+                  " does not seem to exist, create one? (y/n) ");
+    EXPECT_EQ(error, row.want);
+    EXPECT_EQ(get_values(), Values{"kept"});
+    EXPECT_EQ(folder.read("f"), std::nullopt);
+  }
+  // Any other reason to fail is no question.
+  const std::string below = folder.path("input/f");
+  EXPECT_EQ(process(below, ConfigMode::kRead),
+            "Could not open configuration file " + below + ": Not a directory");
+}
+
+TEST(ConfigRewriteTest, ReplacesValuesAndKeepsEveryOtherByte) {
+  const std::string long_line(511, '#');
+  const struct {
+    Value file;
+    Values values;
+    Value want;
+    Values left;
+  } cases[] = {
+      {{}, kAll, "domain=D\nname=N\nserver_port=1\nserver_list=S\n", kAll},
+      {{}, {{}, "N", {}, ""}, "name=N\nserver_list=\n", {{}, "N", {}, ""}},
+      {"\t name =  old  \r\n# c\n\r\nx=1\n",
+       {.name = "N"},
+       "\t name =  N\r\n# c\n\r\nx=1\n",
+       kNone},
+      {"name=\nserver_list=a\nname x",
+       kAll,
+       "name=N\nserver_list=S\nname xdomain=D\nserver_port=1\n",
+       {"D", {}, "1"}},
+      {"\0\xff#\n\0name=x\nname=a\0b\r\n"s,
+       {.name = "N"},
+       "\0\xff#\n\0name=x\nname=N\0b\r\n"s,
+       kNone},
+      {long_line + "name=x\n", {.name = "N"}, long_line + "name=N\n", kNone},
+      {long_line + long_line, kNone, long_line + long_line, kNone},
+  };
+  for (const auto& row : cases) {
+    TempFolder folder;
+    if (row.file) folder.write("f", *row.file);
+    folder.write("f.bak", "stale");
+    folder.write("f.tmp", "stale");
+    EXPECT_EQ(rewrite(folder.path("f"), row.values), "");
+    EXPECT_EQ(folder.read("f"), row.want);
+    EXPECT_EQ(folder.read("f.bak"), row.file);
+    EXPECT_EQ(folder.read("f.tmp"), std::nullopt);
+    EXPECT_EQ(get_values(), row.left) << *row.want;
+  }
+}
+
+TEST(ConfigRewriteTest, AKeyWithoutValueLeavesTheFile) {
+  const struct {
+    const char *file, *key;
+  } cases[] = {{"name=a\ndomain=d\n", "domain"}, {"name=a\nname=a\n", "name"}};
+  for (const auto& row : cases) {
+    TempFolder folder;
+    EXPECT_EQ(rewrite(folder.write("f", row.file), {.name = "N"}),
+              "No value supplied for key "s + row.key);
+    EXPECT_EQ(folder.read("f"), row.file);
+  }
+}
+
+// Every length of the new file at which its writing may break off.
+TEST(ConfigRewriteTest, AFullDiskLeavesTheFile) {
+  TempFolder folder;
+  const std::string path = folder.write("f", "#12\nname=a\n#34\n");
+  const std::size_t whole = std::strlen("#12\nname=N\n#34\ndomain=D\n");
+  for (std::size_t room = 0; room < whole; ++room) {
+    EXPECT_TRUE(in_child([&] {
+      signal(SIGXFSZ, SIG_IGN);
+      const rlimit limit = {room, room};
+      setrlimit(RLIMIT_FSIZE, &limit);
+      return rewrite(path, {"D", "N"}) ==
+             "Error writing to " + path + ".tmp: File too large";
+    })) << room;
+    EXPECT_EQ(folder.read("f"), "#12\nname=a\n#34\n");
+    EXPECT_EQ(folder.read("f.bak"), std::nullopt);
+  }
+}
+
+TEST(ConfigRewriteTest, ABackupInTheWayLeavesTheFile) {
+  TempFolder folder;
+  const std::string path = folder.write("f", "name=a\n");
+  std::filesystem::create_directory(path + ".bak");
+  EXPECT_EQ(rewrite(path, {.name = "N"}), "Could not rename " + path + " to " +
+                                              path + ".bak: Is a directory");
+  EXPECT_EQ(folder.read("f"), "name=a\n");
+  EXPECT_EQ(folder.read("f.tmp"), "name=N\n");
+}
+
+TEST(ConfigRewriteTest, KeepsThePermissionBits) {
+  TempFolder folder;
+  EXPECT_TRUE(in_child([&] {
+    umask(027);
+    return rewrite(folder.path("new"), kAll).empty();
+  }));
+  EXPECT_EQ(mode_of(folder.path("new")), 0640u);
+
+  const std::string path = folder.write("f", "name=a\n");
+  for (mode_t mode : {0600u, 0466u, 04750u}) {
+    ASSERT_EQ(chmod(path.c_str(), mode), 0);
+    EXPECT_EQ(rewrite(path, {.name = "N"}), "");
+    EXPECT_EQ(mode_of(path), mode);
+  }
+}
+
+TEST(ConfigRewriteTest, TheTemporaryFileIsAlwaysANewOne) {
+  TempFolder folder;
+  const std::string path = folder.write("f", "name=a\n");
+  folder.write("victim", "v");
+  std::filesystem::create_symlink("victim", path + ".tmp");
+  EXPECT_EQ(rewrite(path, {.name = "N"}), "");
+  EXPECT_EQ(folder.read("victim"), "v");
+  EXPECT_FALSE(std::filesystem::is_symlink(path));
+
+  std::filesystem::create_directory(path + ".tmp");
+  EXPECT_EQ(rewrite(path, {.name = "M"}),
+            "Error opening " + path + ".tmp: File exists");
+  EXPECT_EQ(folder.read("f"), "name=N\n");
+}
+
+// Paths around the length from which the cut names are no names of their own.
+TEST(ConfigRewriteTest, LongPaths) {
+  TempFolder folder;
+  const std::string parent = folder.path(std::string(100, 'p')) + "/";
+  for (std::size_t length = 250; length <= 257; ++length) {
+    const bool fits = length < 254;
+    const std::string path = parent + std::string(length - parent.size(), 'f');
+    const std::string temp = (path + ".tmp").substr(0, 255);
+    const std::string backup = (path + ".bak").substr(0, 255);
+    const auto write_file = [](const std::string& name) {
+      std::ofstream(name) << "name=a\n";
+    };
+    const auto count_files = [&parent] {
+      using Walk = std::filesystem::directory_iterator;
+      return std::distance(Walk(parent), Walk());
+    };
+    std::filesystem::create_directory(parent);
+    write_file(path);
+    EXPECT_EQ(rewrite(path, {.name = "N"}),
+              fits ? "" : ("Error opening " + temp).substr(0, 255));
+    EXPECT_EQ(count_files(), fits ? 2 : 1);
+    write_file(temp);
+    write_file(backup);
+    const auto num_files = count_files();
+    EXPECT_EQ(process(path, ConfigMode::kRead), "");
+    EXPECT_EQ(count_files(), fits ? 1 : num_files);
+    EXPECT_EQ(get_values().name, fits ? "N" : "a");
+    std::filesystem::remove_all(parent);
+  }
+}
+
+}  // namespace
+}  // namespace velprobe

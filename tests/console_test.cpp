@@ -1,0 +1,142 @@
+#include "util/console.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <stdlib.h>
+#include <sys/wait.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "temp_folder.h"
+#include "util/owners.h"
+
+namespace velprobe {
+namespace {
+
+// read_until reads until what came ends with the given text, for at most ten
+// seconds each time.
+std::string read_until(int descriptor, const std::string& end) {
+  std::string text;
+  pollfd wait{descriptor, POLLIN, 0};
+  char c;
+  while (!text.ends_with(end) && poll(&wait, 1, 10000) == 1 &&
+         read(descriptor, &c, 1) == 1) {
+    text += c;
+  }
+  return text;
+}
+
+// in_child runs a function in a process without a controlling terminal; the
+// process ends well when the function returns true.
+template <typename Function>
+pid_t in_child(Function function) {
+  const pid_t child = fork();
+  if (child == 0) _exit(setsid() >= 0 && function() ? 0 : 1);
+  return child;
+}
+
+bool ended_well(pid_t child) {
+  int status = -1;
+  return waitpid(child, &status, 0) == child && status == 0;
+}
+
+TEST(InputLineTest, CutsAnswersAndKeepsTheRest) {
+  const struct {
+    std::string input;
+    std::vector<std::string> answers;  // to the end of input
+  } cases[] = {
+      {"", {}},
+      {"yes\nno\n", {"yes", "no"}},
+      {"\n\r\ny\r\n", {"", "", "y"}},
+      {"0123456789abcdefghij\nn", {"0123456", "789abcd", "efghij", "n"}},
+      {"1234567\n", {"1234567", ""}},
+      {" Y\rx\n", {" Y"}},
+  };
+  TempFolder folder;
+  for (const auto& row : cases) {
+    const std::string path = folder.write("input", row.input);
+    ASSERT_NE(std::freopen(path.c_str(), "r", stdin), nullptr);
+    char answer[8];
+    for (const std::string& want : row.answers) {
+      EXPECT_FALSE(input_line(answer, sizeof answer, ""));
+      EXPECT_EQ(answer, want) << row.input;
+    }
+    ErrorText error = input_line(answer, sizeof answer, "");
+    EXPECT_STREQ(error.c_str(), "fgets returned error") << row.input;
+  }
+}
+
+TEST(InputLineTest, ThePromptIsOutBeforeTheWait) {
+  int answers[2], prompts[2];
+  ASSERT_EQ(pipe(answers) + pipe(prompts), 0);
+  std::fflush(stdout);
+  const pid_t child = in_child([&] {
+    dup2(answers[0], 0);
+    dup2(prompts[1], 1);
+    std::setvbuf(stdout, nullptr, _IOFBF, 4096);
+    char answer[8];
+    return std::freopen("/dev/fd/0", "r", stdin) != nullptr &&
+           !input_line(answer, sizeof answer, "100%s? ") && *answer == 'y';
+  });
+  EXPECT_EQ(read_until(prompts[0], "? "), "100%s? ");
+  EXPECT_EQ(write(answers[1], "yes\n", 4), 4);
+  EXPECT_TRUE(ended_well(child));
+  for (int end : {answers[0], answers[1], prompts[0], prompts[1]}) close(end);
+}
+
+TEST(InputLineNoechoTest, NeedsATerminal) {
+  EXPECT_TRUE(ended_well(in_child([] {
+    char answer[8];
+    const ErrorText error = input_line_noecho(answer, 7, "Password: ");
+    return error && std::strcmp(error.c_str(), "Error opening /dev/tty") == 0;
+  })));
+}
+
+TEST(InputLineNoechoTest, HidesTheAnswerAndRestoresTheTerminal) {
+  const struct {
+    const char *typed, *error, *answer, *shown;
+  } cases[] = {
+      {"secret\n", nullptr, "secret", "Password: \r\n"},
+      {"in\003ter\034rupt\n", nullptr, "in\003ter\034rupt", "Password: \r\n"},
+      {"0123456789abcdefghij\n", nullptr, "0123456789abcdef", "Password: \r\n"},
+      {"\n", nullptr, "", "Password: \r\n"},
+      {"\004", "read returned 0", nullptr, "Password: "},
+  };
+  for (const auto& row : cases) {
+    const FileDescriptor screen(posix_openpt(O_RDWR | O_NOCTTY));
+    ASSERT_TRUE(screen);
+    ASSERT_EQ(grantpt(screen.get()) + unlockpt(screen.get()), 0);
+    const pid_t child = in_child([&] {
+      // The first terminal that a session leader opens is its own.
+      const int terminal = open(ptsname(screen.get()), O_RDWR);
+      termios before, after;
+      tcgetattr(terminal, &before);
+      char answer[17];
+      const ErrorText error = input_line_noecho(answer, 16, "Password: ");
+      tcgetattr(terminal, &after);
+      if (before.c_lflag != after.c_lflag) return false;
+      if (row.error != nullptr) {
+        return error && std::strcmp(error.c_str(), row.error) == 0;
+      }
+      fcntl(terminal, F_SETFL, O_NONBLOCK);
+      char rest;
+      return !error && std::strcmp(answer, row.answer) == 0 &&
+             read(terminal, &rest, 1) < 0;
+    });
+    std::string shown = read_until(screen.get(), "Password: ");
+    const ssize_t length = static_cast<ssize_t>(std::strlen(row.typed));
+    EXPECT_EQ(write(screen.get(), row.typed, std::strlen(row.typed)), length);
+    EXPECT_TRUE(ended_well(child)) << row.typed;
+    shown += read_until(screen.get(), "no more");
+    EXPECT_EQ(shown, row.shown) << row.typed;
+  }
+}
+
+}  // namespace
+}  // namespace velprobe

@@ -1,0 +1,121 @@
+// A server on loopback that says what a test tells it to, one client after the
+// other, and remembers what it heard.
+#ifndef VELPROBE_TESTS_SCRIPTED_PEER_H_
+#define VELPROBE_TESTS_SCRIPTED_PEER_H_
+
+#include <gtest/gtest.h>
+#include <linux/tcp.h>
+#include <netinet/in.h>
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <string>
+#include <thread>
+
+#include "net/listener.h"
+#include "net/tcp.h"
+
+namespace velprobe {
+
+struct Script {
+  // Hear this many bytes first; 0: whatever the client sends first.
+  std::size_t hear = 1;
+  std::string answer = {};
+  // Bytes a write, 0 for all at once; the writes do not gather.
+  std::size_t piece = 0;
+  // End with a reset instead of hearing the client out.
+  bool reset = false;
+};
+
+class ScriptedPeer {
+ public:
+  explicit ScriptedPeer(Script script) : script_(std::move(script)) {
+    EXPECT_FALSE(listen_on({127, 0, 0, 1}, 0, listener_));
+    EXPECT_TRUE(socket_local_address(listener_.get(), nullptr, &port_));
+    thread_ = std::thread([this] { serve(); });
+  }
+  ~ScriptedPeer() { stop(); }
+
+  void stop() {
+    stopping_ = true;
+    if (thread_.joinable()) thread_.join();
+  }
+
+  int port() const { return port_; }
+
+  // What the last client sent before and after the answer, and in how many
+  // segments; to be asked after stop().
+  const std::string& request() const { return request_; }
+  const std::string& rest() const { return rest_; }
+  unsigned data_segments() const { return data_segments_; }
+
+ private:
+  void serve() {
+    while (!stopping_) {
+      if (!socket_wait_readable(listener_.get(), 0)) {
+        usleep(2000);
+        continue;
+      }
+      FileDescriptor client;
+      Ipv4Address address{};
+      std::uint16_t port = 0;
+      if (accept_connection(listener_, client, address, port)) continue;
+      converse(client.get());
+    }
+  }
+
+  void converse(int client) {
+    const int on = 1;
+    setsockopt(client, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+    request_ = hear(client, script_.hear);
+    const std::size_t piece =
+        script_.piece == 0 ? script_.answer.size() : script_.piece;
+    for (std::size_t at = 0; at < script_.answer.size(); at += piece) {
+      const std::size_t size = std::min(piece, script_.answer.size() - at);
+      if (send(client, &script_.answer[at], size, MSG_NOSIGNAL) < 0) break;
+    }
+    if (script_.reset) {
+      const linger at_once = {1, 0};
+      setsockopt(client, SOL_SOCKET, SO_LINGER, &at_once, sizeof at_once);
+      return;
+    }
+    shutdown(client, SHUT_WR);
+    rest_ = hear(client, SIZE_MAX);
+    tcp_info info{};
+    socklen_t size = sizeof info;
+    getsockopt(client, IPPROTO_TCP, TCP_INFO, &info, &size);
+    data_segments_ = info.tcpi_data_segs_in;
+  }
+
+  std::string hear(int client, std::size_t size) {
+    std::string heard;
+    char buffer[4096];
+    while (heard.size() < size) {
+      if (!socket_wait_readable(client, 0)) {
+        if (stopping_) break;
+        usleep(1000);
+        continue;
+      }
+      const ssize_t count = recv(client, buffer, sizeof buffer, 0);
+      if (count <= 0) break;
+      heard.append(buffer, static_cast<std::size_t>(count));
+    }
+    return heard;
+  }
+
+  Script script_;
+  FileDescriptor listener_;
+  std::uint16_t port_ = 0;
+  std::thread thread_;
+  std::atomic<bool> stopping_ = false;
+  std::string request_;
+  std::string rest_;
+  unsigned data_segments_ = 0;
+};
+
+}  // namespace velprobe
+
+#endif  // VELPROBE_TESTS_SCRIPTED_PEER_H_

@@ -1,0 +1,91 @@
+// Public test vectors: where they are, and their common file forms.
+#ifndef VELPROBE_TESTS_VECTORS_H_
+#define VELPROBE_TESTS_VECTORS_H_
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <fstream>
+#include <map>
+#include <string>
+#include <vector>
+
+// Skips a test when the build was given no folder of vectors.
+#define SKIP_WITHOUT_VECTORS()         \
+  if (*VELPROBE_VECTORS == '\0')       \
+  GTEST_SKIP() << "no public vectors " \
+                  "here: configure with -DVELPROBE_VECTORS=<folder>"
+
+namespace velprobe {
+
+// Vector is one case: its fields by name, and the "[SECTION]" it stands in.
+struct Vector {
+  std::string section;
+  std::map<std::string, std::string> fields;
+  std::string where;  // file and line, for messages
+
+  const std::string& operator[](const std::string& name) const {
+    static const std::string absent;
+    const auto field = fields.find(name);
+    return field == fields.end() ? absent : field->second;
+  }
+};
+
+inline std::string trimmed(const std::string& text, const char* outside) {
+  const std::size_t first = text.find_first_not_of(outside);
+  if (first == std::string::npos) return "";
+  return text.substr(first, text.find_last_not_of(outside) - first + 1);
+}
+
+// read_vectors reads the cases of a file within the folder. A case is a run of
+// lines "KEY = value" that an empty line ends ("key": "value" and a brace in a
+// JSON file); lines from "#" on are comments. A file without cases is a
+// failure.
+inline std::vector<Vector> read_vectors(const std::string& file) {
+  const bool is_json = file.ends_with(".json");
+  const std::string outside = is_json ? " \t\r,\"" : " \t\r";
+  std::ifstream stream(std::string(VELPROBE_VECTORS) + "/" + file);
+  std::vector<Vector> vectors;
+  Vector vector;
+  std::string line;
+  for (int number = 1; std::getline(stream, line); ++number) {
+    line = trimmed(line, outside.c_str());
+    const std::size_t equals = line.find(is_json ? ':' : '=');
+    if (line.empty() || line == "}") {
+      if (!vector.fields.empty()) vectors.push_back(vector);
+      vector.fields.clear();
+    } else if (line[0] == '[' && !is_json) {
+      vector.section = trimmed(line, "[]");
+    } else if (line[0] != '#' && equals != std::string::npos) {
+      if (vector.fields.empty()) {
+        vector.where = file + ":" + std::to_string(number);
+      }
+      vector.fields[trimmed(line.substr(0, equals), outside.c_str())] =
+          trimmed(line.substr(equals + 1), outside.c_str());
+    }
+  }
+  if (!vector.fields.empty()) vectors.push_back(vector);
+  EXPECT_FALSE(vectors.empty()) << "no vectors in " << file;
+  return vectors;
+}
+
+inline std::string from_hex(const std::string& hex) {
+  std::string bytes;
+  for (std::size_t i = 0; i + 1 < hex.size(); i += 2) {
+    bytes += static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16));
+  }
+  return bytes;
+}
+
+inline std::string to_hex(const std::string& bytes) {
+  std::string hex;
+  for (char byte : bytes) {
+    hex += "0123456789abcdef"[static_cast<unsigned char>(byte) >> 4];
+    hex += "0123456789abcdef"[byte & 15];
+  }
+  return hex;
+}
+
+}  // namespace velprobe
+
+#endif  // VELPROBE_TESTS_VECTORS_H_

@@ -1,0 +1,20 @@
+#include <cstdio>
+#include <cstdlib>
+
+#include "../../src/util/standard_streams.h"
+#include "options.h"
+#include "server.h"
+
+int main(int argc, char** argv) {
+  using namespace velprobe;
+  if (!prepare_standard_streams()) return EXIT_FAILURE;
+  Options options;
+  if (const std::optional<int> status = parse_options(argc, argv, options)) {
+    return *status;
+  }
+  if (ErrorText error = run_server(options)) {
+    std::fprintf(stderr, "velstandin: %s\n", error.c_str());
+    return EXIT_FAILURE;
+  }
+  return EXIT_SUCCESS;
+}
