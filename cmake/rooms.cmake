@@ -7,6 +7,9 @@ target_compile_definitions(velprobe_policy INTERFACE
   _POSIX_C_SOURCE=200809L _DEFAULT_SOURCE
   VELPROBE_VERSION="${PROJECT_VERSION}")
 
+if(VELPROBE_FUZZ)
+  target_compile_options(velprobe_policy INTERFACE -fsanitize=fuzzer-no-link)
+endif()
 if(VELPROBE_SANITIZE)
   target_compile_options(velprobe_policy INTERFACE
     -fsanitize=${VELPROBE_SANITIZE} -fno-sanitize-recover=all
@@ -14,6 +17,8 @@ if(VELPROBE_SANITIZE)
   target_link_options(velprobe_policy INTERFACE
     -fsanitize=${VELPROBE_SANITIZE} -fno-sanitize-recover=all)
 endif()
+
+include(cmake/hardening.cmake)
 
 # velprobe_room(NAME SOURCES file... [BENEATH room...])
 #

@@ -2,11 +2,11 @@
 
 #include <fcntl.h>
 #include <netinet/tcp.h>
-#include <signal.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 
 #include "../util/owners.h"
 #include "system_socket.h"

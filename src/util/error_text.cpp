@@ -17,6 +17,8 @@ const char* format_error_text(const char* format, ...) {
   char* buffer = buffers[last_used].data();
   std::va_list arguments;
   va_start(arguments, format);
+  // va_start is lost on the analyzer.
+  // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized)
   std::vsnprintf(buffer, kErrorTextSize, format, arguments);
   va_end(arguments);
   return buffer;

@@ -29,13 +29,23 @@ VELPROBE_AESNI inline __m128i swap_words(__m128i words) {
                                               5, 6, 7, 0, 1, 2, 3));
 }
 
-// round_key gives one round key in block order. Turning it anew each time is
-// hidden behind the rounds' latency and leaves no copy of the schedule in
-// memory.
-VELPROBE_AESNI inline __m128i round_key(const AesSchedule& schedule,
-                                        int round) {
-  return swap_words(load(schedule.words + 4 * round));
-}
+// RoundKeys holds a schedule in block order, once for each call.
+struct RoundKeys {
+  VELPROBE_AESNI explicit RoundKeys(const AesSchedule& schedule)
+      : rounds(schedule.rounds) {
+    for (int round = 0; round <= rounds; ++round) {
+      keys[round] = swap_words(load(schedule.words + 4 * round));
+    }
+  }
+  RoundKeys(const RoundKeys&) = delete;
+  RoundKeys& operator=(const RoundKeys&) = delete;
+  ~RoundKeys() {
+    wipe_memory(keys, static_cast<std::size_t>(rounds + 1) * sizeof *keys);
+  }
+
+  int rounds;
+  __m128i keys[kAesMaxRounds + 1];
+};
 
 template <bool kDecrypt>
 VELPROBE_AESNI inline __m128i full_round(__m128i state, __m128i key) {
@@ -51,16 +61,15 @@ VELPROBE_AESNI inline __m128i final_round(__m128i state, __m128i key) {
 
 // transform takes kLanes independent blocks through all rounds side by side.
 template <bool kDecrypt, int kLanes>
-VELPROBE_AESNI inline void transform(const AesSchedule& schedule,
+VELPROBE_AESNI inline void transform(const RoundKeys& round_keys,
                                      __m128i (&lanes)[kLanes]) {
-  const __m128i first = round_key(schedule, 0);
-  for (__m128i& lane : lanes) lane = _mm_xor_si128(lane, first);
-  for (int round = 1; round < schedule.rounds; ++round) {
-    const __m128i key = round_key(schedule, round);
-    for (__m128i& lane : lanes) lane = full_round<kDecrypt>(lane, key);
+  const __m128i* key = round_keys.keys;
+  const __m128i* last = key + round_keys.rounds;
+  for (__m128i& lane : lanes) lane = _mm_xor_si128(lane, *key);
+  while (++key != last) {
+    for (__m128i& lane : lanes) lane = full_round<kDecrypt>(lane, *key);
   }
-  const __m128i last = round_key(schedule, schedule.rounds);
-  for (__m128i& lane : lanes) lane = final_round<kDecrypt>(lane, last);
+  for (__m128i& lane : lanes) lane = final_round<kDecrypt>(lane, *last);
 }
 
 // Run is what is left of a call's input and output.
@@ -77,11 +86,11 @@ struct Run {
 };
 
 template <bool kDecrypt, int kLanes>
-VELPROBE_AESNI inline void ecb_lanes(const AesSchedule& schedule, Run& run) {
+VELPROBE_AESNI inline void ecb_lanes(const RoundKeys& keys, Run& run) {
   for (; run.blocks >= kLanes; run.advance(kLanes)) {
     __m128i lanes[kLanes];
     for (int i = 0; i < kLanes; ++i) lanes[i] = load(run.input + 16 * i);
-    transform<kDecrypt>(schedule, lanes);
+    transform<kDecrypt>(keys, lanes);
     for (int i = 0; i < kLanes; ++i) store(lanes[i], run.output + 16 * i);
   }
 }
@@ -90,10 +99,11 @@ template <bool kDecrypt>
 VELPROBE_AESNI void ecb(const AesSchedule& schedule, std::uint8_t*,
                         const std::uint8_t* input, std::uint8_t* output,
                         std::size_t blocks) {
+  const RoundKeys keys(schedule);
   Run run{input, output, blocks};
-  ecb_lanes<kDecrypt, 8>(schedule, run);
-  ecb_lanes<kDecrypt, 4>(schedule, run);
-  ecb_lanes<kDecrypt, 1>(schedule, run);
+  ecb_lanes<kDecrypt, 8>(keys, run);
+  ecb_lanes<kDecrypt, 4>(keys, run);
+  ecb_lanes<kDecrypt, 1>(keys, run);
 }
 
 // Each block waits for the one before it. The first round key joins the plain
@@ -102,15 +112,15 @@ VELPROBE_AESNI void ecb(const AesSchedule& schedule, std::uint8_t*,
 VELPROBE_AESNI void cbc_encrypt(const AesSchedule& schedule,
                                 std::uint8_t* vector, const std::uint8_t* input,
                                 std::uint8_t* output, std::size_t blocks) {
+  const RoundKeys keys(schedule);
   __m128i chain = load(vector);
   for (Run run{input, output, blocks}; run.blocks > 0; run.advance(1)) {
-    const __m128i plain =
-        _mm_xor_si128(load(run.input), round_key(schedule, 0));
+    const __m128i plain = _mm_xor_si128(load(run.input), keys.keys[0]);
     chain = _mm_xor_si128(chain, plain);
-    for (int round = 1; round < schedule.rounds; ++round) {
-      chain = _mm_aesenc_si128(chain, round_key(schedule, round));
+    for (int round = 1; round < keys.rounds; ++round) {
+      chain = _mm_aesenc_si128(chain, keys.keys[round]);
     }
-    chain = _mm_aesenclast_si128(chain, round_key(schedule, schedule.rounds));
+    chain = _mm_aesenclast_si128(chain, keys.keys[keys.rounds]);
     store(chain, run.output);
   }
   store(chain, vector);
@@ -119,12 +129,12 @@ VELPROBE_AESNI void cbc_encrypt(const AesSchedule& schedule,
 // The input is read for the last time before the first store, since the output
 // may be the same memory.
 template <int kLanes>
-VELPROBE_AESNI inline void cbc_decrypt_lanes(const AesSchedule& schedule,
+VELPROBE_AESNI inline void cbc_decrypt_lanes(const RoundKeys& keys,
                                              __m128i& chain, Run& run) {
   for (; run.blocks >= kLanes; run.advance(kLanes)) {
     __m128i lanes[kLanes];
     for (int i = 0; i < kLanes; ++i) lanes[i] = load(run.input + 16 * i);
-    transform<true>(schedule, lanes);
+    transform<true>(keys, lanes);
     lanes[0] = _mm_xor_si128(lanes[0], chain);
     for (int i = 1; i < kLanes; ++i) {
       lanes[i] = _mm_xor_si128(lanes[i], load(run.input + 16 * (i - 1)));
@@ -137,11 +147,12 @@ VELPROBE_AESNI inline void cbc_decrypt_lanes(const AesSchedule& schedule,
 VELPROBE_AESNI void cbc_decrypt(const AesSchedule& schedule,
                                 std::uint8_t* vector, const std::uint8_t* input,
                                 std::uint8_t* output, std::size_t blocks) {
+  const RoundKeys keys(schedule);
   __m128i chain = load(vector);
   Run run{input, output, blocks};
-  cbc_decrypt_lanes<8>(schedule, chain, run);
-  cbc_decrypt_lanes<4>(schedule, chain, run);
-  cbc_decrypt_lanes<1>(schedule, chain, run);
+  cbc_decrypt_lanes<8>(keys, chain, run);
+  cbc_decrypt_lanes<4>(keys, chain, run);
+  cbc_decrypt_lanes<1>(keys, chain, run);
   store(chain, vector);
 }
 
@@ -178,6 +189,7 @@ VELPROBE_AESNI void cfb1_encrypt(const AesSchedule& schedule,
                                  std::uint8_t* vector,
                                  const std::uint8_t* input,
                                  std::uint8_t* output, std::size_t blocks) {
+  const RoundKeys keys(schedule);
   const __m128i one = _mm_cvtsi32_si128(1);
   ShiftVector chain = load_vector(vector);
   __m128i next = chain.block();
@@ -185,7 +197,7 @@ VELPROBE_AESNI void cfb1_encrypt(const AesSchedule& schedule,
     const unsigned in = input[i];
     for (int shift = 7; shift >= 0; --shift) {
       __m128i stream[1] = {next};
-      transform<false>(schedule, stream);
+      transform<false>(keys, stream);
       chain = chain.shifted(in >> shift & 1);
       next = _mm_xor_si128(
           chain.block(),
@@ -203,6 +215,7 @@ VELPROBE_AESNI void cfb1_decrypt(const AesSchedule& schedule,
                                  std::uint8_t* vector,
                                  const std::uint8_t* input,
                                  std::uint8_t* output, std::size_t blocks) {
+  const RoundKeys keys(schedule);
   ShiftVector chain = load_vector(vector);
   for (std::size_t i = 0; i < blocks * kAesBlockSize; ++i) {
     const unsigned in = input[i];
@@ -211,7 +224,7 @@ VELPROBE_AESNI void cfb1_decrypt(const AesSchedule& schedule,
       lanes[bit] = chain.block();
       chain = chain.shifted(in >> (7 - bit) & 1);
     }
-    transform<false>(schedule, lanes);
+    transform<false>(keys, lanes);
     unsigned stream = 0;
     for (__m128i lane : lanes) stream = stream << 1 | top_bit(lane);
     output[i] = static_cast<std::uint8_t>(in ^ stream);
@@ -222,13 +235,14 @@ VELPROBE_AESNI void cfb1_decrypt(const AesSchedule& schedule,
 template <bool kDecrypt>
 VELPROBE_AESNI void rounds(const AesSchedule& schedule, std::uint8_t* block,
                            int full_rounds, AesEnding ending) {
+  const RoundKeys keys(schedule);
   int round = 0;
-  __m128i state = _mm_xor_si128(load(block), round_key(schedule, round++));
+  __m128i state = _mm_xor_si128(load(block), keys.keys[round++]);
   while (round <= full_rounds) {
-    state = full_round<kDecrypt>(state, round_key(schedule, round++));
+    state = full_round<kDecrypt>(state, keys.keys[round++]);
   }
   if (ending == AesEnding::kKeyed) {
-    state = final_round<kDecrypt>(state, round_key(schedule, round));
+    state = final_round<kDecrypt>(state, keys.keys[round]);
   } else if (ending == AesEnding::kKeyless) {
     state = final_round<kDecrypt>(state, _mm_setzero_si128());
   }

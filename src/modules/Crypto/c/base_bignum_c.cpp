@@ -17,47 +17,50 @@ constexpr std::uint32_t kLimbBits = 32;
 constexpr std::uint64_t kTen19 = 10'000'000'000'000'000'000u;
 constexpr std::uint64_t kTen19Reciprocal = reciprocal_of(kTen19);
 
-// add_row adds n limbs times w to res; returns the carry into res[n].
-std::uint64_t add_row(std::uint32_t* res, const std::uint32_t* limbs,
-                      std::uint64_t n, std::uint64_t w) {
-  std::uint64_t carry = 0;
+// add_pair adds pair times w to two limbs of res; carry goes in and out.
+inline void add_pair(std::uint32_t* res, std::uint64_t pair, std::uint64_t w,
+                     std::uint64_t& carry) {
+  const Wide sum = Wide{pair} * w + load_pair(res) + carry;
+  store_pair(res, static_cast<std::uint64_t>(sum));
+  carry = static_cast<std::uint64_t>(sum >> 64);
+}
+
+// row adds n limbs, each XORed with the halves of mask, times w and a carry to
+// res; returns the carry into res[n].
+template <std::uint64_t mask>
+std::uint64_t row(std::uint32_t* res, const std::uint32_t* limbs,
+                  std::uint64_t n, std::uint64_t w, std::uint64_t carry) {
   std::uint64_t i = 0;
+  for (; i + 7 < n; i += 8) {
+    add_pair(res + i, load_pair(limbs + i) ^ mask, w, carry);
+    add_pair(res + i + 2, load_pair(limbs + i + 2) ^ mask, w, carry);
+    add_pair(res + i + 4, load_pair(limbs + i + 4) ^ mask, w, carry);
+    add_pair(res + i + 6, load_pair(limbs + i + 6) ^ mask, w, carry);
+  }
   for (; i + 1 < n; i += 2) {
-    const Wide sum =
-        Wide{load_pair(limbs + i)} * w + load_pair(res + i) + carry;
-    store_pair(res + i, static_cast<std::uint64_t>(sum));
-    carry = static_cast<std::uint64_t>(sum >> 64);
+    add_pair(res + i, load_pair(limbs + i) ^ mask, w, carry);
   }
   if (i < n) {
-    const Wide sum = Wide{limbs[i]} * w + res[i] + carry;
+    const std::uint32_t limb = limbs[i] ^ static_cast<std::uint32_t>(mask);
+    const Wide sum = Wide{limb} * w + res[i] + carry;
     res[i] = static_cast<std::uint32_t>(sum);
     carry = static_cast<std::uint64_t>(sum >> kLimbBits);
   }
   return carry;
 }
 
+// add_row adds n limbs times w to res; returns the carry into res[n].
+std::uint64_t add_row(std::uint32_t* res, const std::uint32_t* limbs,
+                      std::uint64_t n, std::uint64_t w) {
+  return row<0>(res, limbs, n, w, 0);
+}
+
 // subtract_row subtracts n limbs times w from res; returns the borrow from
-// res[n].
+// res[n]. With the complement c = 2^(32n) - 1 - limbs this is an addition:
+// res - limbs * w = res + c * w + w - w * 2^(32n).
 std::uint64_t subtract_row(std::uint32_t* res, const std::uint32_t* limbs,
                            std::uint64_t n, std::uint64_t w) {
-  std::uint64_t borrow = 0;
-  std::uint64_t i = 0;
-  for (; i + 1 < n; i += 2) {
-    const Wide product = Wide{load_pair(limbs + i)} * w + borrow;
-    const std::uint64_t low = static_cast<std::uint64_t>(product);
-    const std::uint64_t old = load_pair(res + i);
-    store_pair(res + i, old - low);
-    borrow = static_cast<std::uint64_t>(product >> 64) + (old < low ? 1 : 0);
-  }
-  if (i < n) {
-    const Wide product = Wide{limbs[i]} * w + borrow;
-    const std::uint32_t low = static_cast<std::uint32_t>(product);
-    const std::uint32_t old = res[i];
-    res[i] = old - low;
-    borrow =
-        static_cast<std::uint64_t>(product >> kLimbBits) + (old < low ? 1 : 0);
-  }
-  return borrow;
+  return w - row<~std::uint64_t{0}>(res, limbs, n, w, w);
 }
 
 // pair_below gives limbs end - 2 and end - 1; limbs outside the array are zero.
@@ -229,7 +232,7 @@ std::uint32_t base_sub_word(std::uint32_t* data, std::uint64_t n,
     data[i] = old - w;
     w = old < w ? 1 : 0;
   }
-  return w;
+  return w != 0 ? 1 : 0;
 }
 
 std::uint32_t base_big_add(std::uint32_t* a, std::uint64_t a_len,

@@ -3,19 +3,29 @@
 #ifndef VELPROBE_MODULES_CRYPTO_C_LIMB_PAIRS_H_
 #define VELPROBE_MODULES_CRYPTO_C_LIMB_PAIRS_H_
 
+#include <bit>
 #include <cstdint>
+#include <cstring>
 
 namespace velprobe {
 
 __extension__ using Wide = unsigned __int128;
 
-// load_pair and store_pair become one 64-bit access where the byte order
-// allows.
+// load_pair and store_pair are one 64-bit access where the byte order allows.
 inline std::uint64_t load_pair(const std::uint32_t* limbs) {
+  if constexpr (std::endian::native == std::endian::little) {
+    std::uint64_t pair;
+    std::memcpy(&pair, limbs, sizeof pair);
+    return pair;
+  }
   return limbs[0] | std::uint64_t{limbs[1]} << 32;
 }
 
 inline void store_pair(std::uint32_t* limbs, std::uint64_t pair) {
+  if constexpr (std::endian::native == std::endian::little) {
+    std::memcpy(limbs, &pair, sizeof pair);
+    return;
+  }
   limbs[0] = static_cast<std::uint32_t>(pair);
   limbs[1] = static_cast<std::uint32_t>(pair >> 32);
 }

@@ -52,8 +52,7 @@ bool is_usable(const cipherInstance* cipher, const keyInstance* key,
                std::uint8_t direction, std::uint8_t last_mode) {
   if (cipher == nullptr || key == nullptr || !has_schedule(*key)) return false;
   if (cipher->mode < kModeEcb || cipher->mode > last_mode) return false;
-  const bool takes_either =
-      direction == kDirDecrypt && cipher->mode == kModeCfb1;
+  const bool takes_either = cipher->mode == kModeCfb1;
   return key->direction == direction ||
          (takes_either && key->direction == kDirEncrypt);
 }

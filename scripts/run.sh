@@ -1,0 +1,56 @@
+#!/usr/bin/env bash
+# Builds velprobe and runs it.
+#
+#   scripts/run.sh                              a rehearsal against velstandin
+#   scripts/run.sh agent.conf test|configure    your own file
+#
+# Missing packages are installed first. With your own file, output and exit
+# status are velprobe's; everything else goes to standard error.
+set -euo pipefail
+
+root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+. "$root/scripts/packages.sh"
+
+build() {
+  need_packages "${build_packages[@]}"
+  (
+    cd "$root"
+    cmake --preset release -B "$root/build/run" -DVELPROBE_TESTS=OFF
+    cmake --build "$root/build/run" --target velprobe velstandin
+  ) >"$log" 2>&1 || {
+    cat "$log" >&2
+    exit 1
+  }
+}
+
+rehearse() {
+  velstandin --port 0 --no-discovery --sessions 1 >"$work/standin" &
+  local standin=$! line=
+  for _ in $(seq 100); do
+    line=$(head -n 1 "$work/standin")
+    [ -n "$line" ] && break
+    sleep 0.05
+  done
+  sed "s/^server_port=.*/server_port=${line##*:}/" \
+    "$root/docs/agent.conf.sample" >"$work/agent.conf"
+
+  echo "\$ velprobe agent.conf test"
+  local status=0
+  (cd "$work" && velprobe agent.conf test) || status=$?
+  echo "exit status: $status"
+  wait "$standin"
+  echo "velstandin saw:"
+  cat "$work/standin"
+}
+
+work=$(mktemp -d)
+trap 'rm -rf "$work"; kill $(jobs -p) 2>/dev/null || true' EXIT
+log=$work/build.log
+build
+PATH=$root/build/run/src/driver:$root/build/run/tools/standin:$PATH
+
+if [ $# -eq 0 ]; then
+  rehearse
+else
+  velprobe "$@"
+fi

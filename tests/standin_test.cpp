@@ -1,0 +1,191 @@
+// velprobe and velstandin, the built programs, with each other.
+#include <gtest/gtest.h>
+#include <net/if.h>
+#include <sched.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+
+#include <regex>
+#include <string>
+#include <vector>
+
+#include "net/tcp.h"
+#include "program.h"
+#include "temp_folder.h"
+
+namespace velprobe {
+namespace {
+
+using Words = std::vector<std::string>;
+
+class Standin : public testing::Test {
+ protected:
+  // Starts velstandin on a port of the system's choice.
+  Program& start(Words options) {
+    options.insert(options.begin(), {VELSTANDIN_PROGRAM, "--port", "0"});
+    server_.emplace(std::move(options));
+    const std::string& line = server_->read_until("\n");
+    EXPECT_TRUE(line.starts_with("Listening on 127.0.0.1:")) << line;
+    const std::size_t colon = line.rfind(':');
+    port_ = line.substr(colon + 1, line.find('\n') - colon - 1);
+    return *server_;
+  }
+  std::string write_config(const std::string& lines) {
+    return folder_.write("agent.conf", lines + "\nserver_port=" + port_ + "\n");
+  }
+  std::string probe(const std::string& lines) {
+    return run({VELPROBE_PROGRAM, write_config(lines), "test"}).output;
+  }
+
+  TempFolder folder_;
+  std::optional<Program> server_;
+  std::string port_;
+};
+
+// The lines about sessions, without the peers' ports.
+std::string sessions(const std::string& output) {
+  static const std::regex peer("127\\.0\\.0\\.1:[0-9]+: ");
+  return std::regex_replace(output.substr(output.find('\n') + 1), peer, "");
+}
+
+TEST_F(Standin, AnswersAsItIsTold) {
+  const std::string asked = "version 0x0202, name \"a\", domain \"d\"; ";
+  const struct {
+    Words options;
+    std::string verdict;
+    std::string session;
+  } rows[] = {
+      {{},
+       "Connecting to server: OK.",
+       "offered version 0x0202, private-key; acknowledged"},
+      {{"--node", "b", "--node", "a"},
+       "Connecting to server: OK.",
+       "offered version 0x0202, private-key; acknowledged"},
+      {{"--node", "b", "--reason", "%s?"},
+       "Veltra Server rejected us: %s?",
+       "refused: \"%s?\"; hung up"},
+      {{"--offer-version", "0x02FF"},
+       "Connecting to server: OK.",
+       "offered version 0x02FF, private-key; acknowledged"},
+      {{"--offer-version", "770"},
+       "Veltra Server does not support our protocol version. Upgrade the "
+       "Veltra Server, or downgrade the Veltra Agent.",
+       "offered version 0x0302, private-key; hung up without acknowledging"},
+      {{"--auth", "password"},
+       "Veltra Server does not support private key authentication.  Upgrade "
+       "the Veltra Server.",
+       "offered version 0x0202, password; hung up without acknowledging"},
+      {{"--auth", "none"},
+       "Veltra Server does not support private key authentication.  Upgrade "
+       "the Veltra Server.",
+       "offered version 0x0202, none; hung up without acknowledging"},
+  };
+  for (const auto& row : rows) {
+    Words options = row.options;
+    options.insert(options.end(), {"--sessions", "1", "--no-discovery"});
+    Program& server = start(options);
+    const std::string shown = probe("name=a\ndomain=d\nserver_list=127.0.0.1");
+    EXPECT_NE(shown.find("...\n" + row.verdict + "\n"), std::string::npos)
+        << shown;
+    EXPECT_EQ(sessions(server.output()), asked + row.session + "\n");
+    EXPECT_EQ(server.wait(), 0);
+  }
+}
+
+TEST_F(Standin, KeepsOneLineOneLine) {
+  Program& server = start({"--sessions", "1"});
+  probe("name=a\033[2J\rb\nserver_list=127.0.0.1");
+  EXPECT_NE(server.output().find("name \"a?[2J?b\""), std::string::npos);
+}
+
+TEST_F(Standin, EndsAtASignalEvenInASession) {
+  for (const bool in_session : {false, true}) {
+    for (const int signal : {SIGINT, SIGTERM}) {
+      Program& server = start({});
+      std::int32_t client = -1;
+      const auto port = static_cast<std::uint16_t>(std::stoi(port_));
+      if (in_session) {
+        ASSERT_FALSE(socket_connect({127, 0, 0, 1}, port, client, 0));
+        ASSERT_FALSE(socket_send(client, "\x60", 1));
+        usleep(50000);
+      }
+      server.kill(signal);
+      EXPECT_EQ(
+          sessions(server.output()),
+          in_session ? "no request; not answered; cut off: stopping\n" : "");
+      EXPECT_EQ(server.wait(), 0);
+      if (in_session) {
+        EXPECT_FALSE(socket_close(client));
+      }
+    }
+  }
+}
+
+TEST_F(Standin, RefusesBadUsage) {
+  const Words rows[] = {
+      {"--port", "65536"},
+      {"--port", "12x"},
+      {"--listen", "localhost"},
+      {"--offer-version", "-1"},
+      {"--auth", "key"},
+      {"--sessions", "0"},
+      {"--node", ""},
+      {"--nonsense"},
+      {"--reason"},
+      {"stray"},
+      {"--reason", std::string(1025, 'r')},
+  };
+  for (Words words : rows) {
+    words.insert(words.begin(), VELSTANDIN_PROGRAM);
+    const Finished result = run(words);
+    EXPECT_EQ(result.status, 2) << words[1];
+    EXPECT_FALSE(result.output.empty());
+  }
+  for (const char* word : {"--help", "--version"}) {
+    const Finished result =
+        run({VELSTANDIN_PROGRAM, word}, {.prepare = [] { close(2); }});
+    EXPECT_EQ(result.status, 0);
+    EXPECT_NE(result.output.find("velstandin"), std::string::npos);
+  }
+}
+
+// Scans broadcast on every interface, so this one runs where there is none but
+// loopback.
+TEST_F(Standin, IsFoundByAScan) {
+  const auto enter_empty_network = [] {
+    if (unshare(CLONE_NEWUSER | CLONE_NEWNET) != 0) _exit(77);
+    const int socket = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    ifreq loopback{};
+    std::snprintf(loopback.ifr_name, sizeof loopback.ifr_name, "lo");
+    ioctl(socket, SIOCGIFFLAGS, &loopback);
+    loopback.ifr_flags |= IFF_UP;
+    if (ioctl(socket, SIOCSIFFLAGS, &loopback) != 0) _exit(77);
+  };
+  port_ = "3241";
+  const std::string path = write_config("name=a\nserver_list=localhost");
+  const std::string script =
+      std::string(VELSTANDIN_PROGRAM) + " --sessions 1 >\"$0.log\" & " +
+      "while ! grep -qs Listening \"$0.log\"; do sleep 0.05; done; " +
+      VELPROBE_PROGRAM + " \"$0\" configure";
+  const Finished result = run({"/bin/sh", "-c", script, path},
+                              {.input = "y\n", .prepare = enter_empty_network});
+  if (result.status == 77) {
+    GTEST_SKIP() << "this system allows no network of one's own";
+  }
+  EXPECT_EQ(result.output,
+            "Will scan for a Veltra Server listening on port 3241...\n"
+            "Found Veltra server \"127.0.0.1\"\n\n"
+            "Trying to connect to Veltra server \"127.0.0.1\" on port 3241 "
+            "...\nConnecting to server: OK.\n\n"
+            "Found the following working settings:\n\n"
+            "Veltra server name: \"127.0.0.1\"\nVeltra agent name: \"a\"\n"
+            "Veltra agent domain: \".\"\n\n"
+            "Do you want to update the configuration file of this Veltra "
+            "agent\nwith the above information? (y/N) Updating \"" +
+                path + "\" ...\nConfiguration succesfully updated.\n");
+  EXPECT_EQ(folder_.read("agent.conf"),
+            "name=a\nserver_list=127.0.0.1\nserver_port=3241\ndomain=.\n");
+}
+
+}  // namespace
+}  // namespace velprobe
