@@ -2,7 +2,9 @@
 
 add_library(velprobe_policy INTERFACE)
 target_compile_options(velprobe_policy INTERFACE
-  -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Werror)
+  -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Werror
+  # No folder's name gets into what is built.
+  -ffile-prefix-map=${PROJECT_SOURCE_DIR}/=)
 target_compile_definitions(velprobe_policy INTERFACE
   _POSIX_C_SOURCE=200809L _DEFAULT_SOURCE
   VELPROBE_VERSION="${PROJECT_VERSION}")
@@ -13,7 +15,9 @@ endif()
 if(VELPROBE_SANITIZE)
   target_compile_options(velprobe_policy INTERFACE
     -fsanitize=${VELPROBE_SANITIZE} -fno-sanitize-recover=all
-    -fno-omit-frame-pointer)
+    -fno-omit-frame-pointer
+    # Instrumented library code looks uninitialised to g++.
+    $<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized>)
   target_link_options(velprobe_policy INTERFACE
     -fsanitize=${VELPROBE_SANITIZE} -fno-sanitize-recover=all)
 endif()

@@ -145,161 +145,64 @@ TEST(BigNum, TopBitAndComparisonWithWords) {
 
 // One row runs one operation at the edge of its room.
 TEST(BigNum, RoomIsCheckedBeforeAnythingChanges) {
-  Fixed two_limbs({5, 6});
-  Fixed zero({});
+  using Operation = std::function<int(BigNum*)>;
+  Fixed two_limbs({5, 6}), zero({}), five({5}), seven({7});
   BigNum* const two = two_limbs;
-  BigNum* const nothing = zero;
+  const auto left = [](std::uint64_t n) -> Operation {
+    return [n](BigNum* a) { return bn_shift_left(a, n); };
+  };
+  const auto power = [](std::uint64_t b) -> Operation {
+    return [b](BigNum* a) { return bn_set_power_of_two(a, b); };
+  };
+  const auto word = [](std::uint32_t w) -> Operation {
+    return [w](BigNum* a) { return bn_set_word(a, w); };
+  };
+  const auto quotient = [two](BigNum* b) -> Operation {
+    return [two, b](BigNum* a) { return bn_or_quotient(a, two, b); };
+  };
+  const Operation add = [=](BigNum* a) { return bn_add(a, two); };
+  const Operation copy = [=](BigNum* a) { return bn_copy_into(a, two); };
+  const Operation join = [=](BigNum* a) { return bn_or(a, two), 0; };
+  const Operation right1 = [](BigNum* a) { return bn_shift_right1(a), 0; };
+  const Operation right64 = [](BigNum* a) { return bn_shift_right(a, 64), 0; };
+  const Operation mod = [&](BigNum* a) { return bn_mod(a, zero, two_limbs); };
   struct {
-    const char* what;
     Limbs limbs;
     std::size_t size;
-    std::function<int(BigNum*)> run;
+    Operation run;
     int rc;
     Limbs memory;
     std::uint64_t len;
   } const kRows[] = {
-      {"add", {1}, 2, [=](BigNum* a) { return bn_add(a, two); }, -1, {1, 0}, 1},
-      {"add",
-       {1},
-       3,
-       [=](BigNum* a) { return bn_add(a, two); },
-       0,
-       {6, 6, 0},
-       2},
-      {"or", {1}, 2, [=](BigNum* a) { return bn_or(a, two), 0; }, 0, {5, 6}, 2},
-      {"right1",
-       {3, 1},
-       2,
-       [](BigNum* a) { return bn_shift_right1(a), 0; },
-       0,
-       {0x80000001, 0},
-       1},
-      {"right",
-       {3, 1},
-       2,
-       [](BigNum* a) { return bn_shift_right(a, 64), 0; },
-       0,
-       {0, 0},
-       0},
-      {"left",
-       {1},
-       1,
-       [](BigNum* a) { return bn_shift_left(a, 31); },
-       0,
-       {0x80000000},
-       1},
-      {"left",
-       {3},
-       1,
-       [](BigNum* a) { return bn_shift_left(a, 95); },
-       -1,
-       {3},
-       4},
-      {"left",
-       {3, 0, 0},
-       3,
-       [](BigNum* a) { return bn_shift_left(a, 33); },
-       0,
-       {0, 6, 0},
-       2},
-      {"left",
-       {3},
-       1,
-       [](BigNum* a) { return bn_shift_left(a, ~0ull - 1); },
-       -1,
-       {3},
-       0x800000000000000},
-      {"left 0",
-       {},
-       1,
-       [](BigNum* a) { return bn_shift_left(a, 31); },
-       0,
-       {0},
-       0},
-      {"left 0",
-       {},
-       1,
-       [](BigNum* a) { return bn_shift_left(a, 32); },
-       -1,
-       {0},
-       2},
-      {"left1",
-       {0x80000001},
-       1,
-       [](BigNum* a) { return bn_shift_left1(a); },
-       -1,
-       {0x80000001},
-       2},
-      {"left1",
-       {0x80000001},
-       2,
-       [](BigNum* a) { return bn_shift_left1(a); },
-       0,
-       {2, 1},
-       2},
-      {"power",
-       {9},
-       1,
-       [](BigNum* a) { return bn_set_power_of_two(a, 32); },
-       -1,
-       {9},
-       1},
-      {"power",
-       {9, 9},
-       2,
-       [](BigNum* a) { return bn_set_power_of_two(a, 31); },
-       0,
-       {0x80000000, 0},
-       1},
-      {"word",
-       {9, 9},
-       2,
-       [](BigNum* a) { return bn_set_word(a, 0); },
-       0,
-       {0, 0},
-       1},
-      {"word", {}, 0, [](BigNum* a) { return bn_set_word(a, 1); }, -1, {}, 0},
-      {"copy",
-       {9},
-       1,
-       [=](BigNum* a) { return bn_copy_into(a, two); },
-       -1,
-       {9},
-       1},
-      {"copy",
-       {9, 9, 9},
-       3,
-       [=](BigNum* a) { return bn_copy_into(a, two); },
-       0,
-       {5, 6, 0},
-       2},
-      {"mod 0",
-       {9},
-       2,
-       [=](BigNum* a) { return bn_mod(a, nothing, two); },
-       -1,
-       {9, 0},
-       1},
-      {"or quotient",
-       {8},
-       1,
-       [=](BigNum* a) { return bn_or_quotient(a, two, Fixed({5})); },
-       -1,
-       {8},
-       1},
-      {"or quotient",
-       {2},
-       1,
-       [=](BigNum* a) { return bn_or_quotient(a, two, Fixed({7})); },
-       0,
-       {0xDB6DB6DC | 2},
-       1},
+      {{1}, 2, add, -1, {1, 0}, 1},
+      {{1}, 3, add, 0, {6, 6, 0}, 2},
+      {{2}, 2, join, 0, {7, 6}, 2},
+      {{3, 1}, 2, right1, 0, {0x80000001, 0}, 1},
+      {{3, 1}, 2, right64, 0, {0, 0}, 0},
+      {{1}, 1, left(31), 0, {0x80000000}, 1},
+      {{3}, 1, left(95), -1, {3}, 4},
+      {{3, 0, 0}, 3, left(33), 0, {0, 6, 0}, 2},
+      {{3}, 1, left(~0ull - 1), -1, {3}, 0x800000000000000},
+      {{}, 1, left(31), 0, {0}, 0},
+      {{}, 1, left(32), -1, {0}, 2},
+      {{0x80000001}, 1, bn_shift_left1, -1, {0x80000001}, 2},
+      {{0x80000001}, 2, bn_shift_left1, 0, {2, 1}, 2},
+      {{9}, 1, power(32), -1, {9}, 1},
+      {{9, 9}, 2, power(31), 0, {0x80000000, 0}, 1},
+      {{9, 9}, 2, word(0), 0, {0, 0}, 1},
+      {{}, 0, word(1), -1, {}, 0},
+      {{9}, 1, copy, -1, {9}, 1},
+      {{9, 9, 9}, 3, copy, 0, {5, 6, 0}, 2},
+      {{9}, 2, mod, -1, {9, 0}, 1},
+      {{8}, 1, quotient(five), -1, {8}, 1},
+      {{2}, 1, quotient(seven), 0, {0xDB6DB6DC | 2}, 1},
   };
   for (const auto& row : kRows) {
+    SCOPED_TRACE(&row - kRows);
     Fixed num(row.limbs, row.size);
-    EXPECT_EQ(row.run(num), row.rc) << row.what;
-    EXPECT_EQ(num.memory, row.memory) << row.what;
-    EXPECT_EQ(num.num.len, row.len) << row.what;
+    EXPECT_EQ(row.run(num), row.rc);
+    EXPECT_EQ(num.memory, row.memory);
+    EXPECT_EQ(num.num.len, row.len);
   }
 }
 
@@ -391,18 +294,28 @@ TEST(BigNum, Decimal) {
   }
 }
 
-// A numerator and a divisor for which the estimate of a quotient digit from the
-// leading words is one too large: the row is added back.
-TEST(BigNum, DivisionCorrectsAnEstimateThatIsTooLarge) {
-  Fixed divisor({0xFFFFFFFF, 0, 0, 0, 0, 0x80000000});
-  Fixed quotient({0xFFFFFFFE, 0xFFFFFFFF, 0xFFFFFFFF, 0x7FFFFFFF});
-  const BigNumPtr product = bn_mul(divisor, quotient);
-  const BigNumPtr numerator = bn_dup(product.get());
-  Fixed rest({0xFFFFFFFE, 0, 0, 0, 0, 0x80000000});
-  ASSERT_EQ(bn_add(numerator.get(), rest), 0);
-  EXPECT_EQ(value_of(bn_div(numerator.get(), divisor).get()),
-            value_of(quotient));
-  EXPECT_EQ(value_of(bn_div(product.get(), divisor).get()), value_of(quotient));
+// Where the leading words mislead: the estimate of a quotient digit is one too
+// large, so that a row is added back, or it would not fit into 64 bits.
+TEST(BigNum, DivisionSurvivesMisleadingLeadingWords) {
+  struct {
+    Limbs divisor, quotient, rest;
+  } const kRows[] = {
+      {{0xFFFFFFFF, 0, 0, 0, 0, 0x80000000},
+       {0xFFFFFFFE, 0xFFFFFFFF, 0xFFFFFFFF, 0x7FFFFFFF},
+       {0xFFFFFFFE, 0, 0, 0, 0, 0x80000000}},
+      {{5, 0, 0, 0, 0, 0x80000000},
+       {0xFFFFFFFF, 0xFFFFFFFF},
+       {4, 0, 0, 0, 0, 0x80000000}},
+      {{5, 6, 0xFFFFFFFF, 0xFFFFFFFF, 0xFFFFFFFF, 0xFFFFFFFF},
+       {0xFFFFFFFF, 0xFFFFFFFF, 0xFFFFFFFF, 0xFFFFFFFF, 1},
+       {4, 6, 0xFFFFFFFF, 0xFFFFFFFF, 0xFFFFFFFF, 0xFFFFFFFF}},
+  };
+  for (const auto& row : kRows) {
+    Fixed divisor(row.divisor), quotient(row.quotient), rest(row.rest);
+    const BigNumPtr numerator = bn_mul(divisor, quotient);
+    ASSERT_EQ(bn_add(numerator.get(), rest), 0);
+    EXPECT_EQ(value_of(bn_div(numerator.get(), divisor).get()), row.quotient);
+  }
 }
 
 // Random numbers, with runs of equal limbs more often than chance has them:

@@ -245,6 +245,8 @@ TEST(Primes, SearchFollowsTheDraws) {
       // From 115 the search leaves the range, and draws anew.
       {"64", "74", "6", {15, 3}, 2, "67"},
       {"80000000", "ffffffff", "2", {0}, 1, "8000000b"},
+      // 104 is made odd first: 105 becomes 106, and 113 follows.
+      {"64", "7f", "7", {4}, 1, "71"},
       // The range includes its upper end: 23 = 4 * 5 + 3 draws 21, then 23.
       {"14", "17", "2", {0}, 1, "17"},
   };

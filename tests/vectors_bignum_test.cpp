@@ -104,31 +104,6 @@ void check_sum(const Fields& fields) {
   EXPECT_TRUE(bn_equal(sum.get(), a.get()));
 }
 
-void check_shift(const Fields& fields) {
-  const BigNumPtr a = number(fields.at("A"));
-  const BigNumPtr moved = bn_copy(a.get(), 2000);
-  std::uint64_t n = 1;
-  if (fields.count("N") != 0) n = std::stoul(fields.at("N"), nullptr, 16);
-  if (fields.count("RShift") != 0) {
-    bn_shift_right(moved.get(), n);
-    EXPECT_TRUE(bn_equal(moved.get(), number(fields.at("RShift")).get()));
-    return;
-  }
-  ASSERT_EQ(bn_shift_left(moved.get(), n), 0);
-  const char* key = fields.count("LShift1") != 0 ? "LShift1" : "LShift";
-  EXPECT_TRUE(bn_equal(moved.get(), number(fields.at(key)).get()));
-}
-
-void check_mod_mul(const Fields& fields) {
-  const BigNumPtr a = number(fields.at("A"));
-  const BigNumPtr m = number(fields.at("M"));
-  const bool squared = fields.count("ModSquare") != 0;
-  const BigNumPtr b = number(fields.at(squared ? "A" : "B"));
-  EXPECT_TRUE(
-      bn_equal(modulo(bn_mul(a.get(), b.get()), m.get()).get(),
-               number(fields.at(squared ? "ModSquare" : "ModMul")).get()));
-}
-
 void check_mod_exp(const Fields& fields) {
   const BigNumPtr e = number(fields.at("E"));
   const BigNumPtr m = number(fields.at("M"));
@@ -155,8 +130,6 @@ TEST_F(Vectors, BigNumbers) {
       {"quotient_tests.txt", check_quotient, 180},
       {"product_tests.txt", check_product, 114},
       {"sum_tests.txt", check_sum, 483},
-      {"shift_tests.txt", check_shift, 501},
-      {"mod_mul_tests.txt", check_mod_mul, 212},
       {"mod_exp_tests.txt", check_mod_exp, 127},
       {"miller_rabin_tests.txt", check_miller_rabin, 72},
   };

@@ -25,23 +25,23 @@ inline void add_pair(std::uint32_t* res, std::uint64_t pair, std::uint64_t w,
   carry = static_cast<std::uint64_t>(sum >> 64);
 }
 
-// row adds n limbs, each XORed with the halves of mask, times w and a carry to
+// row adds n limbs, each XORed with the halves of kMask, times w and a carry to
 // res; returns the carry into res[n].
-template <std::uint64_t mask>
+template <std::uint64_t kMask>
 std::uint64_t row(std::uint32_t* res, const std::uint32_t* limbs,
                   std::uint64_t n, std::uint64_t w, std::uint64_t carry) {
   std::uint64_t i = 0;
   for (; i + 7 < n; i += 8) {
-    add_pair(res + i, load_pair(limbs + i) ^ mask, w, carry);
-    add_pair(res + i + 2, load_pair(limbs + i + 2) ^ mask, w, carry);
-    add_pair(res + i + 4, load_pair(limbs + i + 4) ^ mask, w, carry);
-    add_pair(res + i + 6, load_pair(limbs + i + 6) ^ mask, w, carry);
+    add_pair(res + i, load_pair(limbs + i) ^ kMask, w, carry);
+    add_pair(res + i + 2, load_pair(limbs + i + 2) ^ kMask, w, carry);
+    add_pair(res + i + 4, load_pair(limbs + i + 4) ^ kMask, w, carry);
+    add_pair(res + i + 6, load_pair(limbs + i + 6) ^ kMask, w, carry);
   }
   for (; i + 1 < n; i += 2) {
-    add_pair(res + i, load_pair(limbs + i) ^ mask, w, carry);
+    add_pair(res + i, load_pair(limbs + i) ^ kMask, w, carry);
   }
   if (i < n) {
-    const std::uint32_t limb = limbs[i] ^ static_cast<std::uint32_t>(mask);
+    const std::uint32_t limb = limbs[i] ^ static_cast<std::uint32_t>(kMask);
     const Wide sum = Wide{limb} * w + res[i] + carry;
     res[i] = static_cast<std::uint32_t>(sum);
     carry = static_cast<std::uint64_t>(sum >> kLimbBits);
@@ -72,7 +72,7 @@ std::uint64_t pair_below(const std::uint32_t* limbs, std::uint64_t n,
   return high << kLimbBits | low;
 }
 
-// Below gives end - n, or 0 where that would be negative.
+// below gives end - n, or 0 where that would be negative.
 constexpr std::uint64_t below(std::uint64_t end, std::uint64_t n) {
   return end > n ? end - n : 0;
 }
@@ -88,8 +88,9 @@ constexpr std::uint64_t shifted(std::uint64_t high, std::uint64_t low,
 struct LeadingWords {
   explicit LeadingWords(const std::uint32_t* m, std::uint64_t m_len);
 
-  // digit estimates the quotient of the n limbs that end before limb end by the
-  // divisor: exact or 1 too large. The divisor's length is end - 2.
+  // digit estimates the quotient by the divisor, shifted so that it ends two
+  // limbs below end, of the limbs of a below end. Never too small, and hardly
+  // ever too large.
   std::uint64_t digit(const std::uint32_t* a, std::uint64_t a_len,
                       std::uint64_t end) const;
 
@@ -108,7 +109,8 @@ LeadingWords::LeadingWords(const std::uint32_t* m, std::uint64_t m_len) {
   low = shifted(pair1, pair2, shift);
 
   // floor((2^192 - 1) / high:low) - 2^64, by correction of the reciprocal of
-  // the high word alone.
+  // the high word alone, for the division of three words by two of Moller and
+  // Granlund.
   reciprocal = reciprocal_of(high);
   std::uint64_t p = high * reciprocal + low;
   if (p < low) {

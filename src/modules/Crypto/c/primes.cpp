@@ -173,7 +173,8 @@ bool PrimeSearch::prepare() {
   return miller_rabin_.prepare(limbs);
 }
 
-// draw_candidate draws until the candidate is in range and 1 modulo the step.
+// draw_candidate draws until the candidate, 1 modulo the step, is not below the
+// range; run judges its upper end.
 int PrimeSearch::draw_candidate() {
   BigNum* candidate = candidate_.get();
   do {
@@ -188,7 +189,7 @@ int PrimeSearch::draw_candidate() {
     }
     bn_sub(candidate, rest_.get());
     bn_add_word(candidate, 1);
-  } while (bn_less(candidate, low_) || bn_less(high_, candidate));
+  } while (bn_less(candidate, low_));
   return 0;
 }
 
