@@ -24,9 +24,13 @@ const char* format_error_text(const char* format, ...) {
   return buffer;
 }
 
-int take_last_os_error() { return std::exchange(errno, 0); }
+int take_last_os_error() {
+  return std::exchange(errno, 0);
+}
 
-const char* last_os_error_text() { return os_error_text(take_last_os_error()); }
+const char* last_os_error_text() {
+  return os_error_text(take_last_os_error());
+}
 
 const char* os_error_text(int error_number) {
   return std::strerror(error_number);

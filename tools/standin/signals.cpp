@@ -1,7 +1,6 @@
 #include "signals.h"
 
 #include <fcntl.h>
-#include <signal.h>
 #include <sys/time.h>
 #include <unistd.h>
 
