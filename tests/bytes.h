@@ -21,9 +21,10 @@ inline std::string bytes_of(std::string_view hex) {
 
 inline std::string hex_of(std::string_view bytes) {
   std::string hex;
-  for (unsigned char c : bytes) {
+  for (char c : bytes) {
     char pair[4];
-    std::snprintf(pair, sizeof pair, "%s%02X", hex.empty() ? "" : " ", c);
+    std::snprintf(pair, sizeof pair, "%s%02X", hex.empty() ? "" : " ",
+                  static_cast<unsigned>(static_cast<unsigned char>(c)));
     hex += pair;
   }
   return hex;

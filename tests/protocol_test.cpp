@@ -279,7 +279,7 @@ TEST(Codec, BigNumbersTravelAsBareMagnitudes) {
         hex);
   }
   // 35 limbs fit, the 36th does not; nothing is written then.
-  for (std::uint64_t bits : {35 * 32 - 1, 35 * 32}) {
+  for (const std::uint64_t bits : {35U * 32 - 1, 35U * 32}) {
     const BigNumPtr number = bn_power_of_two(bits);
     BerStreamPtr stream = stream_of("");
     const bool fits = bits < 35 * 32;

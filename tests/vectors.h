@@ -4,11 +4,12 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdint>
 #include <fstream>
 #include <map>
 #include <string>
 #include <vector>
+
+#include "bytes.h"
 
 // Skips a test when the build was given no folder of vectors.
 #define SKIP_WITHOUT_VECTORS()         \
@@ -31,37 +32,35 @@ struct Vector {
   }
 };
 
-inline std::string trimmed(const std::string& text, const char* outside) {
-  const std::size_t first = text.find_first_not_of(outside);
-  if (first == std::string::npos) return "";
-  return text.substr(first, text.find_last_not_of(outside) - first + 1);
-}
-
 // read_vectors reads the cases of a file within the folder. A case is a run of
 // lines "KEY = value" that an empty line ends ("key": "value" and a brace in a
 // JSON file); lines from "#" on are comments. A file without cases is a
 // failure.
 inline std::vector<Vector> read_vectors(const std::string& file) {
   const bool is_json = file.ends_with(".json");
-  const std::string outside = is_json ? " \t\r,\"" : " \t\r";
+  const auto trimmed = [](const std::string& text) {
+    const std::size_t first = text.find_first_not_of(" \t\r,\"[]");
+    if (first == std::string::npos) return std::string();
+    return text.substr(first, text.find_last_not_of(" \t\r,\"[]") + 1 - first);
+  };
   std::ifstream stream(std::string(VELPROBE_VECTORS) + "/" + file);
   std::vector<Vector> vectors;
   Vector vector;
   std::string line;
   for (int number = 1; std::getline(stream, line); ++number) {
-    line = trimmed(line, outside.c_str());
-    const std::size_t equals = line.find(is_json ? ':' : '=');
-    if (line.empty() || line == "}") {
+    const std::string text = trimmed(line);
+    const std::size_t equals = text.find(is_json ? ':' : '=');
+    if (text.empty() || text == "}") {
       if (!vector.fields.empty()) vectors.push_back(vector);
       vector.fields.clear();
-    } else if (line[0] == '[' && !is_json) {
-      vector.section = trimmed(line, "[]");
-    } else if (line[0] != '#' && equals != std::string::npos) {
+    } else if (line[0] == '[') {
+      vector.section = text;
+    } else if (text[0] != '#' && equals != std::string::npos) {
       if (vector.fields.empty()) {
         vector.where = file + ":" + std::to_string(number);
       }
-      vector.fields[trimmed(line.substr(0, equals), outside.c_str())] =
-          trimmed(line.substr(equals + 1), outside.c_str());
+      vector.fields[trimmed(text.substr(0, equals))] =
+          trimmed(text.substr(equals + 1));
     }
   }
   if (!vector.fields.empty()) vectors.push_back(vector);
@@ -69,18 +68,12 @@ inline std::vector<Vector> read_vectors(const std::string& file) {
   return vectors;
 }
 
-inline std::string from_hex(const std::string& hex) {
-  std::string bytes;
-  for (std::size_t i = 0; i + 1 < hex.size(); i += 2) {
-    bytes += static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16));
-  }
-  return bytes;
-}
+inline constexpr auto& from_hex = bytes_of;
 
 inline std::string to_hex(const std::string& bytes) {
   std::string hex;
   for (char byte : bytes) {
-    hex += "0123456789abcdef"[static_cast<unsigned char>(byte) >> 4];
+    hex += "0123456789abcdef"[byte >> 4 & 15];
     hex += "0123456789abcdef"[byte & 15];
   }
   return hex;

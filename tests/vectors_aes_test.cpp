@@ -67,26 +67,21 @@ std::string answer(Case& test, std::uint8_t mode) {
       .substr(0, test.output.size());
 }
 
-// last_bit_of_chain is last_of_chain for CFB1, where a step is one bit: its
-// inputs are the given bit, the vector's bits, then the outputs.
-std::string last_bit_of_chain(Case& test) {
-  std::string inputs = test.input + bytes_to_bits(vector_of(test.cipher));
-  std::string outputs;
-  while (outputs.size() < 1000) {
-    outputs += bytes_to_bits(
-        test.run(bits_to_bytes(inputs.substr(outputs.size(), 128))));
-    inputs += outputs.substr(outputs.size() - 128);
-  }
-  return outputs.substr(999, 1);
-}
-
 // last_of_chain gives the output of step 999 of the AESAVS Monte Carlo tests,
-// whose steps feed on the outputs of earlier ones.
+// whose steps feed on the outputs of earlier ones. A step of CFB1 is one bit:
+// its inputs are the given bit, the vector's bits, then the outputs.
 std::string last_of_chain(Case& test, std::uint8_t mode) {
-  if (mode == kModeCfb1) return last_bit_of_chain(test);
-  std::string input = from_hex(test.input);
   std::string before = vector_of(test.cipher);
-  std::string output;
+  if (mode == kModeCfb1) {
+    std::string inputs = test.input + bytes_to_bits(before), outputs;
+    while (outputs.size() < 1000) {
+      outputs += bytes_to_bits(
+          test.run(bits_to_bytes(inputs.substr(outputs.size(), 128))));
+      inputs += outputs.substr(outputs.size() - 128);
+    }
+    return outputs.substr(999, 1);
+  }
+  std::string input = from_hex(test.input), output;
   for (int step = 0; step < 1000; ++step) {
     output = test.run(input);
     input = mode == kModeCbc ? std::exchange(before, output) : output;
