@@ -6,11 +6,13 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <string>
 #include <string_view>
 #include <thread>
+#include <vector>
 
 #include "net/listener.h"
 #include "net/tcp.h"
@@ -245,6 +247,13 @@ void exchange_bare(std::uint16_t port, std::string_view request,
   write_all(client.get(), ack);
 }
 
+double median(std::vector<double>& samples) {
+  const auto middle =
+      samples.begin() + static_cast<std::ptrdiff_t>(samples.size() / 2);
+  std::nth_element(samples.begin(), middle, samples.end());
+  return *middle;
+}
+
 // Each round is one probe and one bare exchange, so that both see the same
 // machine.
 void BM_ProbeBesideBareExchange(benchmark::State& state) {
@@ -260,21 +269,21 @@ void BM_ProbeBesideBareExchange(benchmark::State& state) {
   const std::string answer = bytes_of(write_answer);
   const std::string ack = bytes_of(write_negotiate_ack);
   using Clock = std::chrono::steady_clock;
-  std::chrono::duration<double, std::micro> probe{};
-  std::chrono::duration<double, std::micro> bare{};
+  using Microseconds = std::chrono::duration<double, std::micro>;
+  std::vector<double> probe;
+  std::vector<double> bare;
   for (auto _ : state) {
     const Clock::time_point begin = Clock::now();
     require(probe_server("127.0.0.1", port, "host1.example.org", ".", nullptr,
                          nullptr));
     const Clock::time_point middle = Clock::now();
     exchange_bare(port, request, answer, ack);
-    probe += middle - begin;
-    bare += Clock::now() - middle;
+    probe.push_back(Microseconds(middle - begin).count());
+    bare.push_back(Microseconds(Clock::now() - middle).count());
   }
-  const auto rounds = static_cast<double>(state.iterations());
-  state.counters["probe_us"] = probe.count() / rounds;
-  state.counters["bare_us"] = bare.count() / rounds;
-  state.counters["ratio"] = probe / bare;
+  state.counters["probe_us"] = median(probe);
+  state.counters["bare_us"] = median(bare);
+  state.counters["ratio"] = median(probe) / median(bare);
   ::shutdown(listening, SHUT_RDWR);
 }
 BENCHMARK(BM_ProbeBesideBareExchange)->UseRealTime();

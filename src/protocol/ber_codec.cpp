@@ -34,6 +34,7 @@ struct Piece {
 
   void add(std::uint8_t byte) { bytes[size++] = byte; }
   void add(const void* from, std::size_t count) {
+    if (count == 0) return;  // from may be null then
     std::memcpy(&bytes[size], from, count);
     size += count;
   }
@@ -88,6 +89,17 @@ void add_integer(Piece& piece, std::int64_t value) {
     --count;
     piece.add(static_cast<std::uint8_t>(value >> (8 * count)));
   }
+}
+
+// Short contents leave with their header, long ones without a copy.
+ErrorText write_contents(BerStream& stream, Piece& header, const void* bytes,
+                         std::size_t length) {
+  if (length <= header.bytes.size() - header.size) {
+    header.add(bytes, length);
+    return header.write_to(stream);
+  }
+  if (ErrorText error = header.write_to(stream)) return error;
+  return stream.operations.write(&stream, bytes, length);
 }
 
 ErrorText write_integer(BerStream& stream, std::uint32_t tag,
@@ -392,9 +404,7 @@ ErrorText write_string(BerStream& stream, std::uint32_t maximum,
     return "data out of range in write_string";
   }
   add_length(header, static_cast<std::uint32_t>(length));
-  if (ErrorText error = header.write_to(stream)) return error;
-  if (length == 0) return {};
-  return stream.operations.write(&stream, text, length);
+  return write_contents(stream, header, text, length);
 }
 
 ErrorText read_string(BerStream& stream, std::uint32_t maximum, Text& out_text,
@@ -491,9 +501,7 @@ ErrorText write_bignum(BerStream& stream, const BigNum* number) {
   Piece header;
   add_tag(header, BE_INTEGER);
   add_length(header, static_cast<std::uint32_t>(length));
-  if (ErrorText error = header.write_to(stream)) return error;
-  if (length == 0) return {};
-  return stream.operations.write(&stream, bytes.data(), length);
+  return write_contents(stream, header, bytes.data(), length);
 }
 
 ErrorText read_bignum(BerStream& stream, BigNumPtr& out_number,
