@@ -5,6 +5,7 @@
 #include <array>
 #include <cstdint>
 
+#pragma GCC visibility push(default)
 namespace velprobe {
 
 // Ipv4Address holds the four bytes of an address in network order, most
@@ -13,5 +14,6 @@ namespace velprobe {
 using Ipv4Address = std::array<std::uint8_t, 4>;
 
 }  // namespace velprobe
+#pragma GCC visibility pop
 
 #endif  // VELPROBE_NET_ADDRESS_H_

@@ -11,6 +11,7 @@
 
 #include "address.h"
 
+#pragma GCC visibility push(default)
 namespace velprobe {
 
 // NicInfo describes one interface. A field that the system did not tell is
@@ -39,5 +40,6 @@ Ipv4Address directed_broadcast(const Ipv4Address& address,
 void set_nic_name(NicInfo& nic, const char (&system_name)[IFNAMSIZ], int index);
 
 }  // namespace velprobe
+#pragma GCC visibility pop
 
 #endif  // VELPROBE_NET_INTERFACES_H_

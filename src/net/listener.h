@@ -8,6 +8,7 @@
 #include "../util/owners.h"
 #include "address.h"
 
+#pragma GCC visibility push(default)
 namespace velprobe {
 
 // listen_on opens a non-blocking TCP socket that listens on an address and a
@@ -28,5 +29,6 @@ ErrorText accept_connection(const FileDescriptor& listener,
                             std::uint16_t& out_port);
 
 }  // namespace velprobe
+#pragma GCC visibility pop
 
 #endif  // VELPROBE_NET_LISTENER_H_

@@ -8,6 +8,7 @@
 #include "../util/error_text.h"
 #include "address.h"
 
+#pragma GCC visibility push(default)
 namespace velprobe {
 
 // resolve_host stores the first address of a host name or dotted-decimal text.
@@ -35,5 +36,6 @@ bool local_hostname(char* buffer, std::size_t size);
 const char* address_text(const Ipv4Address& address);
 
 }  // namespace velprobe
+#pragma GCC visibility pop
 
 #endif  // VELPROBE_NET_RESOLVER_H_

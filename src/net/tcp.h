@@ -11,6 +11,7 @@
 #include "../util/error_text.h"
 #include "address.h"
 
+#pragma GCC visibility push(default)
 namespace velprobe {
 
 // Connect flags, to be added up.
@@ -83,5 +84,6 @@ bool socket_local_address(std::int32_t socket, Ipv4Address* out_address,
                           std::uint16_t* out_port);
 
 }  // namespace velprobe
+#pragma GCC visibility pop
 
 #endif  // VELPROBE_NET_TCP_H_

@@ -16,6 +16,7 @@
 #include "../util/error_text.h"
 #include "address.h"
 
+#pragma GCC visibility push(default)
 namespace velprobe {
 
 // udp_open creates a datagram socket and stores its handle, or -1, in
@@ -56,5 +57,6 @@ bool udp_bind(std::int32_t socket, const Ipv4Address& address,
               std::uint16_t port);
 
 }  // namespace velprobe
+#pragma GCC visibility pop
 
 #endif  // VELPROBE_NET_UDP_H_

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <span>
 
+#pragma GCC visibility push(default)
 namespace velprobe {
 
 enum class WaitFor { kReadable, kWritable };
@@ -33,5 +34,6 @@ WaitResult wait_for_any(std::span<const std::int32_t> sockets, WaitFor what,
                         std::size_t& out_first);
 
 }  // namespace velprobe
+#pragma GCC visibility pop
 
 #endif  // VELPROBE_NET_WAIT_H_

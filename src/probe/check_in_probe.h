@@ -7,6 +7,7 @@
 #include "../util/error_text.h"
 #include "../util/text.h"
 
+#pragma GCC visibility push(default)
 namespace velprobe {
 
 // The protocol version that this side speaks: major 2, minor 2.
@@ -45,5 +46,6 @@ ErrorText probe_server(const char* server, std::uint16_t port,
                        Text* out_address_text, ProbeStatus* out_status);
 
 }  // namespace velprobe
+#pragma GCC visibility pop
 
 #endif  // VELPROBE_PROBE_CHECK_IN_PROBE_H_

@@ -14,6 +14,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#pragma GCC visibility push(default)
 namespace velprobe {
 
 using DiscoveryDatagram = std::array<std::uint8_t, 20>;
@@ -34,5 +35,6 @@ bool is_discovery_answer(const std::uint8_t* bytes, std::size_t length);
 std::uint32_t crc32(const std::uint8_t* bytes, std::size_t length);
 
 }  // namespace velprobe
+#pragma GCC visibility pop
 
 #endif  // VELPROBE_PROBE_DISCOVERY_DATAGRAM_H_

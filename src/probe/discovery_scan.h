@@ -8,6 +8,7 @@
 #include "../util/error_text.h"
 #include "../util/text.h"
 
+#pragma GCC visibility push(default)
 namespace velprobe {
 
 // scan_for_servers asks on every interface's broadcast address, loopback
@@ -28,5 +29,6 @@ ErrorText scan_interfaces(const NicInfo* nics, std::uint16_t port,
                           Text* found_servers);
 
 }  // namespace velprobe
+#pragma GCC visibility pop
 
 #endif  // VELPROBE_PROBE_DISCOVERY_SCAN_H_

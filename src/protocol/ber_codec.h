@@ -24,6 +24,7 @@
 #include "../util/text.h"
 #include "ber_stream.h"
 
+#pragma GCC visibility push(default)
 namespace velprobe {
 
 // Tag values of the types.
@@ -145,7 +146,8 @@ ErrorText read_string(BerStream& stream, std::uint32_t maximum, Text& out_text,
                       std::uint32_t tag);
 
 // write_real writes zero as no contents, infinities and not-a-number as one
-// format byte, anything else as text of seven significant digits ("%e").
+// format byte, anything else as text of seven significant digits ("%e"; the
+// process's LC_NUMERIC is to be "C").
 //   "String representation of double larger than buffer"
 ErrorText write_real(BerStream& stream, double value);
 
@@ -187,5 +189,6 @@ constexpr bool same_major_version(std::uint32_t a, std::uint32_t b) {
 }
 
 }  // namespace velprobe
+#pragma GCC visibility pop
 
 #endif  // VELPROBE_PROTOCOL_BER_CODEC_H_

@@ -7,6 +7,7 @@
 
 #include "../util/error_text.h"
 
+#pragma GCC visibility push(default)
 namespace velprobe {
 
 struct BerStream;
@@ -45,5 +46,6 @@ struct BerStreamCloser {
 using BerStreamPtr = std::unique_ptr<BerStream, BerStreamCloser>;
 
 }  // namespace velprobe
+#pragma GCC visibility pop
 
 #endif  // VELPROBE_PROTOCOL_BER_STREAM_H_

@@ -8,6 +8,7 @@
 #include "../util/error_text.h"
 #include "ber_stream.h"
 
+#pragma GCC visibility push(default)
 namespace velprobe {
 
 // memory_stream_open makes an empty stream and fills it with the given bytes.
@@ -24,5 +25,6 @@ std::string_view memory_stream_bytes(const BerStream& stream);
 void memory_stream_clear(BerStream& stream);
 
 }  // namespace velprobe
+#pragma GCC visibility pop
 
 #endif  // VELPROBE_PROTOCOL_MEMORY_STREAM_H_

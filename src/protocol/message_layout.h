@@ -10,6 +10,7 @@
 #include "../util/error_text.h"
 #include "ber_stream.h"
 
+#pragma GCC visibility push(default)
 namespace velprobe {
 
 enum class FieldType {
@@ -65,5 +66,6 @@ ErrorText read_message(BerStream& stream, const MessageLayout& layout,
                        void* record, std::uint32_t tag);
 
 }  // namespace velprobe
+#pragma GCC visibility pop
 
 #endif  // VELPROBE_PROTOCOL_MESSAGE_LAYOUT_H_

@@ -35,6 +35,7 @@
 #include "ber_stream.h"
 #include "message_layout.h"
 
+#pragma GCC visibility push(default)
 namespace velprobe {
 
 // The records.
@@ -98,5 +99,6 @@ enum class MessageId : std::uint32_t {
 std::span<const MessageLayout> message_catalogue();
 
 }  // namespace velprobe
+#pragma GCC visibility pop
 
 #endif  // VELPROBE_PROTOCOL_MESSAGES_H_

@@ -8,6 +8,7 @@
 #include "../util/error_text.h"
 #include "ber_stream.h"
 
+#pragma GCC visibility push(default)
 namespace velprobe {
 
 // socket_stream_open connects and hands the caller the stream. It keeps no
@@ -36,5 +37,6 @@ ErrorText socket_stream_adopt(BerStreamPtr& out_stream, std::int32_t socket);
 std::int32_t socket_stream_handle(const BerStream& stream);
 
 }  // namespace velprobe
+#pragma GCC visibility pop
 
 #endif  // VELPROBE_PROTOCOL_SOCKET_STREAM_H_

@@ -6,6 +6,7 @@
 
 #include "error_text.h"
 
+#pragma GCC visibility push(default)
 namespace velprobe {
 
 // input_line prints prompt as it stands on standard output, flushes it, and
@@ -30,5 +31,6 @@ ErrorText input_line_noecho(char* buffer, std::size_t length,
                             const char* prompt);
 
 }  // namespace velprobe
+#pragma GCC visibility pop
 
 #endif  // VELPROBE_UTIL_CONSOLE_H_

@@ -5,6 +5,7 @@
 
 #include <cstddef>
 
+#pragma GCC visibility push(default)
 namespace velprobe {
 
 // ErrorText is the result of an operation that can fail: empty on success, else
@@ -53,5 +54,6 @@ int take_last_os_error();
 [[nodiscard]] const char* os_error_text(int error_number);
 
 }  // namespace velprobe
+#pragma GCC visibility pop
 
 #endif  // VELPROBE_UTIL_ERROR_TEXT_H_

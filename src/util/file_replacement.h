@@ -8,6 +8,7 @@
 
 #include "error_text.h"
 
+#pragma GCC visibility push(default)
 namespace velprobe {
 
 // make_backup_name forms "<path>.bak" in the size bytes of buffer, cut to
@@ -46,5 +47,6 @@ int replace_with_backup(const char* destination, const char* backup,
 ErrorText rotate_numbered_files(const char* path, int generations);
 
 }  // namespace velprobe
+#pragma GCC visibility pop
 
 #endif  // VELPROBE_UTIL_FILE_REPLACEMENT_H_

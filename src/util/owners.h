@@ -9,6 +9,7 @@
 #include <memory>
 #include <utility>
 
+#pragma GCC visibility push(default)
 namespace velprobe {
 
 // FileDescriptor owns one OS descriptor; a negative number is none at all.
@@ -52,5 +53,6 @@ struct FileCloser {
 using FilePtr = std::unique_ptr<std::FILE, FileCloser>;
 
 }  // namespace velprobe
+#pragma GCC visibility pop
 
 #endif  // VELPROBE_UTIL_OWNERS_H_

@@ -7,6 +7,7 @@
 #include <memory>
 #include <string_view>
 
+#pragma GCC visibility push(default)
 namespace velprobe {
 
 // Text owns a text that a NUL ends; null means that the text is absent.
@@ -92,5 +93,6 @@ std::uint64_t parse_decimal(const char* text, const char** end = nullptr);
 void replace_control_bytes(char* text);
 
 }  // namespace velprobe
+#pragma GCC visibility pop
 
 #endif  // VELPROBE_UTIL_TEXT_H_

@@ -8,6 +8,7 @@
 
 #include <cstdint>
 
+#pragma GCC visibility push(default)
 namespace velprobe {
 
 // BigNum is an unsigned integer of any length: len limbs in use of size
@@ -139,5 +140,6 @@ int base_power_modulo(BigNum* res, const BigNum* base, const BigNum* exponent,
                       const BigNum* modulus, BigNum* mbuf, BigNum* altbuf);
 
 }  // namespace velprobe
+#pragma GCC visibility pop
 
 #endif  // VELPROBE_MODULES_CRYPTO_C_BASE_BIGNUM_C_H_

@@ -17,6 +17,7 @@
 #include "../../../util/text.h"
 #include "base_bignum_c.h"
 
+#pragma GCC visibility push(default)
 namespace velprobe {
 
 // bn_free wipes the limbs and releases them and the record; null is ignored.
@@ -146,5 +147,6 @@ std::uint64_t bn_strip_twos(const BigNum* a, BigNumPtr& out);
                                      const BigNum* modulus);
 
 }  // namespace velprobe
+#pragma GCC visibility pop
 
 #endif  // VELPROBE_MODULES_CRYPTO_C_BIGNUM_H_

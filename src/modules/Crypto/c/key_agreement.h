@@ -10,6 +10,7 @@
 #include "bignum.h"
 #include "random.h"
 
+#pragma GCC visibility push(default)
 namespace velprobe {
 
 // dh_generate_parameters makes a prime modulus of the given number of bits and
@@ -32,5 +33,6 @@ ErrorText dh_generate_key(BigNumPtr& public_out, BigNumPtr& private_out,
                           ByteSource source);
 
 }  // namespace velprobe
+#pragma GCC visibility pop
 
 #endif  // VELPROBE_MODULES_CRYPTO_C_KEY_AGREEMENT_H_

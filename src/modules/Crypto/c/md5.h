@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#pragma GCC visibility push(default)
 namespace velprobe {
 
 inline constexpr std::size_t kMd5Size = 16;
@@ -30,5 +31,6 @@ void md5_update(Md5* md5, const void* data, std::size_t size);
 void md5_finish(Md5* md5, std::uint8_t (&digest)[kMd5Size]);
 
 }  // namespace velprobe
+#pragma GCC visibility pop
 
 #endif  // VELPROBE_MODULES_CRYPTO_C_MD5_H_

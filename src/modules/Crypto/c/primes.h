@@ -9,6 +9,7 @@
 #include "bignum.h"
 #include "random.h"
 
+#pragma GCC visibility push(default)
 namespace velprobe {
 
 inline constexpr std::uint32_t kSmallPrimeLimit = 8192;
@@ -47,5 +48,6 @@ bool bn_miller_rabin(const BigNum* n, const BigNum* witness);
                                       const BigNum* step, ByteSource source);
 
 }  // namespace velprobe
+#pragma GCC visibility pop
 
 #endif  // VELPROBE_MODULES_CRYPTO_C_PRIMES_H_

@@ -7,6 +7,7 @@
 
 #include "bignum.h"
 
+#pragma GCC visibility push(default)
 namespace velprobe {
 
 // A ByteSource fills count bytes of buffer, always all of them.
@@ -51,5 +52,6 @@ void urandom_bytes(void* buffer, std::size_t count);
 [[nodiscard]] BigNumPtr bn_random_below(const BigNum* bound, ByteSource source);
 
 }  // namespace velprobe
+#pragma GCC visibility pop
 
 #endif  // VELPROBE_MODULES_CRYPTO_C_RANDOM_H_

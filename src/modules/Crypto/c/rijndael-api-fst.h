@@ -18,6 +18,7 @@
 
 #include <cstdint>
 
+#pragma GCC visibility push(default)
 namespace velprobe {
 
 inline constexpr std::uint8_t kDirEncrypt = 0;
@@ -117,5 +118,6 @@ int cipherUpdateRounds(const cipherInstance* cipher, const keyInstance* key,
                        std::uint8_t* output, int rounds);
 
 }  // namespace velprobe
+#pragma GCC visibility pop
 
 #endif  // VELPROBE_MODULES_CRYPTO_C_RIJNDAEL_API_FST_H_

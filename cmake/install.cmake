@@ -1,0 +1,50 @@
+# The install tree, in three components: the programs, the shared library, and
+# what it takes to develop with it.
+
+include(CMakePackageConfigHelpers)
+
+install(TARGETS velprobe velstandin COMPONENT programs)
+install(TARGETS velprobe_shared EXPORT velprobe
+  LIBRARY COMPONENT library NAMELINK_COMPONENT development)
+install(TARGETS velprobe_static EXPORT velprobe COMPONENT development)
+
+set(config_dir ${CMAKE_INSTALL_LIBDIR}/cmake/velprobe)
+install(EXPORT velprobe FILE velprobeTargets.cmake NAMESPACE velprobe::
+  DESTINATION ${config_dir} COMPONENT development)
+configure_package_config_file(
+  cmake/velprobeConfig.cmake.in velprobeConfig.cmake
+  INSTALL_DESTINATION ${config_dir})
+write_basic_package_version_file(velprobeConfigVersion.cmake
+  COMPATIBILITY SameMinorVersion)
+install(FILES
+  ${PROJECT_BINARY_DIR}/velprobeConfig.cmake
+  ${PROJECT_BINARY_DIR}/velprobeConfigVersion.cmake
+  DESTINATION ${config_dir} COMPONENT development)
+
+# Relative to the .pc file, so that the tree can move.
+file(RELATIVE_PATH pc_to_prefix
+  /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
+configure_file(cmake/velprobe.pc.in velprobe.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/velprobe.pc
+  DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
+
+install(FILES docs/man/velprobe.1 docs/man/velstandin.1
+  DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT programs)
+install(FILES docs/man/agent.conf.5
+  DESTINATION ${CMAKE_INSTALL_MANDIR}/man5 COMPONENT programs)
+install(FILES docs/man/libvelprobe.3
+  DESTINATION ${CMAKE_INSTALL_MANDIR}/man3 COMPONENT development)
+
+install(FILES CHANGELOG.md docs/agent.conf.sample docs/troubleshooting.md
+  tools/wireshark/velprobe.lua
+  DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT programs)
+install(FILES docs/protocol.md
+  DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT development)
+
+set(VELPROBE_ZSH_COMPLETION_DIR ${CMAKE_INSTALL_DATADIR}/zsh/site-functions
+  CACHE STRING "Folder of zsh completion functions")
+install(FILES tools/completion/velprobe tools/completion/velstandin
+  DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions
+  COMPONENT programs)
+install(FILES tools/completion/_velprobe
+  DESTINATION ${VELPROBE_ZSH_COMPLETION_DIR} COMPONENT programs)

@@ -1,0 +1,135 @@
+#!/usr/bin/env bash
+# Installs into a folder of its own and uses what is there: the manual pages,
+# every header by itself, what the library shows, and the example program, by
+# CMake and by pkg-config.
+set -euo pipefail
+
+root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+cd "$root"
+. scripts/packages.sh
+need_packages "${build_packages[@]}" "${test_packages[@]}" mandoc man-db \
+  binutils pkg-config
+work=$(mktemp -d)
+trap 'rm -rf "$work"; kill $(jobs -p) 2>/dev/null || true' EXIT
+
+build_and_install() {
+  cmake --preset release >/dev/null
+  cmake --build --preset release --target \
+    velprobe velstandin velprobe_shared velprobe_static >/dev/null
+  # Everything is found relative to where it stands, so the tree may move.
+  cmake --install build/release --prefix "$work/first" >/dev/null
+  mv "$work/first" "$work/prefix"
+}
+
+check_manual_pages() {
+  local page lint
+  for page in share/man/man?/*; do
+    # The other pages are not installed on the system yet.
+    lint=$(mandoc -T lint "$page" |
+      grep -v 'referenced manual not found' || true)
+    lint+=$(man --warnings -Tutf8 -l "$page" 2>&1 >/dev/null)
+    [ -z "$lint" ] || { echo "$lint" >&2; return 1; }
+  done
+}
+
+# bash_offers PROGRAM WORD...: what bash completes the last word to.
+bash_offers() {
+  bash -c '. share/bash-completion/completions/"$0"
+    COMP_WORDS=("$0" "$@") COMP_CWORD=$#
+    "_$0"
+    echo "${COMPREPLY[*]}"' "$@"
+}
+
+# zsh_offers LINE TEXT: whether zsh shows TEXT for a tab behind LINE.
+zsh_offers() {
+  timeout 20 zsh -f /dev/stdin "$@" <<'END'
+zmodload zsh/zpty
+zpty shell zsh -fi
+zpty -w shell 'fpath=($PWD/share/zsh/site-functions $fpath)
+  autoload -Uz compinit; compinit -uD; print rea""dy'
+zpty -r shell answer $'*ready\r*'
+zpty -w -n shell $1$'\t'
+zpty -r shell answer "*$2*"
+END
+}
+
+check_completion() {
+  local PATH=$PWD/bin:$PATH
+  [ "$(bash_offers velprobe agent.conf '')" = 'test configure' ]
+  [ "$(bash_offers velprobe agent.conf c)" = configure ]
+  [ "$(bash_offers velstandin --of)" = --offer-version ]
+  [ "$(bash_offers velstandin --auth p)" = 'private-key password' ]
+  command -v zsh >/dev/null || {
+    echo "SKIPPED: completion not tried in zsh: no zsh here" >&2
+    return
+  }
+  zsh_offers 'velprobe agent.conf c' 'velprobe agent.conf configure'
+  zsh_offers 'velprobe agent.conf ' 'probe the configured servers'
+  zsh_offers 'velstandin --of' '--offer-version'
+}
+
+check_headers() {
+  local header
+  find include -name '*.h' | sed 's:^include/::' | while read -r header; do
+    echo "#include <$header>" | g++ -std=c++20 -Wall -Wextra -Wpedantic \
+      -Werror -Iinclude -fsyntax-only -x c++ - ||
+      { echo "$header does not stand alone" >&2; return 1; }
+  done
+}
+
+# What the installed headers declare is there to be linked, and nothing else.
+check_symbols() {
+  local visible closed
+  visible=$(nm -DC --defined-only "$libdir/libvelprobe.so")
+  if grep -Ev ' velprobe::' <<<"$visible" ||
+    grep -E 'to_sockaddr|AddressSet|aes_path|wipe_memory' <<<"$visible"; then
+    echo "the above should not be visible" >&2
+    return 1
+  fi
+  closed=$(grep -rL 'visibility push(default)' --include='*.h' include || true)
+  [ -z "$closed" ] || { echo "shows nothing: $closed" >&2; return 1; }
+  readelf -d "$libdir/libvelprobe.so" |
+    grep -q 'soname: \[libvelprobe\.so\.0\]'
+}
+
+# talk PROGRAM: what PROGRAM hears from a stand-in.
+talk() {
+  : >"$work/standin"
+  timeout 20 bin/velstandin --port 0 --no-discovery --sessions 1 "${@:2}" \
+    >"$work/standin" &
+  for _ in $(seq 100); do
+    [ -s "$work/standin" ] && break
+    sleep 0.05
+  done
+  "$1" 127.0.0.1 "$(sed -n '1s/.*://p' "$work/standin")"
+  wait
+}
+
+check_example() {
+  cmake -S "$root/examples" -B "$work/example" -G Ninja \
+    -DCMAKE_PREFIX_PATH="$PWD" >/dev/null
+  cmake --build "$work/example" >/dev/null
+  local flags
+  flags=$(PKG_CONFIG_PATH=$libdir/pkgconfig \
+    pkg-config --cflags --libs velprobe)
+  # shellcheck disable=SC2086  # the flags are words
+  g++ -std=c++20 -o "$work/example/by_pkg_config" \
+    "$root/examples/say_hello.cpp" $flags -Wl,-rpath,"$libdir"
+
+  local program
+  for program in say_hello say_hello_static by_pkg_config; do
+    [ "$(talk "$work/example/$program")" = 'offered: version 0x0202' ]
+    [ "$(talk "$work/example/$program" --node x --reason no)" = 'refused: no' ]
+  done
+  [ "$(wc -l <"$root/examples/say_hello.cpp")" -lt 60 ]
+}
+
+build_and_install
+cd "$work/prefix"
+libdir=$(dirname "$(find "$PWD" -name libvelprobe.so)")
+check_manual_pages
+check_completion
+check_headers
+check_symbols
+check_example
+echo "install tree: all well"

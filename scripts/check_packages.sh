@@ -1,0 +1,61 @@
+#!/usr/bin/env bash
+# Builds the Debian packages, lets lintian look at them, installs them on this
+# machine, uses what they bring and removes them again. The second half needs
+# root and a machine without velprobe, and says so where it cannot run.
+set -euo pipefail
+
+cd "$(dirname "${BASH_SOURCE[0]}")/.."
+. scripts/packages.sh
+need_packages "${build_packages[@]}" lintian pkg-config
+
+mapfile -t packages < <(./scripts/build_packages.sh)
+[ ${#packages[@]} -eq 3 ]
+
+# CPack calls ldconfig beside the trigger; that is harmless.
+lintian --fail-on error,warning --allow-root \
+  --suppress-tags maintscript-calls-ldconfig "${packages[@]}"
+
+skip() {
+  echo "SKIPPED: packages not installed and tried: $1" >&2
+  exit 0
+}
+names=(velprobe libvelprobe0 libvelprobe-dev)
+[ "$(id -u)" -eq 0 ] || skip "not root"
+[ -z "$(dpkg-query -W "${names[@]}" 2>/dev/null)" ] ||
+  skip "velprobe is installed here"
+
+work=$(mktemp -d)
+clean_up() {
+  jobs -p | xargs -r kill 2>/dev/null
+  dpkg --purge "${names[@]}" >/dev/null 2>&1
+  rm -rf "$work"
+}
+trap 'clean_up || true' EXIT
+# By dpkg and not by apt: what they depend on has to be here already, so that
+# nothing else stays behind.
+dpkg --install "${packages[@]}" >"$work/dpkg.log" 2>&1 || {
+  cat "$work/dpkg.log" >&2
+  exit 1
+}
+
+cd "$work"
+# shellcheck disable=SC2046  # the flags are words
+g++ -std=c++20 -o say_hello "$OLDPWD/examples/say_hello.cpp" \
+  $(pkg-config --cflags --libs velprobe)
+velstandin --port 0 --no-discovery --sessions 2 >standin &
+for _ in $(seq 100); do
+  [ -s standin ] && break
+  sleep 0.05
+done
+port=$(sed -n '1s/.*://p' standin)
+printf 'name=a\nserver_list=127.0.0.1\nserver_port=%s\n' "$port" >agent.conf
+velprobe agent.conf test | grep -q 'All OK'
+[ "$(./say_hello 127.0.0.1 "$port")" = 'offered: version 0x0202' ]
+wait
+
+dpkg -L "${names[@]}" | grep velprobe >files
+dpkg --purge "${names[@]}" >/dev/null
+while read -r file; do
+  [ ! -e "$file" ] || { echo "still there: $file" >&2; exit 1; }
+done <files
+echo "packages: all well"
