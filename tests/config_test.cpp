@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <map>
 #include <optional>
 #include <string>
 
@@ -16,33 +17,24 @@ namespace velprobe {
 namespace {
 
 using std::string_literals::operator""s;
-using Value = std::optional<std::string>;
+using Values = std::map<std::string, std::string>;  // by key
 
-struct Values {
-  Value domain = {}, name = {}, server_port = {}, server_list = {};
-  bool operator==(const Values&) const = default;
-};
-
-const Values kNone;
-const Values kAll = {"D", "N", "1", "S"};
+const Values kAll = {
+    {"domain", "D"}, {"name", "N"}, {"server_port", "1"}, {"server_list", "S"}};
 
 void set_values(const Values& values) {
-  const auto set = [](ConfigKeyPosition position, const Value& value) {
-    config_keys[position].value = value ? copy_text(*value) : nullptr;
-  };
-  set(kDomainKey, values.domain);
-  set(kNameKey, values.name);
-  set(kServerPortKey, values.server_port);
-  set(kServerListKey, values.server_list);
+  for (ConfigKey& key : config_keys) {
+    const auto value = values.find(key.key);
+    key.value = value == values.end() ? nullptr : copy_text(value->second);
+  }
 }
 
 Values get_values() {
-  const auto get = [](ConfigKeyPosition position) {
-    const Text& value = config_keys[position].value;
-    return value ? Value(value.get()) : std::nullopt;
-  };
-  return {get(kDomainKey), get(kNameKey), get(kServerPortKey),
-          get(kServerListKey)};
+  Values values;
+  for (const ConfigKey& key : config_keys) {
+    if (key.value) values[key.key] = key.value.get();
+  }
+  return values;
 }
 
 // process gives the error's text, empty on success.
@@ -62,24 +54,24 @@ TEST(ConfigReadTest, Syntax) {
     std::string file;
     Values want;
   } cases[] = {
-      {"domain=d\nname=n\nserver_port=1\nserver_list=a,b\n",
-       {"d", "n", "1", "a,b"}},
-      {"name=  host1  \n", {.name = "host1  "}},  // blanks behind belong to it
-      {" \t name \v=\f x y\t\r\n", {.name = "x y\t"}},
-      {"name=a\r\r\n", {.name = "a"}},
-      {"name= \rb\n", {.name = "\rb"}},  // a line end stops the skipping
-      {"name=\nserver_port= \r\n", {{}, "", ""}},
-      {"name=a\nname=b\n", {.name = "b"}},
-      {"NAME=x\n=x\nname x\n #name=x\n#\nnames=x\nna me=x\n\n", kNone},
-      {"name=a\0b\n"s, {.name = "a"}},  // a NUL ends a value, but no line
-      {"\0name=a\nname\0=b\ndomain=d"s, {"d"}},
+      {"domain=D\nname=N\nserver_port=1\nserver_list=S\n", kAll},
+      {"name=  a  \n", {{"name", "a  "}}},  // blanks behind belong to it
+      {" \t name \v=\f x y\t\r\n", {{"name", "x y\t"}}},
+      {"name=a\r\r\n", {{"name", "a"}}},
+      {"name= \rb\n", {{"name", "\rb"}}},  // a line end stops the skipping
+      {"name=\ndomain= \r\n", {{"name", ""}, {"domain", ""}}},
+      {"name=a\nname=b\n", {{"name", "b"}}},
+      {"NAME=x\n=x\nname x\n #name=x\n#\nnames=x\nna me=x\n\n", {}},
+      {"name=a\0b\n"s, {{"name", "a"}}},  // a NUL ends a value, but no line
+      {"\0name=a\nname\0=b\ndomain=d"s, {{"domain", "d"}}},
       // A line of 511 bytes, and what is behind that is a line of its own.
-      {"name=" + filler + "\ndomain=d", {"d", filler}},
-      {"name=" + filler + "xdomain=d", {"d", filler + "x"}},
+      {"name=" + filler + "\ndomain=d", {{"domain", "d"}, {"name", filler}}},
+      {"name=" + filler + "xdomain=d",
+       {{"domain", "d"}, {"name", filler + "x"}}},
   };
   TempFolder folder;
   for (const auto& row : cases) {
-    set_values(kNone);
+    set_values({});
     EXPECT_EQ(process(folder.write("f", row.file), ConfigMode::kRead), "");
     EXPECT_EQ(get_values(), row.want) << row.file;
   }
@@ -118,14 +110,9 @@ TEST(ConfigReadTest, AMissingFileIsAQuestion) {
   for (const auto& row : cases) {
     const std::string input = folder.write("input", row.answer);
     ASSERT_NE(std::freopen(input.c_str(), "r", stdin), nullptr);
-    set_values({"kept"});
-    testing::internal::CaptureStdout();
-    const std::string error = process(path, ConfigMode::kRead);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(),
-              "The configuration file " + path +
-                  " does not seem to exist, create one? (y/n) ");
-    EXPECT_EQ(error, row.want);
-    EXPECT_EQ(get_values(), Values{"kept"});
+    set_values({{"name", "kept"}});
+    EXPECT_EQ(process(path, ConfigMode::kRead), row.want);
+    EXPECT_EQ(get_values()["name"], "kept");
     EXPECT_EQ(folder.read("f"), std::nullopt);
   }
   // Any other reason to fail is no question.
@@ -136,28 +123,22 @@ TEST(ConfigReadTest, AMissingFileIsAQuestion) {
 
 TEST(ConfigRewriteTest, ReplacesValuesAndKeepsEveryOtherByte) {
   const std::string long_line(511, '#');
+  const Values name = {{"name", "N"}};
   const struct {
-    Value file;
+    std::optional<std::string> file;
     Values values;
-    Value want;
+    std::string want;
     Values left;
   } cases[] = {
       {{}, kAll, "domain=D\nname=N\nserver_port=1\nserver_list=S\n", kAll},
-      {{}, {{}, "N", {}, ""}, "name=N\nserver_list=\n", {{}, "N", {}, ""}},
-      {"\t name =  old  \r\n# c\n\r\nx=1\n",
-       {.name = "N"},
-       "\t name =  N\r\n# c\n\r\nx=1\n",
-       kNone},
+      {" name =  old \r\n# c\nx=1", name, " name =  N\r\n# c\nx=1", {}},
       {"name=\nserver_list=a\nname x",
        kAll,
        "name=N\nserver_list=S\nname xdomain=D\nserver_port=1\n",
-       {"D", {}, "1"}},
-      {"\0\xff#\n\0name=x\nname=a\0b\r\n"s,
-       {.name = "N"},
-       "\0\xff#\n\0name=x\nname=N\0b\r\n"s,
-       kNone},
-      {long_line + "name=x\n", {.name = "N"}, long_line + "name=N\n", kNone},
-      {long_line + long_line, kNone, long_line + long_line, kNone},
+       {{"domain", "D"}, {"server_port", "1"}}},
+      {"\0\xff#\nname=a\0b\r\n"s, name, "\0\xff#\nname=N\0b\r\n"s, {}},
+      {long_line + "name=x\n", name, long_line + "name=N\n", {}},
+      {long_line + long_line, {}, long_line + long_line, {}},
   };
   for (const auto& row : cases) {
     TempFolder folder;
@@ -168,7 +149,7 @@ TEST(ConfigRewriteTest, ReplacesValuesAndKeepsEveryOtherByte) {
     EXPECT_EQ(folder.read("f"), row.want);
     EXPECT_EQ(folder.read("f.bak"), row.file);
     EXPECT_EQ(folder.read("f.tmp"), std::nullopt);
-    EXPECT_EQ(get_values(), row.left) << *row.want;
+    EXPECT_EQ(get_values(), row.left) << row.want;
   }
 }
 
@@ -176,7 +157,7 @@ TEST(ConfigRewriteTest, AKeyWithoutValueLeavesTheFile) {
   for (const std::string file :
        {"name=a\ndomain=d\n", "domain=d\ndomain=d\n"}) {
     TempFolder folder;
-    EXPECT_EQ(rewrite(folder.write("f", file), {.name = "N"}),
+    EXPECT_EQ(rewrite(folder.write("f", file), {{"name", "N"}}),
               "No value supplied for key domain");
     EXPECT_EQ(folder.read("f"), file);
   }
@@ -193,7 +174,7 @@ TEST(ConfigRewriteTest, AFullDiskLeavesTheFile) {
   for (std::size_t room = 0; room < whole; ++room) {
     const rlimit full = {room, before.rlim_max};
     setrlimit(RLIMIT_FSIZE, &full);
-    const std::string error = rewrite(path, {"D", "N"});
+    const std::string error = rewrite(path, {{"domain", "D"}, {"name", "N"}});
     setrlimit(RLIMIT_FSIZE, &before);
     EXPECT_EQ(error, "Error writing to " + path + ".tmp: File too large");
     EXPECT_EQ(folder.read("f"), "#12\nname=a\n#34\n");
@@ -205,8 +186,7 @@ TEST(ConfigRewriteTest, KeepsThePermissionBits) {
   TempFolder folder;
   const std::string path = folder.path("f");
   const auto mode = [&path] {
-    struct stat status = {};
-    return stat(path.c_str(), &status) == 0 ? status.st_mode & 07777 : 0;
+    return static_cast<mode_t>(std::filesystem::status(path).permissions());
   };
   const mode_t before = umask(027);
   EXPECT_EQ(rewrite(path, kAll), "");
@@ -224,17 +204,18 @@ TEST(ConfigRewriteTest, WhatIsInTheWayIsNeitherFollowedNorReplaced) {
   const std::string path = folder.write("f", "name=a\n");
   folder.write("victim", "v");
   std::filesystem::create_symlink("victim", path + ".tmp");
-  EXPECT_EQ(rewrite(path, {.name = "N"}), "");
+  EXPECT_EQ(rewrite(path, {{"name", "N"}}), "");
   EXPECT_EQ(folder.read("victim"), "v");
   EXPECT_FALSE(std::filesystem::is_symlink(path));
 
   std::filesystem::remove(path + ".bak");
   std::filesystem::create_directory(path + ".bak");
-  EXPECT_EQ(rewrite(path, {.name = "M"}), "Could not rename " + path + " to " +
-                                              path + ".bak: Is a directory");
+  EXPECT_EQ(
+      rewrite(path, {{"name", "M"}}),
+      "Could not rename " + path + " to " + path + ".bak: Is a directory");
   std::filesystem::remove(path + ".tmp");
   std::filesystem::create_directory(path + ".tmp");
-  EXPECT_EQ(rewrite(path, {.name = "M"}),
+  EXPECT_EQ(rewrite(path, {{"name", "M"}}),
             "Error opening " + path + ".tmp: File exists");
   EXPECT_EQ(folder.read("f"), "name=N\n");
 }
@@ -252,7 +233,7 @@ TEST(ConfigRewriteTest, LongPaths) {
     const std::string path = folder.write(name, "name=a\n");
     const std::string temp = (path + ".tmp").substr(0, 255);
     const std::string backup = (path + ".bak").substr(0, 255);
-    EXPECT_EQ(rewrite(path, {.name = "N"}),
+    EXPECT_EQ(rewrite(path, {{"name", "N"}}),
               fits ? "" : ("Error opening " + temp).substr(0, 255));
     EXPECT_EQ(folder.read(name), fits ? "name=N\n" : "name=a\n");
     EXPECT_EQ(backup != path && std::filesystem::exists(backup), fits);
@@ -260,7 +241,7 @@ TEST(ConfigRewriteTest, LongPaths) {
     std::ofstream(temp) << "name=a\n";
     EXPECT_EQ(process(path, ConfigMode::kRead), "");
     EXPECT_EQ(std::filesystem::exists(temp), !fits) << length;
-    EXPECT_EQ(get_values().name, fits ? "N" : "a");
+    EXPECT_EQ(get_values()["name"], fits ? "N" : "a");
     std::filesystem::remove_all(folder.path(parent));
   }
 }

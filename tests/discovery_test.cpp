@@ -1,5 +1,4 @@
 // The discovery datagram, and the scan against servers on loopback.
-#include <fcntl.h>
 #include <gtest/gtest.h>
 
 #include <cstdint>
@@ -29,20 +28,14 @@ Bytes bytes_of(const DiscoveryDatagram& datagram) {
 const Bytes kAnswer = bytes_of(build_discovery_answer());
 constexpr Ipv4Address kLoopback{127, 0, 0, 1};
 
-TEST(Crc32, IsThePublishedOneAtEveryLengthModuloEight) {
-  Bytes bytes;
-  for (int i = 0; i < 40; ++i) {
-    // One bit at a time, without a table.
-    std::uint32_t expected = 0xFFFFFFFF;
-    for (const std::uint8_t byte : bytes) {
-      expected ^= byte;
-      for (int bit = 0; bit < 8; ++bit) {
-        expected = expected & 1 ? expected >> 1 ^ 0xEDB88320 : expected >> 1;
-      }
-    }
-    EXPECT_EQ(~expected, crc32(bytes.data(), bytes.size())) << i;
-    bytes.push_back(static_cast<std::uint8_t>(i * 73 + 1));
-  }
+TEST(Crc32, GivesThePublishedValues) {
+  const auto crc_of = [](const std::string& text) {
+    return crc32(reinterpret_cast<const std::uint8_t*>(text.data()),
+                 text.size());
+  };
+  EXPECT_EQ(0u, crc_of(""));
+  EXPECT_EQ(0xCBF43926u, crc_of("123456789"));
+  EXPECT_EQ(0x20159D7Fu, crc_of("message digest"));
 }
 
 // Which datagrams are taken for what: the query with byte `at` set, then cut or
@@ -57,18 +50,16 @@ TEST(DiscoveryDatagram, AnswersNeedMagicWordAndKindButQueriesEverything) {
       {15, 1, 20, false, true},     {15, 1, 19, false, false},
       {15, 1, 21, false, false},    {15, 2, 20, true, false},
       {15, 2, 16, true, false},  // no checksum at all
-      {15, 2, 15, false, false},    {15, 2, 0, false, false},
-      {15, 2, 4096, true, false},   {15, 3, 20, false, false},
+      {15, 2, 15, false, false},    {15, 2, 4096, true, false},
       {19, 0xD7, 20, false, false}, {16, 0, 20, false, false},
   };
   for (const auto& row : rows) {
+    SCOPED_TRACE(&row - rows);
     Bytes bytes = kQuery;
     bytes[row.at] = row.value;
     bytes.resize(row.length);
-    EXPECT_EQ(row.is_answer, is_discovery_answer(bytes.data(), bytes.size()))
-        << row.at << " " << row.length;
-    EXPECT_EQ(row.is_query, is_discovery_query(bytes.data(), bytes.size()))
-        << row.at << " " << row.length;
+    EXPECT_EQ(row.is_answer, is_discovery_answer(bytes.data(), bytes.size()));
+    EXPECT_EQ(row.is_query, is_discovery_query(bytes.data(), bytes.size()));
   }
   EXPECT_EQ(kQuery, bytes_of(build_discovery_query()));
   // Every byte of an answer but word 1 and the checksum counts.

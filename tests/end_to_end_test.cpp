@@ -1,7 +1,6 @@
 // The built velprobe against scripted servers, as its users and their scripts
 // see it: every byte of output and the exit status.
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 
 #include <string>
 #include <vector>
@@ -53,6 +52,17 @@ std::string trying(const std::string& server, int port) {
          std::to_string(port) + " ...\n";
 }
 
+// A server beside a peer, on the same port of 127.0.0.2, that refuses everyone.
+struct RefusingServer : Program {
+  explicit RefusingServer(int port)
+      : Program({VELSTANDIN_PROGRAM, "--listen", "127.0.0.2", "--port",
+                 std::to_string(port), "--node", "b", "--no-discovery",
+                 "--reason", "no"}) {
+    read_until("\n");
+  }
+};
+const std::string kRefused = "Veltra Server rejected us: no\n";
+
 class EndToEnd : public testing::Test {
  protected:
   // Runs velprobe on a file with these lines; the port is the peer's.
@@ -74,15 +84,13 @@ class EndToEnd : public testing::Test {
 };
 
 TEST_F(EndToEnd, ComplainsAboutTheCommandLine) {
-  const std::string path = folder_.write("agent.conf", "");
   const struct {
     std::vector<std::string> arguments;
     std::string output;
   } rows[] = {
       {{}, "Invalid number of arguments\n" + kUsage},
-      {{path, "test", "more"}, "Invalid number of arguments\n" + kUsage},
-      {{path, "Test"}, "Operation \"Test\" not implemented\n" + kUsage},
-      {{path, "%s%n"}, "Operation \"%s%n\" not implemented\n" + kUsage},
+      {{"f", "test", "more"}, "Invalid number of arguments\n" + kUsage},
+      {{"f", "Test%s%n"}, "Operation \"Test%s%n\" not implemented\n" + kUsage},
   };
   for (const auto& row : rows) {
     std::vector<std::string> command = row.arguments;
@@ -106,13 +114,9 @@ TEST_F(EndToEnd, TellsWhatEachAnswerMeans) {
     const std::string* verdict;
   } rows[] = {
       {"accepted", kAccept, "Connecting to server: OK.", &kAllOk},
-      {"minor version may differ",
+      {"version and more may differ",
        bytes_of(offer + "02 FF" + key + "05 00 00 00"),
        "Connecting to server: OK.", &kAllOk},
-      {"major version may not", bytes_of(offer + "03 02" + key + "00 00"),
-       "Veltra Server does not support our protocol version. Upgrade the "
-       "Veltra Server, or downgrade the Veltra Agent.",
-       &kNobody},
       {"version judged after the key",
        bytes_of(offer + "03 02 A2 80 00 00 00 00"),
        "Veltra Server does not support private key authentication.  Upgrade "
@@ -120,23 +124,14 @@ TEST_F(EndToEnd, TellsWhatEachAnswerMeans) {
        &kNobody},
       {"version judged after the whole offer", bytes_of(offer + "03 02" + key),
        "Peer closed connection unexpectedly", &kNobody},
-      {"refused", refusal("go away"), "Veltra Server rejected us: go away",
-       &kAddNode},
-      {"text is data", refusal("%s%n"), "Veltra Server rejected us: %s%n",
-       &kAddNode},
-      {"refused without words", refusal(""),
-       "Veltra Server rejected us: ", &kAddNode},
+      {"refused, and text is data", refusal("go away %s%n"),
+       "Veltra Server rejected us: go away %s%n", &kAddNode},
       {"cut at 255", refusal(long_reason),
        "Veltra Server rejected us: " + long_reason.substr(0, 228), &kAddNode},
-      {"reason too long", refusal(long_reason + "r"),
-       "negotiate_nack.reason: data out of range in read_string", &kNobody},
-      {"broken refusal", bytes_of("63 80 04 01 61 00 01"),
-       "List not terminated correctly in skip_to_eol", &kNobody},
       {"foreign", bytes_of("A1 80 00 00"),
        "Veltra Server using incompatible protocol", &kNobody},
-      {"definite", bytes_of("61 04 02 02 02 02"),
-       "Definite length read in read_server_offers_incomplete", &kNobody},
-      {"silent end", "", "Peer closed connection unexpectedly", &kNobody},
+      {"broken refusal", bytes_of("63 80 04 01 61 00 01"),
+       "List not terminated correctly in skip_to_eol", &kNobody},
   };
   for (const auto& row : rows) {
     for (std::size_t piece : {0U, 1U}) {
@@ -154,11 +149,10 @@ TEST_F(EndToEnd, TellsWhatEachAnswerMeans) {
 
 TEST_F(EndToEnd, SendsOneSegmentEachWay) {
   ScriptedPeer peer({.answer = kAccept});
-  velprobe("test", "name=a\ndomain=d\nserver_list=127.0.0.1\nserver_port=" +
-                       std::to_string(peer.port()));
+  test_against(peer);
   peer.stop();
   EXPECT_EQ(hex_of(peer.request()),
-            "60 80 02 02 02 02 A1 80 04 01 61 04 01 64 04 00 01 01 01 01 01 01 "
+            "60 80 02 02 02 02 A1 80 04 01 61 04 00 04 00 01 01 01 01 01 01 "
             "01 01 01 00 00 00 00");
   EXPECT_EQ(peer.data_segments(), 2U);
 }
@@ -166,66 +160,67 @@ TEST_F(EndToEnd, SendsOneSegmentEachWay) {
 TEST_F(EndToEnd, SurvivesAResetAtAnyByte) {
   for (std::size_t cut = 0; cut <= kAccept.size(); ++cut) {
     ScriptedPeer peer({.answer = kAccept.substr(0, cut), .reset = true});
-    const Finished result = test_against(peer);
-    EXPECT_EQ(result.status, 0);
-    EXPECT_NE(result.output.find("\nTest completed successfully.") !=
-                  std::string::npos,
-              result.output.find(kNobody) != std::string::npos)
-        << cut << result.output;
+    const std::string output = test_against(peer).output;
+    EXPECT_TRUE(output.ends_with(kAllOk) || output.ends_with(kNobody))
+        << cut << output;
   }
 }
 
 TEST_F(EndToEnd, SumsUpOverTheServers) {
   ScriptedPeer accepting({.answer = kAccept});
   const std::string port = std::to_string(accepting.port());
-  const std::string ok = "Connecting to server: OK.\n";
-  const std::string there = trying("127.0.0.1", accepting.port());
+  RefusingServer refusing(accepting.port());
+  const std::string ok =
+      trying("127.0.0.1", accepting.port()) + "Connecting to server: OK.\n";
+  const std::string refused = trying("127.0.0.2", accepting.port()) + kRefused;
+  const std::string unreachable = trying("127.0.0.3", accepting.port()) +
+                                  "Error connecting: Connection refused\n";
+  const std::string some =
+      "\nThis agent could only check in to some of specified servers.\n\n"
+      "Test completed with partial success \n"
+      "     -> Some, but not all servers accepted connection.\n\n";
   const struct {
-    std::string lines;
+    std::string servers;
     std::string output;
   } rows[] = {
-      {"server_list=127.0.0.1,127.0.0.1", there + ok + there + ok + kAllOk},
-      // An unreachable server has no weight beside one that accepts.
-      {"server_list=127.0.0.2,127.0.0.1",
-       trying("127.0.0.2", accepting.port()) +
-           "Error connecting: Connection refused\n" + there + ok + kAllOk},
-      // An empty entry ends the list; blanks belong to a name.
-      {"server_list=127.0.0.1,,127.0.0.1", there + ok + kAllOk},
-      {"server_list=,127.0.0.1", kNobody.substr(1)},
-      {"", kNobody.substr(1)},
-      {"server_list=127.0.0.2 x",
-       trying("127.0.0.2 x", accepting.port()) +
-           "Error resolving \"127.0.0.2 x\": Host name not found\n" + kNobody},
+      {"127.0.0.2,127.0.0.1", refused + ok + some},
+      // An unreachable server has no weight beside others.
+      {"127.0.0.3,127.0.0.1", unreachable + ok + kAllOk},
+      {"127.0.0.2,127.0.0.3", refused + unreachable + kAddNode},
+      // An empty entry ends the list.
+      {"127.0.0.1,,127.0.0.1", ok + kAllOk},
+      {",127.0.0.1", kNobody.substr(1)},
   };
   for (const auto& row : rows) {
-    SCOPED_TRACE(row.lines);
-    const Finished result =
-        velprobe("test", "name=a\nserver_port=" + port + "\n" + row.lines);
-    if (result.output.find("Temporary error") == std::string::npos) {
-      EXPECT_EQ(result.output, row.output);
-    }
-    EXPECT_EQ(result.status, 0);
+    const std::string lines = "name=a\nserver_port=" + port + "\nserver_list=";
+    EXPECT_EQ(velprobe("test", lines + row.servers).output, row.output);
   }
 }
 
+TEST_F(EndToEnd, GoesNowhereWithoutAnAddress) {
+  const std::string output = velprobe("test", "server_list=a..b").output;
+  EXPECT_NE(output.find(" ...\nError resolving \"a..b\": "), std::string::npos)
+      << output;
+}
+
 TEST_F(EndToEnd, ReadsThePortAsTheyWroteIt) {
-  char hex[16];
-  char octal[16];
-  ScriptedPeer peer({.answer = kAccept});
-  std::snprintf(hex, sizeof hex, "0x%X", peer.port());
-  std::snprintf(octal, sizeof octal, "0%o", peer.port());
-  for (const std::string& text :
-       {std::to_string(peer.port()) + "abc", std::string(hex),
-        std::string(octal), std::to_string(peer.port() + 65536)}) {
-    EXPECT_EQ(velprobe("test", "name=a\nserver_list=127.0.0.1\nserver_port=" +
-                                   text + "\n")
-                  .output,
-              trying("127.0.0.1", peer.port()) + "Connecting to server: OK.\n" +
-                  kAllOk);
+  const struct {
+    std::string line;
+    int port;
+  } rows[] = {
+      {"", 3241},
+      {"server_port=", 0},
+      {"server_port=7abc", 7},
+      {"server_port=0x1F", 31},
+      {"server_port=010", 8},
+      {"server_port=65543", 7},
+  };
+  for (const auto& row : rows) {
+    const std::string line = trying("255.255.255.255", row.port);
+    const Finished result =
+        velprobe("test", "server_list=255.255.255.255\n" + row.line);
+    EXPECT_TRUE(result.output.starts_with(line)) << result.output;
   }
-  EXPECT_EQ(velprobe("test", "server_port=abc\nserver_list=127.0.0.1")
-                .output.substr(0, trying("127.0.0.1", 0).size()),
-            trying("127.0.0.1", 0));
 }
 
 TEST_F(EndToEnd, ShowsEachLineBeforeItWaits) {
@@ -241,28 +236,13 @@ TEST_F(EndToEnd, AsksBeforeItCreatesAFile) {
   const std::string path = folder_.path("none.conf");
   const std::string question = "The configuration file " + path +
                                " does not seem to exist, create one? (y/n) ";
-  const struct {
-    const char* input;
-    std::string output;
-    int status;
-  } rows[] = {
-      {"", "Error from input_line: fgets returned error\n", 1},
-      {"n\n",
-       "Could not open configuration file " + path +
-           ": No such file or directory\n",
-       1},
-      {"Y\n",
-       "Could not open configuration file " + path +
-           ": No such file or directory\n",
-       1},
-      {"yes\n", kNobody.substr(1), 0},
-  };
-  for (const auto& row : rows) {
-    const Finished result = run({kProgram, path, "test"}, {.input = row.input});
-    EXPECT_EQ(result.output, question + row.output);
-    EXPECT_EQ(result.status, row.status);
-    EXPECT_EQ(folder_.read("none.conf"), std::nullopt);
-  }
+  const Finished no = run({kProgram, path, "test"}, {.input = "n\n"});
+  EXPECT_EQ(no.output, question + "Could not open configuration file " + path +
+                           ": No such file or directory\n");
+  EXPECT_EQ(no.status, 1);
+  const Finished yes = run({kProgram, path, "test"}, {.input = "yes\n"});
+  EXPECT_EQ(yes.output, question + kNobody.substr(1));
+  EXPECT_EQ(yes.status, 0);
 }
 
 class Configure : public EndToEnd {
@@ -272,42 +252,42 @@ class Configure : public EndToEnd {
            "server:\n\"" +
            list + "\", do you want to scan for the Veltra server anyway? ";
   }
-  const std::string settings_ = "Found the following working settings:\n";
-  const std::string question_ =
-      "Do you want to update the configuration file of this Veltra agent\n"
-      "with the above information? (y/N) ";
-
   std::string offer(const std::string& server, const std::string& name,
                     const std::string& domain) {
     return "\nVeltra server name: \"" + server + "\"\nVeltra agent name: \"" +
-           name + "\"\nVeltra agent domain: \"" + domain + "\"\n\n" + question_;
+           name + "\"\nVeltra agent domain: \"" + domain +
+           "\"\n\nDo you want to update the configuration file of this "
+           "Veltra agent\nwith the above information? (y/N) ";
   }
 };
 
 TEST_F(Configure, RewritesTheFileAfterAYes) {
   ScriptedPeer accepting({.answer = kAccept});
+  RefusingServer refusing(accepting.port());
+  const std::string servers = "127.0.0.3,127.0.0.2,127.0.0.1";
   const std::string port = std::to_string(accepting.port());
-  const std::string before =
-      "# mine\r\n server_list = 127.0.0.2,127.0.0.1\r\nserver_port=" + port +
-      "\nother=1\n";
+  const std::string before = "# mine\r\n server_list = " + servers +
+                             "\r\nserver_port=" + port + "\nother=1\n";
   const Finished result = velprobe("configure", before, {.input = "n\nyes\n"});
-  const std::string peer = trying("127.0.0.1", accepting.port());
   const std::string address =
       "Agent name not specified in " + path_ +
       ".\nWill use IP address as agent name \"127.0.0.1\"\n";
-  EXPECT_EQ(result.output,
-            configured("127.0.0.2,127.0.0.1") + "(y/N) \n" +
-                trying("127.0.0.2", accepting.port()) +
-                "Error connecting: Connection refused\n" + peer + address +
-                "Connecting to server: OK.\n\n" + settings_ +
-                offer("127.0.0.1", "127.0.0.1", ".") + "Updating \"" + path_ +
-                "\" ...\nConfiguration succesfully updated.\n");
+  EXPECT_EQ(
+      result.output,
+      configured(servers) + "(y/N) \n" + trying("127.0.0.3", accepting.port()) +
+          "Error connecting: Connection refused\n" +
+          trying("127.0.0.2", accepting.port()) + address + kRefused +
+          trying("127.0.0.1", accepting.port()) + address +
+          "Connecting to server: OK.\n\n"
+          "This agent could only check in to some of specified servers.\n\n"
+          "Found the following working settings:\n" +
+          offer("127.0.0.2,127.0.0.1", "127.0.0.1", ".") + "Updating \"" +
+          path_ + "\" ...\nConfiguration succesfully updated.\n");
   EXPECT_EQ(result.status, 0);
   EXPECT_EQ(folder_.read("agent.conf"),
-            "# mine\r\n server_list = 127.0.0.1\r\nserver_port=" + port +
-                "\nother=1\ndomain=.\nname=127.0.0.1\n");
+            "# mine\r\n server_list = 127.0.0.2,127.0.0.1\r\nserver_port=" +
+                port + "\nother=1\ndomain=.\nname=127.0.0.1\n");
   EXPECT_EQ(folder_.read("agent.conf.bak"), before);
-  EXPECT_EQ(folder_.read("agent.conf.tmp"), std::nullopt);
 }
 
 TEST_F(Configure, LeavesTheFileWithoutAYes) {
@@ -317,9 +297,8 @@ TEST_F(Configure, LeavesTheFileWithoutAYes) {
       std::to_string(refusing.port()) + "\n";
   const std::string until_question =
       configured("127.0.0.1") + "(y/N) \n" +
-      trying("127.0.0.1", refusing.port()) +
-      "Veltra Server rejected us: no\n\n"
-      "Found the following settings, but it appears this agent is not \n"
+      trying("127.0.0.1", refusing.port()) + kRefused +
+      "\nFound the following settings, but it appears this agent is not \n"
       "yet configured on the Veltra Server.\n" +
       kAdvice + offer("127.0.0.1", "a", "d");
   const struct {
@@ -328,8 +307,7 @@ TEST_F(Configure, LeavesTheFileWithoutAYes) {
     int status;
   } rows[] = {
       {"\nY\n", "", 0},
-      // The rest of a long answer is the next one.
-      {"no, thankyou\n", "", 0},
+      {"no, thankyou\n", "", 0},  // "kyou", too long for the first question
       {"n\n", "fgets returned error", 1},
   };
   for (const auto& row : rows) {
@@ -338,22 +316,18 @@ TEST_F(Configure, LeavesTheFileWithoutAYes) {
     EXPECT_EQ(result.status, row.status);
     EXPECT_EQ(folder_.read("agent.conf"), before);
   }
-  const Finished result =
-      velprobe("configure", before, {.input = "n234567yes\n"});
-  EXPECT_NE(result.output.find("succesfully updated"), std::string::npos);
 }
 
 TEST_F(Configure, ReportsARewriteThatFails) {
   ScriptedPeer accepting({.answer = kAccept});
-  const std::string before =
-      "name=a\nserver_list=127.0.0.1\nname=b\nserver_port=" +
-      std::to_string(accepting.port()) + "\n";
-  const Finished result = velprobe("configure", before, {.input = "n\ny\n"});
-  EXPECT_NE(result.output.find("...\nError: No value supplied for key name\n"),
-            std::string::npos)
-      << result.output;
+  const Finished result =
+      velprobe("configure",
+               "name=a\nserver_list=127.0.0.1\nname=b\nserver_port=" +
+                   std::to_string(accepting.port()),
+               {.input = "n\ny\n"});
+  EXPECT_TRUE(
+      result.output.ends_with("...\nError: No value supplied for key name\n"));
   EXPECT_EQ(result.status, 1);
-  EXPECT_EQ(folder_.read("agent.conf"), before);
 }
 
 TEST_F(EndToEnd, KeepsATerminalFromBeingDriven) {
@@ -365,25 +339,6 @@ TEST_F(EndToEnd, KeepsATerminalFromBeingDriven) {
   EXPECT_NE(shown.find("rejected us: ?[2J??Connecting to server: OK.??\r\n"),
             std::string::npos)
       << shown;
-}
-
-TEST_F(EndToEnd, GoesOnWithoutADescriptorForTheSocket) {
-  const auto hoard = [] {
-    rlimit limit{};
-    getrlimit(RLIMIT_NOFILE, &limit);
-    limit.rlim_cur = limit.rlim_max;
-    setrlimit(RLIMIT_NOFILE, &limit);
-    for (int i = 3; i < 1100; ++i) dup2(0, i);
-  };
-  const std::string failed = "Error creating socket: Too many open files\n";
-  rlimit limit{};
-  getrlimit(RLIMIT_NOFILE, &limit);
-  if (limit.rlim_max < 1200) GTEST_SKIP() << "needs 1,200 descriptors";
-  EXPECT_EQ(velprobe("test", "name=a\nserver_list=127.0.0.1,127.0.0.1",
-                     {.prepare = hoard})
-                .output,
-            trying("127.0.0.1", 3241) + failed + trying("127.0.0.1", 3241) +
-                failed + kNobody);
 }
 
 TEST_F(EndToEnd, WorksWithClosedStandardStreams) {

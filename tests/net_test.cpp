@@ -2,13 +2,12 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netdb.h>
+#include <netinet/tcp.h>
 #include <sched.h>
 #include <sys/ioctl.h>
 #include <sys/resource.h>
 #include <sys/select.h>
 #include <sys/socket.h>
-#include <sys/time.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -31,14 +30,19 @@
 namespace velprobe {
 namespace {
 
+using std::chrono_literals::operator""ms;
+
 constexpr Ipv4Address kLoopback{127, 0, 0, 1};
 
 std::string text_of(ErrorText error) {
   return error ? error.c_str() : "";
 }
 
-bool is_open(int descriptor) {
-  return ::fcntl(descriptor, F_GETFD) >= 0;
+int option_of(int socket, int level, int option) {
+  int value = -1;
+  socklen_t size = sizeof value;
+  ::getsockopt(socket, level, option, &value, &size);
+  return value;
 }
 
 std::uint16_t port_of_socket(int socket) {
@@ -53,13 +57,9 @@ struct SignalRain {
     struct sigaction action {};
     action.sa_handler = [](int) {};
     ::sigaction(SIGALRM, &action, nullptr);
-    const itimerval often{{0, 100'000}, {0, 100'000}};
-    ::setitimer(ITIMER_REAL, &often, nullptr);
+    ::ualarm(100'000, 100'000);
   }
-  ~SignalRain() {
-    const itimerval never{};
-    ::setitimer(ITIMER_REAL, &never, nullptr);
-  }
+  ~SignalRain() { ::ualarm(0, 0); }
 };
 
 std::string send(const FileDescriptor& socket, std::string_view bytes) {
@@ -68,10 +68,11 @@ std::string send(const FileDescriptor& socket, std::string_view bytes) {
 
 // receive gives what one read gives, or the error's text.
 std::string receive(const FileDescriptor& socket) {
-  char buffer[8];
-  std::size_t received = 99;
-  const ErrorText error = socket_recv(socket.get(), buffer, 8, received);
-  return error ? error.c_str() : std::string(buffer, received);
+  std::string buffer(50'000, '\0');
+  std::size_t received = 0;
+  const ErrorText error =
+      socket_recv(socket.get(), buffer.data(), buffer.size(), received);
+  return error ? error.c_str() : buffer.substr(0, received);
 }
 
 // Connection is one TCP connection with both of its ends.
@@ -90,8 +91,7 @@ struct Connection : testing::Test {
     client = FileDescriptor(socket);
     Ipv4Address peer;
     std::uint16_t peer_port;
-    ASSERT_EQ("",
-              text_of(accept_connection(listener, server, peer, peer_port)));
+    ASSERT_FALSE(accept_connection(listener, server, peer, peer_port));
     EXPECT_EQ(kLoopback, peer);
     EXPECT_EQ(port_of_socket(socket), peer_port);
   }
@@ -99,22 +99,13 @@ struct Connection : testing::Test {
   FileDescriptor listener, client, server;
 };
 
-TEST_F(Connection, ReceivesUntilTheEnd) {
-  ASSERT_EQ("", send(server, "abc"));
-  EXPECT_EQ("abc", receive(client));
-  ASSERT_EQ("", text_of(socket_close(server.release())));
-  EXPECT_EQ("", receive(client));
-}
-
 TEST_F(Connection, SilenceTimesOutAlthoughSignalsRestartTheWait) {
   EXPECT_EQ(600, set_socket_timeout(1));
   const SignalRain rain;
   const auto start = std::chrono::steady_clock::now();
   EXPECT_EQ("Timeout in socket_recv()", receive(client));
-  const std::chrono::duration<double> elapsed =
-      std::chrono::steady_clock::now() - start;
-  EXPECT_GT(elapsed.count(), 0.9);
-  EXPECT_LT(elapsed.count(), 5.0);  // the rest of a wait, not a new one
+  // A new wait after each signal, not the rest of one, would never end.
+  EXPECT_GT(std::chrono::steady_clock::now() - start, 900ms);
 }
 
 TEST_F(Connection, FullPeerOrASignalEndsTheSendWait) {
@@ -132,10 +123,10 @@ TEST_F(Connection, SendsAllInOrderHoweverSlowlyThePeerReads) {
     sent[i] = static_cast<char>(i * i >> 7);
   }
   std::thread reader([&] {
-    char piece[50'000];
-    std::size_t length = 1;
-    while (length > 0 && !socket_recv(server.get(), piece, 50'000, length)) {
-      received.append(piece, length);
+    std::string piece = "first";
+    while (!piece.empty() && received.size() < sent.size()) {
+      piece = receive(server);
+      received += piece;
     }
   });
   EXPECT_EQ("", send(client, sent));
@@ -144,28 +135,17 @@ TEST_F(Connection, SendsAllInOrderHoweverSlowlyThePeerReads) {
   EXPECT_TRUE(sent == received);
 }
 
-TEST_F(Connection, ClosedPeerFailsTheSendAndNotTheProcess) {
-  server = {};
-  std::string text;
-  for (int i = 0; i < 100 && text.empty(); ++i) {
-    text = send(client, "x");
-  }
-  EXPECT_EQ("Other end closed connection", text);
-}
-
 TEST_F(Connection, CorkHoldsBytesUntilTheFlush) {
   connect(CONNECT_NONBLOCKING | CONNECT_CORK);
-  ASSERT_EQ("", send(client, "x"));
-  EXPECT_FALSE(socket_wait_readable(server.get(), 0));
-
   // The system itself gives up after 200 milliseconds; a flush is faster, at
   // least once even on a busy machine.
   bool arrived_at_once = false;
   for (int i = 0; i < 10 && !arrived_at_once; ++i) {
+    ASSERT_EQ("", send(client, "x"));
+    EXPECT_FALSE(socket_wait_readable(server.get(), 0));
     ASSERT_EQ("", text_of(socket_flush(client.get())));
     arrived_at_once = socket_wait_readable(server.get(), 0);
     EXPECT_EQ("x", receive(server));
-    ASSERT_EQ("", send(client, "x"));
   }
   EXPECT_TRUE(arrived_at_once);
 }
@@ -174,10 +154,7 @@ TEST_F(Connection, FlagsChooseTheMode) {
   EXPECT_EQ(O_NONBLOCK, ::fcntl(client.get(), F_GETFL) & O_NONBLOCK);
   connect(CONNECT_NODELAY);
   EXPECT_EQ(0, ::fcntl(client.get(), F_GETFL) & O_NONBLOCK);
-  int nodelay = 0;
-  socklen_t size = sizeof nodelay;
-  ::getsockopt(client.get(), IPPROTO_TCP, 1 /* TCP_NODELAY */, &nodelay, &size);
-  EXPECT_EQ(1, nodelay);
+  EXPECT_EQ(1, option_of(client.get(), IPPROTO_TCP, TCP_NODELAY));
 }
 
 TEST_F(Connection, RefusedConnectClosesItsSocketAndKeepsTheNumber) {
@@ -188,98 +165,74 @@ TEST_F(Connection, RefusedConnectClosesItsSocketAndKeepsTheNumber) {
     EXPECT_EQ("Error connecting: Connection refused",
               text_of(socket_connect(kLoopback, port, socket, flags)));
     EXPECT_GE(socket, 0);
-    EXPECT_FALSE(is_open(socket));
+    EXPECT_LT(::fcntl(socket, F_GETFD), 0) << "left open";
   }
-}
-
-TEST_F(Connection, SignalEndsTheConnectWait) {
-  // A full queue drops further attempts silently.
-  ASSERT_EQ(0, ::listen(listener.get(), 0));
-  const sockaddr_in address =
-      to_sockaddr(kLoopback, port_of_socket(listener.get()));
-  std::vector<FileDescriptor> fillers;
-  for (int i = 0; i < 4; ++i) {
-    fillers.emplace_back(::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0));
-    ::connect(fillers.back().get(), as_sockaddr(&address), sizeof address);
-  }
-  const SignalRain rain;
-  std::int32_t socket;
-  EXPECT_EQ("Error waiting for connect: Interrupted system call",
-            text_of(socket_connect(kLoopback, port_of(address), socket,
-                                   CONNECT_NONBLOCKING)));
-  EXPECT_FALSE(is_open(socket));
 }
 
 TEST_F(Connection, DescriptorsBeyondTheWaitSetAreErrors) {
   const rlimit limit{2048, 2048};
   if (::setrlimit(RLIMIT_NOFILE, &limit) < 0) GTEST_SKIP();
-  EXPECT_EQ(
-      "Unknown error in socket_recv(): Too many open files",
-      receive(FileDescriptor(::fcntl(client.get(), F_DUPFD, FD_SETSIZE))));
+  std::vector<FileDescriptor> fillers;
+  while (fillers.empty() || fillers.back().get() < FD_SETSIZE) {
+    fillers.emplace_back(::dup(client.get()));
+  }
+  EXPECT_EQ("Unknown error in socket_recv(): Too many open files",
+            receive(fillers.back()));
+  std::int32_t socket;
+  EXPECT_EQ("Error creating socket: Too many open files",
+            text_of(socket_connect(kLoopback, 9, socket, 0)));
+  EXPECT_FALSE(udp_open(socket));
 }
 
-// Datagrams.
+FileDescriptor open_udp() {
+  std::int32_t socket = -1;
+  EXPECT_TRUE(udp_open(socket));
+  return FileDescriptor(socket);
+}
 
-struct Datagrams : testing::Test {
-  Datagrams() {
-    EXPECT_TRUE(udp_open(a));
-    EXPECT_TRUE(udp_open(b));
-    EXPECT_TRUE(udp_bind(b, kLoopback, 0));
-  }
-  ~Datagrams() override {
-    udp_close(a);
-    EXPECT_TRUE(udp_close(b));
-    EXPECT_FALSE(is_open(b));
-  }
-  std::int32_t a, b;
-};
-
-TEST_F(Datagrams, OneIsReceivedCutWithItsSender) {
-  ASSERT_EQ("",
-            text_of(udp_send(a, kLoopback, port_of_socket(b), "abcdef", 6)));
-  ASSERT_TRUE(socket_wait_readable(b, 5));
+TEST(Datagrams, OneIsReceivedCutWithItsSender) {
+  const FileDescriptor a = open_udp(), b = open_udp();
+  ASSERT_TRUE(udp_bind(b.get(), kLoopback, 0));
+  const std::uint16_t b_port = port_of_socket(b.get());
+  ASSERT_EQ("", text_of(udp_send(a.get(), kLoopback, b_port, "abcdef", 6)));
+  ASSERT_TRUE(socket_wait_readable(b.get(), 5));
   char buffer[4];
   ssize_t length = sizeof buffer;
   Ipv4Address sender{};
   std::uint16_t port = 0;
-  ASSERT_EQ("", text_of(udp_receive(b, sender, port, buffer, length)));
+  ASSERT_EQ("", text_of(udp_receive(b.get(), sender, port, buffer, length)));
   EXPECT_EQ("abcd", std::string(buffer, static_cast<std::size_t>(length)));
   EXPECT_EQ(kLoopback, sender);
-  EXPECT_EQ(port_of_socket(a), port);
+  EXPECT_EQ(port_of_socket(a.get()), port);
 }
 
-TEST_F(Datagrams, FailuresHaveTextsOfTheirOwn) {
+TEST(Datagrams, FailuresHaveTextsOfTheirOwn) {
+  const FileDescriptor a = open_udp();
   const Ipv4Address everyone{127, 255, 255, 255};
-  const ErrorText sent = udp_send(a, everyone, 9, "", 0);
+  const ErrorText sent = udp_send(a.get(), everyone, 9, "", 0);
   ssize_t length = 0;
   Ipv4Address sender;
   std::uint16_t port;
   EXPECT_EQ("UDP receive failed (9).",
             text_of(udp_receive(-1, sender, port, &length, length)));
-  EXPECT_EQ(-1, length);
   EXPECT_EQ("UDP send failed (Permission denied)", text_of(sent));
-
-  const ip_mreq none{};
   EXPECT_EQ("UDP set allow broadcast failed",
             text_of(udp_set_broadcast(-1, true)));
-  EXPECT_EQ("UDP set multicast no loop mode failed.",
-            text_of(udp_set_multicast(-1, none, true)));
   EXPECT_EQ("UDP set multicast membership failed.",
-            text_of(udp_set_multicast(a, none, true)));
+            text_of(udp_set_multicast(a.get(), {}, true)));
   EXPECT_EQ("UDP unset multicast membership failed.",
-            text_of(udp_set_multicast(a, none, false)));
+            text_of(udp_set_multicast(a.get(), {}, false)));
 }
 
-TEST_F(Datagrams, BroadcastIsAlwaysEnabledAndHandleZeroNeverClosed) {
-  ASSERT_EQ("", text_of(udp_set_broadcast(a, false)));
-  int enabled = 0;
-  socklen_t size = sizeof enabled;
-  ::getsockopt(a, SOL_SOCKET, SO_BROADCAST, &enabled, &size);
-  EXPECT_EQ(1, enabled);
+TEST(Datagrams, BroadcastIsAlwaysEnabledAndHandleZeroNeverClosed) {
+  FileDescriptor a = open_udp();
+  ASSERT_EQ("", text_of(udp_set_broadcast(a.get(), false)));
+  EXPECT_EQ(1, option_of(a.get(), SOL_SOCKET, SO_BROADCAST));
+  const int closed = a.release();
+  EXPECT_TRUE(udp_close(closed));
+  EXPECT_LT(::fcntl(closed, F_GETFD), 0) << "left open";
   EXPECT_FALSE(udp_close(0));
 }
-
-// Interfaces.
 
 std::string nic_list() {
   std::string list;
@@ -293,54 +246,34 @@ std::string nic_list() {
   return list;
 }
 
-constexpr int kNotAllowed = 77;
-
-// With a network of its own the child may give loopback further addresses: more
-// than the system's first answer has room for.
-int list_many() {
-  if (::unshare(CLONE_NEWUSER | CLONE_NEWNET) < 0) return kNotAllowed;
-  const FileDescriptor socket(::socket(AF_INET, SOCK_DGRAM, 0));
+// With a network of its own the process may give loopback further addresses:
+// more than the system's first answer has room for.
+TEST(Interfaces, AllThatAreUpAreListed) {
+  EXPECT_NE(std::string::npos, nic_list().find("lo 127.0.0.1\n"));
+  if (::unshare(CLONE_NEWUSER | CLONE_NEWNET) < 0) GTEST_SKIP();
+  const FileDescriptor socket = open_udp();
   std::string expected;
   ifreq request{};
   for (std::uint8_t i = 0; i < 9; ++i) {
     const sockaddr_in address = to_sockaddr({127, 1, 1, i}, 0);
     std::snprintf(request.ifr_name, IFNAMSIZ, "lo:%d", i);
     std::memcpy(&request.ifr_addr, &address, sizeof address);
-    if (::ioctl(socket.get(), SIOCSIFADDR, &request) < 0) return kNotAllowed;
+    ASSERT_EQ(0, ::ioctl(socket.get(), SIOCSIFADDR, &request));
     expected +=
         std::string(request.ifr_name) + " 127.1.1." + std::to_string(i) + "\n";
   }
   expected += "lo 127.0.0.1\n";  // comes with the start of the interface
-  const bool none_is_up = nic_list().empty();
+  EXPECT_EQ("", nic_list()) << "none is up";
   std::strcpy(request.ifr_name, "lo");
   request.ifr_flags = IFF_UP;
-  ::ioctl(socket.get(), SIOCSIFFLAGS, &request);
-  fprintf(stderr, "%d %s", none_is_up, nic_list().c_str());
-  return none_is_up && nic_list() == expected ? 0 : 1;
-}
-
-TEST(Interfaces, AllThatAreUpAreListed) {
-  EXPECT_NE(std::string::npos, nic_list().find("lo 127.0.0.1\n"));
-  const pid_t child = ::fork();
-  if (child == 0) ::_exit(list_many());
-  int status = -1;
-  ASSERT_EQ(child, ::waitpid(child, &status, 0));
-  if (WEXITSTATUS(status) == kNotAllowed) GTEST_SKIP() << "no network alone";
-  EXPECT_EQ(0, status);
+  ASSERT_EQ(0, ::ioctl(socket.get(), SIOCSIFFLAGS, &request));
+  EXPECT_EQ(expected, nic_list());
 }
 
 TEST(Interfaces, BroadcastIsComputedFromTheMask) {
-  struct {
-    Ipv4Address address, netmask, broadcast;
-  } const rows[] = {
-      {{10, 1, 2, 3}, {255, 255, 0, 0}, {10, 1, 255, 255}},
-      {{10, 1, 2, 3}, {0, 0, 0, 0}, {255, 255, 255, 255}},
-      {{10, 1, 2, 3}, {255, 255, 255, 255}, {10, 1, 2, 3}},
-      {{192, 0, 2, 65}, {255, 255, 255, 192}, {192, 0, 2, 127}},
-  };
-  for (const auto& row : rows) {
-    EXPECT_EQ(row.broadcast, directed_broadcast(row.address, row.netmask));
-  }
+  const Ipv4Address wide{10, 1, 255, 255}, narrow{192, 0, 2, 127};
+  EXPECT_EQ(wide, directed_broadcast({10, 1, 2, 3}, {255, 255, 0, 0}));
+  EXPECT_EQ(narrow, directed_broadcast({192, 0, 2, 65}, {255, 255, 255, 192}));
 }
 
 TEST(Interfaces, NamesEndWithTheSystemsField) {
@@ -354,24 +287,11 @@ TEST(Interfaces, NamesEndWithTheSystemsField) {
   EXPECT_STREQ("no name(3)", nic.name);
 }
 
-// Resolver.
-
 TEST(Resolver, FailuresAreNamedAndNamesAreData) {
-  struct {
-    int code;
-    std::string text;
-  } const rows[] = {
-      {HOST_NOT_FOUND, "Host name not found"},
-      {TRY_AGAIN, "Temporary error from name server"},
-      {NO_RECOVERY, "Unrecoverable error from name server"},
-      {NO_DATA, "Name server returned no address"},
-      {0, "Unknown error: 0"},
-      {5, "Unknown error: 5"},
-  };
-  for (const auto& row : rows) {
-    EXPECT_EQ("Error resolving \"%s%n\": " + row.text,
-              text_of(resolver_failure("%s%n", row.code)));
-  }
+  EXPECT_EQ("Error resolving \"%s%n\": Name server returned no address",
+            text_of(resolver_failure("%s%n", NO_DATA)));
+  EXPECT_EQ("Error resolving \"x\": Unknown error: 5",
+            text_of(resolver_failure("x", 5)));
 }
 
 TEST(Resolver, DottedDecimalIsItselfAndFailureTouchesNothing) {

@@ -3,8 +3,6 @@
 
 #include <cmath>
 #include <functional>
-#include <limits>
-#include <thread>
 
 #include "bytes.h"
 #include "net/listener.h"
@@ -35,9 +33,6 @@ std::string written(const Operation& write) {
 }
 
 TEST(Codec, WritesTheBytesOfTheWire) {
-  const double nan = std::numeric_limits<double>::quiet_NaN();
-  const double infinity = std::numeric_limits<double>::infinity();
-  const std::string long_text(128, 'x');
   const struct {
     Operation write;
     const char* hex;
@@ -49,31 +44,21 @@ TEST(Codec, WritesTheBytesOfTheWire) {
        "FF 81 FF FF FF 7F"},
       {[](BerStream& s) { return write_length(s, 127); }, "7F"},
       {[](BerStream& s) { return write_length(s, 128); }, "81 80"},
-      {[](BerStream& s) { return write_length(s, 256); }, "82 01 00"},
-      {[](BerStream& s) { return write_length(s, 0x10000); }, "83 01 00 00"},
       {[](BerStream& s) { return write_length(s, 0xFFFFFFFF); },
        "84 FF FF FF FF"},
       {write_list_begin, "30 80"},
       {write_indefinite_length, "80"},
-      {write_end_of_contents, "00 00"},
       {[](BerStream& s) { return write_bool(s, 7); }, "01 01 01"},
-      {[](BerStream& s) { return write_enumerated(s, 200, 80); },
-       "0A 02 00 C8"},
       {[](BerStream& s) { return write_string(s, 9, nullptr); }, "04 00"},
-      {[](BerStream& s) { return write_string(s, 2, "ab"); }, "04 02 61 62"},
       {write_null, "05 00"},
       {[](BerStream& s) { return write_real(s, -0.0); }, "09 00"},
       {[](BerStream& s) { return write_real(s, 1.5); },
        "09 0D 00 31 2E 35 30 30 30 30 30 65 2B 30 30"},
-      {[=](BerStream& s) { return write_real(s, nan); }, "09 01 60"},
-      {[=](BerStream& s) { return write_real(s, infinity); }, "09 01 40"},
-      {[=](BerStream& s) { return write_real(s, -infinity); }, "09 01 41"},
+      {[](BerStream& s) { return write_real(s, NAN); }, "09 01 60"},
+      {[](BerStream& s) { return write_real(s, HUGE_VAL); }, "09 01 40"},
+      {[](BerStream& s) { return write_real(s, -HUGE_VAL); }, "09 01 41"},
   };
   for (const auto& row : rows) EXPECT_EQ(written(row.write), row.hex);
-  EXPECT_EQ(written([&](BerStream& s) {
-              return write_string(s, 128, long_text.c_str());
-            }).substr(0, 8),
-            "04 81 80");
 }
 
 TEST(Codec, IntegersAreMinimalAndComeBack) {
@@ -86,52 +71,38 @@ TEST(Codec, IntegersAreMinimalAndComeBack) {
       {128, "02 02 00 80"},
       {32767, "02 02 7F FF"},
       {32768, "02 03 00 80 00"},
-      {0x7FFFFF, "02 03 7F FF FF"},
-      {0x800000, "02 04 00 80 00 00"},
       {INT32_MAX, "02 04 7F FF FF FF"},
       {0x80000000, "02 05 00 80 00 00 00"},
       {UINT32_MAX, "02 05 00 FF FF FF FF"},
       {-1, "02 01 FF"},
       {-128, "02 01 80"},
       {-129, "02 02 FF 7F"},
-      {-32768, "02 02 80 00"},
-      {-32769, "02 03 FF 7F FF"},
-      {-0x800000, "02 03 80 00 00"},
-      {-0x800001, "02 04 FF 7F FF FF"},
       {INT32_MIN, "02 04 80 00 00 00"},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.value);
+    BerStreamPtr stream = stream_of("");
     if (row.value >= 0) {
       const auto value = static_cast<std::uint32_t>(row.value);
-      EXPECT_EQ(written([&](BerStream& s) {
-                  return write_unsigned_int(s, 0, UINT32_MAX, value);
-                }),
-                row.hex);
+      EXPECT_FALSE(write_unsigned_int(*stream, 0, UINT32_MAX, value));
+      EXPECT_EQ(hex_of(memory_stream_bytes(*stream)), row.hex);
       std::uint32_t back = ~value;
-      EXPECT_EQ(text_of(read_unsigned_int(*stream_of(bytes_of(row.hex)), 0,
-                                          UINT32_MAX, back, 0)),
-                "");
+      EXPECT_FALSE(read_unsigned_int(*stream, 0, UINT32_MAX, back, 0));
       EXPECT_EQ(back, value);
     }
     if (row.value <= INT32_MAX) {
       const auto value = static_cast<std::int32_t>(row.value);
-      EXPECT_EQ(written([&](BerStream& s) {
-                  return write_signed_int(s, INT32_MIN, INT32_MAX, value);
-                }),
-                row.hex);
+      EXPECT_FALSE(write_signed_int(*stream, INT32_MIN, INT32_MAX, value));
+      EXPECT_EQ(hex_of(memory_stream_bytes(*stream)), row.hex);
       std::int32_t back = ~value;
-      EXPECT_EQ(text_of(read_signed_int(*stream_of(bytes_of(row.hex)),
-                                        INT32_MIN, INT32_MAX, back, 0)),
-                "");
+      EXPECT_FALSE(read_signed_int(*stream, INT32_MIN, INT32_MAX, back, 0));
       EXPECT_EQ(back, value);
     }
   }
 }
 
 // One reader of each type under the limits that the rows below poke.
-std::string read_one(const std::string& type, BerStream& s,
-                     std::uint32_t tag = 0) {
+std::string read_one(const std::string& type, BerStream& s, std::uint32_t tag) {
   std::uint32_t number = 0;
   std::int32_t integer = 0;
   int flag = 0;
@@ -154,91 +125,65 @@ std::string read_one(const std::string& type, BerStream& s,
 }
 
 TEST(Codec, ReadsWhatIsWellFormedAndNamesWhatIsNot) {
+  constexpr const char* kOpenInside =
+      "List not terminated correctly in read_devnode_list";
   const struct {
     const char* type;
     const char* hex;
     const char* error;
+    std::uint32_t tag = 0;  // which the caller has read
   } rows[] = {
+      {"unsigned", "01 05", "", BE_INTEGER},
+      {"skip", "01 05", "", BE_BOOLEAN},
       {"unsigned", "19 19 02 01 05", ""},  // filler before a tag
       {"unsigned", "1F 02 01 05", ""},     // a low number in the long form
       {"unsigned", "02 84 00 00 00 02 01 2C", ""},
-      {"unsigned", "02 05 00 00 00 00 05", ""},
       {"unsigned", "02 00", "data out of range in read_unsigned_int"},
       {"unsigned", "02 02 01 2D", "data out of range in read_unsigned_int"},
       {"unsigned", "02 80", "data out of range in read_unsigned_int"},
       {"unsigned", "02 06", "data out of range in read_unsigned_int"},
       {"unsigned", "02 01 80", "data out of range in read_unsigned_int"},
-      {"unsigned", "02 05 01 00 00 00 00",
+      {"unsigned", "02 05 01 00 00 00 05",
        "data out of range in read_unsigned_int"},
       {"unsigned", "02 85", "data out of range in read_length"},
       {"unsigned", "03 01 05", "Wrong tag, expected BE_INTEGER"},
-      {"unsigned", "02 01", "Peer closed connection unexpectedly"},
-      {"signed", "02 00", ""},
       {"signed", "02 02 FF FF", ""},
       {"signed", "02 01 FE", "data out of range in read_signed_int"},
       {"signed", "02 05 00 00 00 00 01",
        "data out of range in read_signed_int"},
-      {"signed", "04 00", "Wrong tag, expected BE_INTEGER"},
-      {"enum", "0A 00", ""},
-      {"enum", "0A 05 00 FF FF FF FF", ""},
       {"enum", "0A 04 FF FF FF FF", "data out of range in read_enumerated"},
       {"enum", "02 00", "Wrong tag, expected another type"},
       {"bool", "01 81 01 FF", ""},
       {"bool", "01 00", "data out of range in read_bool"},
-      {"bool", "01 02 00 00", "data out of range in read_bool"},
       {"bool", "02 01 00", "Wrong tag, expected BE_BOOLEAN"},
-      {"string", "04 04 61 62 63 64", ""},
-      {"string", "04 05 61 62 63 64 65", "data out of range in read_string"},
       {"string", "04 80", "data out of range in read_string"},
       {"string", "05 00", "Wrong tag, expected BE_STRING"},
-      {"real", "09 00", ""},
-      {"real", "09 02 00 35", ""},
       {"real", "09 02 00 30", "Zero/non-zero real mismatch"},
       {"real", "09 01 00", "Zero/non-zero real mismatch"},
       {"real", "09 01 42", "Unsupported real number format revceived"},
       {"real", "09 3C", "data out of range in read_bool"},
-      {"real", "09 80", "data out of range in read_bool"},
       {"real", "01 00", "Wrong tag, expected BE_REAL"},
       {"null", "05 81 00", ""},
-      {"null", "05 01", "Null object contains data of non-zero length"},
       {"null", "05 80", "Null object contains data of non-zero length"},
       {"null", "04 00", "Wrong tag, expected BE_NULL"},
-      {"bignum", "02 00", ""},
       {"bignum", "02 80", "data out of range in read_bignum"},
-      {"bignum", "04 00", "Wrong tag, expected BE_INTEGER"},
       // A claim of 4 GiB costs what arrives of it.
       {"bignum", "02 84 FF FF FF FF 01", "Peer closed connection unexpectedly"},
-      {"skip", "04 02 61 62", ""},
       {"skip", "30 80 30 80 02 01 05 00 00 00 82 00 00", ""},
       {"skip", "00 00", "skip_value encountered end of list"},
-      {"skip", "04 85", "data out of range in read_length"},
-      {"skip", "30 80 00 01",
-       "List not terminated correctly in read_devnode_list"},
-      {"skip", "30 80 00 80",
-       "List not terminated correctly in read_devnode_list"},
-      {"skip", "30 80 00 85",
-       "List not terminated correctly in read_devnode_list"},
-      {"skip", "30 80 00 82 00 01",
-       "List not terminated correctly in read_devnode_list"},
+      {"skip", "30 80 00 85", kOpenInside},
+      {"skip", "30 80 00 82 00 01", kOpenInside},
       {"eol", "05 00 30 80 01 01 00 00 00 00 84 00 00 00 00", ""},
       {"eol", "00 80", "List not terminated correctly in skip_to_eol"},
-      {"eol", "00 85", "List not terminated correctly in skip_to_eol"},
-      {"eol", "30 80 00 02",
-       "List not terminated correctly in read_devnode_list"},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(std::string(row.type) + " " + row.hex);
     BerStreamPtr stream = stream_of(bytes_of(row.hex));
-    EXPECT_EQ(read_one(row.type, *stream), row.error);
+    EXPECT_EQ(read_one(row.type, *stream, row.tag), row.error);
     if (*row.error == '\0') {
       EXPECT_EQ(hex_of(memory_stream_bytes(*stream)), "");
     }
   }
-}
-
-TEST(Codec, TakesATagThatTheCallerHasRead) {
-  EXPECT_EQ(read_one("unsigned", *stream_of(bytes_of("01 05")), 16), "");
-  EXPECT_EQ(read_one("skip", *stream_of(bytes_of("01 05")), 8), "");
 }
 
 TEST(Codec, ValuesComeBack) {
@@ -249,21 +194,17 @@ TEST(Codec, ValuesComeBack) {
     EXPECT_EQ(text_of(read_real(*stream, back, 0)), "");
     EXPECT_EQ(back, value);
   }
-  BerStreamPtr stream = stream_of(bytes_of("04 02 61 62 01 01 80"));
-  Text text;
   int flag = 0;
-  EXPECT_FALSE(read_string(*stream, 9, text, 0));
-  EXPECT_STREQ(text.get(), "ab");
-  EXPECT_FALSE(read_bool(*stream, flag, 0));
+  EXPECT_FALSE(read_bool(*stream_of(bytes_of("01 01 80")), flag, 0));
   EXPECT_EQ(flag, 1);
 }
 
 TEST(Codec, WritersRefuseWhatIsOutOfRange) {
   BerStreamPtr stream = stream_of("");
-  EXPECT_EQ(text_of(write_unsigned_int(*stream, 1, 5, 6)),
-            "data out of range in write_unsigned_int");
-  EXPECT_EQ(text_of(write_signed_int(*stream, -1, 5, -2)),
-            "data out of range in write_signed_int");
+  for (const std::uint32_t value : {0U, 6U}) {
+    EXPECT_EQ(text_of(write_unsigned_int(*stream, 1, 5, value)),
+              "data out of range in write_unsigned_int");
+  }
   EXPECT_EQ(hex_of(memory_stream_bytes(*stream)), "");
   EXPECT_EQ(text_of(write_string(*stream, 1, "ab")),
             "data out of range in write_string");
@@ -279,22 +220,11 @@ TEST(Codec, BigNumbersTravelAsBareMagnitudes) {
         hex);
   }
   // 35 limbs fit, the 36th does not; nothing is written then.
-  for (const std::uint64_t bits : {35U * 32 - 1, 35U * 32}) {
-    const BigNumPtr number = bn_power_of_two(bits);
-    BerStreamPtr stream = stream_of("");
-    const bool fits = bits < 35 * 32;
-    EXPECT_EQ(text_of(write_bignum(*stream, number.get())),
-              fits ? "" : "Buffer given to bn_get_data is too small");
-    EXPECT_EQ(memory_stream_bytes(*stream).empty(), !fits);
-  }
-}
-
-TEST(Codec, DepthIsHarmless) {
-  constexpr int kDepth = 1000000;
-  std::string lists;
-  for (int i = 0; i < kDepth; ++i) lists += bytes_of("30 80");
-  lists += std::string(2 * kDepth, '\0');
-  EXPECT_EQ(read_one("skip", *stream_of(lists)), "");
+  BerStreamPtr stream = stream_of("");
+  EXPECT_EQ(text_of(write_bignum(*stream, bn_power_of_two(35 * 32).get())),
+            "Buffer given to bn_get_data is too small");
+  EXPECT_EQ(hex_of(memory_stream_bytes(*stream)), "");
+  EXPECT_FALSE(write_bignum(*stream, bn_power_of_two(35 * 32 - 1).get()));
 }
 
 // A stream and the raw socket at its other end.
@@ -345,22 +275,11 @@ TEST(SocketStream, WritesGatherUntilAFlushAReadOrTheClose) {
   EXPECT_EQ(c.arrived(), "");
 }
 
-TEST(SocketStream, ReadsExactlyAndReportsTheEnd) {
-  Connection c;
-  ASSERT_FALSE(socket_send(c.peer.get(), "abcd", 4));
-  char buffer[4] = {};
-  EXPECT_FALSE(c.stream->operations.read(c.stream.get(), buffer, 3));
-  EXPECT_EQ(std::string(buffer, 3), "abc");
-  EXPECT_TRUE(c.stream->operations.wait_readable(c.stream.get(), 1));
-  c.peer = FileDescriptor();
-  EXPECT_EQ(text_of(c.stream->operations.read(c.stream.get(), buffer, 2)),
-            "Peer closed connection unexpectedly");
-}
-
 TEST(SocketStream, WrapsTheTextsOfTheSocket) {
   Connection c;
   set_socket_timeout(1);
   char byte;
+  EXPECT_FALSE(c.stream->operations.wait_readable(c.stream.get(), 0));
   EXPECT_EQ(text_of(c.stream->operations.read(c.stream.get(), &byte, 1)),
             "Error receiving data: Timeout in socket_recv()");
   set_socket_timeout(0);
