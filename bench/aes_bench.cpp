@@ -3,6 +3,7 @@
 #include <benchmark/benchmark.h>
 
 #include <cstdint>
+#include <cstring>
 #include <memory>
 #include <string>
 #include <vector>
@@ -54,7 +55,8 @@ void run_libcrypto(benchmark::State& state, const Job& job) {
   std::vector<std::uint8_t> data(static_cast<std::size_t>(job.size), 0x5a);
   const std::string name =
       "AES-" + std::to_string(job.key_bits) + "-" + job.subject->name;
-  const std::uint8_t key[32] = {0x77};
+  std::uint8_t key[32];
+  std::memset(key, 0x77, sizeof key);
   const std::uint8_t vector[16] = {};
   const std::unique_ptr<EVP_CIPHER, void (*)(EVP_CIPHER*)> cipher(
       EVP_CIPHER_fetch(nullptr, name.c_str(), nullptr), EVP_CIPHER_free);

@@ -1,9 +1,12 @@
 #include <gtest/gtest.h>
+#include <pthread.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <functional>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "aes_objects.h"
 #include "vectors.h"
@@ -199,6 +202,48 @@ TEST(AesResults, OfInitialisation) {
   EXPECT_EQ(to_hex(vector_of(cipher)), "aaff" + kVector.substr(4));
   EXPECT_EQ(cipherInit(&cipher, kModeEcb, nullptr), 1);
   EXPECT_EQ(vector_of(cipher), std::string(16, '\0'));
+}
+
+// The operations run on a stack that can be searched afterwards.
+TEST_P(Aes, LeavesNoPlainTextOnTheStack) {
+  std::vector<char> stack(1 << 20);
+  const std::string plain = from_hex(kPlain).substr(0, 60);
+  std::function<void()> job;
+  const auto run_job = [](void* given) -> void* {
+    (*static_cast<std::function<void()>*>(given))();
+    return nullptr;
+  };
+  for (const std::uint8_t mode : {kModeEcb, kModeCbc}) {
+    const keyInstance keys[] = {new_key(kKey128, kDirEncrypt),
+                                new_key(kKey128, kDirDecrypt)};
+    cipherInstance ciphers[] = {new_cipher(mode, ""), new_cipher(mode, "")};
+    std::string cipher_text, back;
+    job = [&] {
+      cipher_text = run(padEncrypt, &ciphers[0], keys[0], plain, 1);
+      back = run(padDecrypt, &ciphers[1], keys[1], cipher_text, 1);
+    };
+    pthread_attr_t attributes;
+    pthread_attr_init(&attributes);
+    pthread_attr_setstack(&attributes, stack.data(), stack.size());
+    pthread_t thread;
+    ASSERT_EQ(pthread_create(&thread, &attributes, run_job, &job), 0);
+    pthread_join(thread, nullptr);
+    pthread_attr_destroy(&attributes);
+    ASSERT_EQ(back, plain);
+
+    // As bytes, and as the words that the portable path makes of them.
+    std::string found;
+    for (std::size_t at = 0; at < plain.size(); at += 4) {
+      std::string word = plain.substr(at, 4);
+      for (int order = 0; order < 2; ++order) {
+        if (std::search(stack.begin(), stack.end(), word.begin(), word.end()) !=
+            stack.end())
+          found += to_hex(word) + " ";
+        std::reverse(word.begin(), word.end());
+      }
+    }
+    EXPECT_EQ(found, "") << "mode " << int{mode};
+  }
 }
 
 TEST(AesResults, OfOperations) {

@@ -21,7 +21,6 @@ struct Fixed {
       : memory(std::max(size, limbs.size())) {
     std::copy(limbs.begin(), limbs.end(), memory.begin());
     num = {memory.data(), limbs.size(), memory.size()};
-    bn_normalize(&num);
   }
   Fixed(const Fixed&) = delete;
   operator BigNum*() { return &num; }
@@ -110,7 +109,7 @@ TEST(BigNum, TopBitAndComparisonWithWords) {
 // room changes nothing, a difference below zero wraps.
 TEST(BigNum, OperationsAtTheEdgeOfTheirRoom) {
 #define RUN(operation) [&](BigNum* a) { return static_cast<int>(operation); }
-  Fixed zero({}), five({5}), seven({7}), two({5, 6});
+  Fixed zero({}), long_zero({0}), five({5}), seven({7}), two({5, 6});
   struct {
     Limbs limbs;
     std::size_t size;
@@ -139,7 +138,15 @@ TEST(BigNum, OperationsAtTheEdgeOfTheirRoom) {
       {{}, 0, RUN(bn_set_word(a, 1)), -1, {}, 0},
       {{9}, 1, RUN(bn_copy_into(a, two)), -1, {9}, 1},
       {{9, 9, 9}, 3, RUN(bn_copy_into(a, two)), 0, {5, 6, 0}, 2},
+      {{3},
+       2,
+       RUN(bn_shift_left(a, 95) < 0 ? bn_copy_into(a, five) : 1),
+       0,
+       {5, 0},
+       1},
       {{9}, 2, RUN(bn_mod(a, zero, two)), -1, {9, 0}, 1},
+      {{9}, 2, RUN(bn_mod(a, long_zero, two)), -1, {9, 0}, 1},
+      {{8}, 1, RUN(bn_or_quotient(a, two, long_zero)), -1, {8}, 1},
       {{8}, 1, RUN(bn_or_quotient(a, two, five)), -1, {8}, 1},
       {{2}, 1, RUN(bn_or_quotient(a, two, seven)), 0, {0xDB6DB6DE}, 1},
   };
@@ -170,6 +177,7 @@ TEST(BigNum, ReductionNeedsScratchRoom) {
       {{0, 0xC0000000}, {3}, 2, "0"},
       {{1, 0xC0000000}, {3}, 2, nullptr},
       {{5}, {}, 4, nullptr},
+      {{5}, {0}, 4, nullptr},
   };
   for (const auto& row : kRows) {
     Fixed a(row.a), b(row.b), before(row.a), scratch({}, row.scratch);
@@ -191,6 +199,7 @@ TEST(BigNum, PowerModuloChecksItsWorkNumbers) {
               row.rc);
   }
   EXPECT_EQ(bn_power_mod(base, exponent, zero), nullptr);
+  EXPECT_EQ(bn_power_mod(base, exponent, Fixed({0})), nullptr);
   EXPECT_EQ(bn_div(base, zero), nullptr);
   EXPECT_EQ(hex_of(bn_power_mod(base, zero, one)), "1");
   EXPECT_EQ(hex_of(bn_power_mod(base, exponent, one)), "0");

@@ -118,30 +118,46 @@ TEST_P(EveryMessage, HoldsEachLimitOnBothSides) {
   const MessageLayout& layout = GetParam();
   for (const FieldLayout& field : layout.fields) {
     SCOPED_TRACE(field.name);
+    Record record(layout);
+    record.fill();
+    const std::string name = std::string(layout.name) + "." + field.name;
+    if (field.type == FieldType::kBigNum) {  // 140 bytes hold 1120 bits
+      record.set(field, 1119);
+      EXPECT_EQ(decode_error(layout, encode(layout, record)), "");
+      record.set(field, 1120);
+      encode(layout, record,
+             name + ": Buffer given to bn_get_data is too small");
+    }
     const bool is_text = field.type == FieldType::kString;
-    if (!is_text && field.type != FieldType::kSigned) continue;
-    const std::string kind = is_text ? "string" : "signed_int";
-    const std::string label =
-        std::string(layout.name) + "." + field.name + ": data out of range in ";
+    const bool is_signed = field.type == FieldType::kSigned;
+    if (!is_text && !is_signed && field.type != FieldType::kUnsigned) continue;
+    const std::string kind = is_text     ? "string"
+                             : is_signed ? "signed_int"
+                                         : "unsigned_int";
+    const std::string label = name + ": data out of range in ";
 
     // The same message to a peer that knows no limits.
     std::vector<FieldLayout> fields(layout.fields.begin(), layout.fields.end());
     FieldLayout& loose =
         fields[static_cast<std::size_t>(&field - layout.fields.data())];
-    loose.minimum = INT32_MIN;
-    loose.maximum = is_text ? field.maximum + 1 : INT32_MAX;
+    loose.minimum = is_signed ? INT32_MIN : 0;
+    loose.maximum = is_text     ? field.maximum + 1
+                    : is_signed ? INT32_MAX
+                                : UINT32_MAX;
     MessageLayout unlimited = layout;
     unlimited.fields = fields;
 
-    Record record(layout);
-    record.fill();
     for (std::int64_t edge : {field.minimum, field.maximum}) {
       record.set(field, edge);
-      EXPECT_EQ(decode_error(layout, encode(layout, record)), "");
+      Record back(layout);
+      EXPECT_EQ(decode(layout, encode(layout, record), back), "");
+      if (!is_text) {
+        EXPECT_EQ(back.member<std::int32_t>(field),
+                  static_cast<std::int32_t>(edge));
+      }
     }
     for (std::int64_t beyond : {field.minimum - 1, field.maximum + 1}) {
       if (beyond < loose.minimum || beyond > loose.maximum) continue;
-      if (is_text && beyond < 0) continue;
       record.set(field, beyond);
       encode(layout, record, label + "write_" + kind);
       EXPECT_EQ(decode_error(layout, encode(unlimited, record)),

@@ -57,6 +57,20 @@ void check_sum(const Case& test) {
   test.expect("A", sum);
 }
 
+void check_shift(const Case& test) {
+  const BigNumPtr a = test("A");
+  const std::string& places = test.vector["N"];
+  const std::uint64_t n = places.empty() ? 1 : std::stoull(places, nullptr, 16);
+  const BigNumPtr shifted = bn_copy(a.get(), a->len + n / 32 + 1);
+  if (!test.vector["RShift"].empty()) {
+    bn_shift_right(shifted.get(), n);
+    test.expect("RShift", shifted);
+    return;
+  }
+  EXPECT_EQ(bn_shift_left(shifted.get(), n), 0);
+  test.expect(places.empty() ? "LShift1" : "LShift", shifted);
+}
+
 void check_mod_exp(const Case& test) {
   const BigNumPtr e = test("E"), m = test("M");
   // Modulo 1 an exponent of 0 gives 1 here.
@@ -80,6 +94,7 @@ TEST(BigNumVectors, Arithmetic) {
       {"quotient_tests.txt", check_quotient, 180},
       {"product_tests.txt", check_product, 114},
       {"sum_tests.txt", check_sum, 483},
+      {"shift_tests.txt", check_shift, 501},
       {"mod_exp_tests.txt", check_mod_exp, 127},
       {"miller_rabin_tests.txt", check_miller_rabin, 72},
   };

@@ -195,9 +195,9 @@ int base_compare(const std::uint32_t* a, std::uint64_t a_len,
 void base_assign(BigNum* dst, const BigNum* src) {
   if (dst == src) return;
   std::copy(src->data, src->data + src->len, dst->data);
-  if (src->len < dst->len) {
-    std::fill(dst->data + src->len, dst->data + dst->len, 0u);
-  }
+  // A shift without room leaves a length beyond the size.
+  const std::uint64_t used = std::min(dst->len, dst->size);
+  if (src->len < used) std::fill(dst->data + src->len, dst->data + used, 0u);
   dst->len = src->len;
 }
 
@@ -506,14 +506,14 @@ void base_divide(std::uint32_t* a, std::uint64_t a_len, const std::uint32_t* m,
 }
 
 int base_mod_old_big(BigNum* a, const BigNum* b, BigNum* scratch) {
-  if (b->len == 0) return -1;
+  if (base_is_zero(b)) return -1;
   return base_mod_old_big(a, b, LeadingWords(b->data, b->len), scratch);
 }
 
 int base_power_modulo(BigNum* res, const BigNum* base, const BigNum* exponent,
                       const BigNum* modulus, BigNum* mbuf, BigNum* altbuf) {
   const std::uint64_t longest = std::max(base->len, modulus->len);
-  if (modulus->len == 0 || mbuf->size < base->len ||
+  if (base_is_zero(modulus) || mbuf->size < base->len ||
       res->size < longest + modulus->len || altbuf->size <= 2 * longest ||
       altbuf->size > mbuf->size) {
     return -1;

@@ -24,6 +24,11 @@ struct BigNum {
 std::uint64_t base_significant_limbs(const std::uint32_t* data,
                                      std::uint64_t n);
 
+// base_is_zero tells whether num is zero, be it normalised or not.
+inline bool base_is_zero(const BigNum* num) {
+  return base_significant_limbs(num->data, num->len) == 0;
+}
+
 // base_top_bit gives the zero-based index of the highest set bit; 0 for zero.
 std::uint64_t base_top_bit(const std::uint32_t* data, std::uint64_t n);
 

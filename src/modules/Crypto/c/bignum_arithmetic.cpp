@@ -2,6 +2,7 @@
 
 #include "bignum.h"
 #include "crypto_assert.h"
+#include "wipe.h"
 
 namespace velprobe {
 namespace {
@@ -127,7 +128,7 @@ std::uint64_t bn_strip_twos(const BigNum* a, BigNumPtr& out) {
 }
 
 int bn_mod(BigNum* a, const BigNum* m, BigNum* scratch) {
-  if (m->len == 0 || scratch->size < m->len || scratch->size < a->len) {
+  if (base_is_zero(m) || scratch->size < m->len || scratch->size < a->len) {
     return -1;
   }
   base_divide(a->data, a->len, m->data, m->len, nullptr);
@@ -137,7 +138,7 @@ int bn_mod(BigNum* a, const BigNum* m, BigNum* scratch) {
 
 int bn_mod_into(BigNum* result, const BigNum* a, const BigNum* m,
                 BigNum* scratch) {
-  if (m->len == 0 || scratch->size < m->len || scratch->size < a->len ||
+  if (base_is_zero(m) || scratch->size < m->len || scratch->size < a->len ||
       result->size < a->len) {
     return -1;
   }
@@ -146,7 +147,7 @@ int bn_mod_into(BigNum* result, const BigNum* a, const BigNum* m,
 }
 
 int bn_or_quotient(BigNum* result, const BigNum* a, const BigNum* b) {
-  if (b->len == 0) return -1;
+  if (base_is_zero(b)) return -1;
   if (bn_less(a, b)) return 0;
   // Without its low limbs b is as long as a: the quotient's top limb is there
   // exactly when what is left of a is not below b.
@@ -225,6 +226,7 @@ Text bn_to_decimal(const BigNum* num) {
   Text digits = new_text(count);
   if (digits == nullptr) return nullptr;
   std::reverse_copy(reversed.get(), reversed.get() + count, digits.get());
+  wipe_memory(reversed.get(), room);
   return digits;
 }
 

@@ -95,6 +95,7 @@ bool is_padding_good(const std::uint8_t (&block)[kAesBlockSize],
 
 int keyInit(keyInstance* key, std::uint8_t direction, int key_bits,
             const char* key_material) {
+  const ClearsStack clears_stack;
   if (key == nullptr) return kBadKeyInstance;
   if (direction > kDirDecrypt) return kBadKeyDir;
   if (!is_key_length(key_bits) || key_material == nullptr) {
@@ -136,18 +137,21 @@ int cipherInit(cipherInstance* cipher, std::uint8_t mode, const char* iv) {
 int blockEncrypt(cipherInstance* cipher, const keyInstance* key,
                  const std::uint8_t* input, int input_bits,
                  std::uint8_t* output) {
+  const ClearsStack clears_stack;
   return crypt_bits(cipher, key, kDirEncrypt, input, input_bits, output);
 }
 
 int blockDecrypt(cipherInstance* cipher, const keyInstance* key,
                  const std::uint8_t* input, int input_bits,
                  std::uint8_t* output) {
+  const ClearsStack clears_stack;
   return crypt_bits(cipher, key, kDirDecrypt, input, input_bits, output);
 }
 
 int padEncrypt(const cipherInstance* cipher, const keyInstance* key,
                const std::uint8_t* input, int input_bytes,
                std::uint8_t* output) {
+  const ClearsStack clears_stack;
   if (!is_usable(cipher, key, kDirEncrypt, kModeCbc)) return kBadCipherState;
   if (input == nullptr || input_bytes < 1) return 0;
   const int blocks = input_bytes / kBlockBytes;
@@ -171,6 +175,7 @@ int padEncrypt(const cipherInstance* cipher, const keyInstance* key,
 int padDecrypt(cipherInstance* cipher, const keyInstance* key,
                const std::uint8_t* input, int input_bytes,
                std::uint8_t* output) {
+  const ClearsStack clears_stack;
   if (!is_usable(cipher, key, kDirDecrypt, kModeCbc)) return kBadCipherState;
   if (input == nullptr || input_bytes < 1) return 0;
   if (input_bytes % kBlockBytes != 0) return kBadData;
@@ -192,6 +197,7 @@ int padDecrypt(cipherInstance* cipher, const keyInstance* key,
 int cipherUpdateRounds(const cipherInstance* cipher, const keyInstance* key,
                        const std::uint8_t* input, int, std::uint8_t* output,
                        int rounds) {
+  const ClearsStack clears_stack;
   if (cipher == nullptr || key == nullptr) return kBadCipherState;
   if (key->direction > kDirDecrypt) return kBadKeyDir;
   if (!has_schedule(*key)) return kBadCipherState;

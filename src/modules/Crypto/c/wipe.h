@@ -26,6 +26,26 @@ struct Wiped {
   Value value{};
 };
 
+// ClearsStack, alone in a function, clears on every way out of it what the
+// calls that it made left on the stack: temporaries that the compiler put
+// there, of which no owner knows. kDepth is more than those calls take
+// together, in bytes.
+class ClearsStack {
+ public:
+  ClearsStack() = default;
+  ClearsStack(const ClearsStack&) = delete;
+  ClearsStack& operator=(const ClearsStack&) = delete;
+  ~ClearsStack() { clear(); }
+
+ private:
+  static constexpr std::size_t kDepth = 1024;
+
+  [[gnu::noinline]] static void clear() {
+    unsigned char below[kDepth];
+    wipe_memory(below, sizeof below);
+  }
+};
+
 }  // namespace velprobe
 
 #endif  // VELPROBE_MODULES_CRYPTO_C_WIPE_H_
