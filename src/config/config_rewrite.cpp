@@ -49,8 +49,8 @@ void take_after(const struct stat& old, NewFile* file) {
   if (fchown(descriptor, old.st_uid, old.st_gid) == 0) return;
   // Only a privileged process gives a file away, but its own groups are free.
   if (fchown(descriptor, static_cast<uid_t>(-1), old.st_gid) == 0) return;
-  // The group it has instead may do with it what everybody may.
-  file->mode = (mode & 0707) | (mode & 07) << 3;
+  // Set-ID bits were never meant for the group that it has instead.
+  file->mode = mode & 0777;
 }
 
 // create_new_file creates the temporary file, which must not exist. When there

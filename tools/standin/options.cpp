@@ -39,8 +39,9 @@ roll-out or to check a firewall before the real server stands.
   --help               show this help and exit
   --version            show the version and exit
 
-A session is cut off after 10 seconds. While listening on a loopback address,
-it answers discovery queries from this host only.
+It serves one client after the other; each session is cut off after 10 seconds.
+While listening on a loopback address, it answers discovery queries from this
+host only. Of several on one port number, only one can answer discovery queries.
 )";
 
 enum OptionId {

@@ -95,9 +95,9 @@ ErrorText answer_request(BerStream& stream, Session& session,
                                  : write_refusal(stream, policy)) {
     return error;
   }
-  if (ErrorText error = stream.operations.flush(&stream)) return error;
+  // From here on the client may have the answer, whatever the flush says.
   session.answer = accepted ? Answer::kOffer : Answer::kRefusal;
-  return {};
+  return stream.operations.flush(&stream);
 }
 
 // await_acknowledgement reads what follows the answer: an acknowledgement, or

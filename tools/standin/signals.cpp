@@ -40,11 +40,16 @@ void on_stop(int) {
   errno = kept_errno;
 }
 
+// handle also lets the signal in, which the caller may have left blocked.
 bool handle(int signal, void (*handler)(int)) {
   struct sigaction action {};
   action.sa_handler = handler;
   sigemptyset(&action.sa_mask);
-  return ::sigaction(signal, &action, nullptr) == 0;
+  sigset_t blocked;
+  sigemptyset(&blocked);
+  sigaddset(&blocked, signal);
+  return ::sigaction(signal, &action, nullptr) == 0 &&
+         ::sigprocmask(SIG_UNBLOCK, &blocked, nullptr) == 0;
 }
 
 void set_alarm(int seconds) {
