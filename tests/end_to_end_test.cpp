@@ -157,15 +157,6 @@ TEST_F(EndToEnd, SendsOneSegmentEachWay) {
   EXPECT_EQ(peer.data_segments(), 2U);
 }
 
-TEST_F(EndToEnd, SurvivesAResetAtAnyByte) {
-  for (std::size_t cut = 0; cut <= kAccept.size(); ++cut) {
-    ScriptedPeer peer({.answer = kAccept.substr(0, cut), .reset = true});
-    const std::string output = test_against(peer).output;
-    EXPECT_TRUE(output.ends_with(kAllOk) || output.ends_with(kNobody))
-        << cut << output;
-  }
-}
-
 TEST_F(EndToEnd, SumsUpOverTheServers) {
   ScriptedPeer accepting({.answer = kAccept});
   const std::string port = std::to_string(accepting.port());

@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <pty.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -40,6 +41,8 @@ class Program {
     }
     child_ = fork();
     if (child_ == 0) {
+      // Nothing outlives a test that died.
+      prctl(PR_SET_PDEATHSIG, SIGKILL);
       dup2(in[0], 0);
       dup2(out[1], 1);
       dup2(out[1], 2);
@@ -50,10 +53,11 @@ class Program {
       execv(arguments[0], arguments.data());
       _exit(127);
     }
-    close(in[0]);
     close(out[1]);
     output_ = FileDescriptor(out[0]);
-    FileDescriptor input(in[1]);
+    // Written while both ends are open here: a child that is gone already does
+    // not turn it into a SIGPIPE.
+    const FileDescriptor input_reader(in[0]), input(in[1]);
     const auto size = static_cast<ssize_t>(options.input.size());
     EXPECT_EQ(write(input.get(), options.input.data(), options.input.size()),
               size);

@@ -24,8 +24,13 @@ struct Script {
   // Hear this many bytes first; 0: whatever the client sends first.
   std::size_t hear = 1;
   std::string answer = {};
+  // This often again, after the answer.
+  std::string filler = {};
+  std::size_t filler_times = 0;
   // Bytes a write, 0 for all at once; the writes do not gather.
   std::size_t piece = 0;
+  // Leave the connection open, without another word.
+  bool stay = false;
   // End with a reset instead of hearing the client out.
   bool reset = false;
 };
@@ -77,12 +82,16 @@ class ScriptedPeer {
       const std::size_t size = std::min(piece, script_.answer.size() - at);
       if (send(client, &script_.answer[at], size, MSG_NOSIGNAL) < 0) break;
     }
+    for (std::size_t i = 0; i < script_.filler_times; ++i) {
+      const std::string& filler = script_.filler;
+      if (send(client, filler.data(), filler.size(), MSG_NOSIGNAL) < 0) break;
+    }
     if (script_.reset) {
       const linger at_once = {1, 0};
       setsockopt(client, SOL_SOCKET, SO_LINGER, &at_once, sizeof at_once);
       return;
     }
-    shutdown(client, SHUT_WR);
+    if (!script_.stay) shutdown(client, SHUT_WR);
     rest_ = hear(client, SIZE_MAX);
     tcp_info info{};
     socklen_t size = sizeof info;

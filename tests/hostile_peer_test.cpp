@@ -1,0 +1,150 @@
+// Servers that mean harm, over real sockets: velprobe ends by itself, in memory
+// that a small limit holds, with the text for what it met.
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+
+#include <algorithm>
+#include <chrono>
+#include <string>
+
+#include "bytes.h"
+#include "net/tcp.h"
+#include "probe/check_in_probe.h"
+#include "program.h"
+#include "scripted_peer.h"
+#include "temp_folder.h"
+
+namespace velprobe {
+namespace {
+
+const std::string kOffer = bytes_of("61 80 02 02 02 02");
+const std::string kKey = bytes_of("A1 80 01 01 01 01 01 01");
+const std::string kClosed = "Peer closed connection unexpectedly";
+constexpr std::size_t kKibibyte = 1024;
+
+// All that is mapped, the C library's own share included.
+constexpr rlim_t kRoom = 5 * 1024 * kKibibyte;
+
+std::string repeated(const std::string& piece) {
+  std::string block;
+  while (block.size() < 4096) block += piece;
+  return block;
+}
+
+// limited_test runs velprobe against a peer, in kRoom.
+Finished limited_test(const ScriptedPeer& peer) {
+  TempFolder folder;
+  const auto limit = [] {
+    alarm(60);
+    if (*VELPROBE_FAULT_SHIM == '\0') return;  // sanitizers map terabytes
+    const rlimit both = {kRoom, kRoom};
+    setrlimit(RLIMIT_AS, &both);
+  };
+  const std::string path =
+      folder.write("c", "name=a\nserver_list=127.0.0.1\nserver_port=" +
+                            std::to_string(peer.port()) + "\n");
+  return run({VELPROBE_PROGRAM, path, "test"}, {.prepare = limit});
+}
+
+TEST(HostilePeer, WearsOutNeitherTimeNorMemory) {
+  const struct {
+    const char* name;
+    std::string answer;
+    std::string filler;
+    std::string text;
+    std::size_t size = 512 * kKibibyte;  // of all the filler
+  } rows[] = {
+      {"garbage", "", repeated(bytes_of("DE AD BE EF")),
+       "Veltra Server using incompatible protocol"},
+      {"filler", "", repeated("\x19"), kClosed},
+      {"filler in the offer", kOffer, repeated("\x19"), kClosed},
+      {"high tag", bytes_of("1F"), repeated("\xFF"), kClosed},
+      {"high tag in a skipped list", kOffer + kKey + "\x1F", repeated("\xFF"),
+       kClosed},
+      {"nested lists", kOffer + kKey, repeated(bytes_of("30 80")), kClosed,
+       2100000},  // a million of them
+      {"nested lists, closed askew", kOffer + kKey + bytes_of("30 80 00 01"),
+       "", "List not terminated correctly in read_devnode_list"},
+      {"endless key", kOffer + kKey, repeated(bytes_of("01 01 01")), kClosed},
+      {"endless offer", kOffer + kKey + bytes_of("00 00"),
+       repeated(bytes_of("04 01 61")), kClosed},
+      {"endless refusal", bytes_of("63 80 04 01 61"),
+       repeated(bytes_of("04 01 61")), kClosed},
+      {"a skipped text of gigabytes",
+       kOffer + kKey + bytes_of("04 84 FF FF FF FF"), repeated("a"), kClosed},
+      {"a reason of gigabytes", bytes_of("63 80 04 84 FF FF FF FF"),
+       repeated("a"),
+       "negotiate_nack.reason: data out of range in read_string"},
+      {"a version of gigabytes", bytes_of("61 80 02 84 7F FF FF FF"),
+       repeated("a"),
+       "server_offers.version: data out of range in read_signed_int"},
+      {"a length beyond all", kOffer + kKey + bytes_of("04 85"), repeated("a"),
+       "data out of range in read_length"},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
+    ScriptedPeer peer({.answer = row.answer,
+                       .filler = row.filler,
+                       .filler_times = row.filler.empty()
+                                           ? 0
+                                           : row.size / row.filler.size()});
+    const Finished result = limited_test(peer);
+    EXPECT_EQ(result.status, 0);
+    EXPECT_NE(result.output.find(" ...\n" + row.text + "\n"), std::string::npos)
+        << result.output;
+  }
+}
+
+TEST(HostilePeer, LeavesByteByByteAtAnyByte) {
+  const std::string accept = kOffer + kKey + bytes_of("00 00 00 00");
+  const std::string refusal = bytes_of("63 80 04 02 6E 6F 00 00");
+  const std::string ends[] = {kClosed, "Connection reset by peer",
+                              "Other end closed connection"};
+  for (const std::string& answer : {accept, refusal}) {
+    for (std::size_t i = 0; i < 4 * answer.size(); ++i) {
+      const std::size_t cut = i / 4;
+      // Before or after the request, with a farewell or a reset.
+      ScriptedPeer peer({.hear = i % 2,
+                         .answer = answer.substr(0, cut),
+                         .piece = 1,
+                         .reset = i % 4 > 1});
+      const Finished result = limited_test(peer);
+      EXPECT_EQ(result.status, 0);
+      EXPECT_TRUE(std::any_of(ends, std::end(ends),
+                              [&](const auto& end) {
+                                return result.output.find(end + "\n") !=
+                                       std::string::npos;
+                              }))
+          << cut << result.output;
+    }
+  }
+}
+
+TEST(HostilePeer, GetsNoMoreSilenceThanTheLimit) {
+  const std::string late = "Error receiving data: Timeout in socket_recv()";
+  const struct {
+    std::string answer;
+    std::string text;
+  } rows[] = {
+      {"", late},
+      {kOffer.substr(0, 5), "server_offers.version: " + late},
+      {kOffer + kKey + bytes_of("04 05 61"), late},
+  };
+  set_socket_timeout(1);
+  for (const auto& row : rows) {
+    ScriptedPeer peer({.answer = row.answer, .stay = true});
+    const auto start = std::chrono::steady_clock::now();
+    const ErrorText error =
+        probe_server("127.0.0.1", static_cast<std::uint16_t>(peer.port()), "a",
+                     nullptr, nullptr, nullptr);
+    const std::chrono::duration<double> took =
+        std::chrono::steady_clock::now() - start;
+    EXPECT_STREQ(error.c_str(), row.text.c_str());
+    EXPECT_GT(took.count(), 0.9);
+    EXPECT_LT(took.count(), 5);
+  }
+  set_socket_timeout(0);
+}
+
+}  // namespace
+}  // namespace velprobe
