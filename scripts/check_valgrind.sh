@@ -20,10 +20,11 @@ checked=(valgrind --quiet --error-exitcode=99)
 expect() {
   local text=$1
   shift
-  "${checked[@]}" "$@" >"$work/log" 2>&1 && grep -qF "$text" "$work/log" || {
+  if ! "${checked[@]}" "$@" >"$work/log" 2>&1 ||
+    ! grep -qF "$text" "$work/log"; then
     cat "$work/log" >&2
     exit 1
-  }
+  fi
 }
 
 for test in util config console net discovery protocol messages; do

@@ -1,3 +1,4 @@
+# shellcheck shell=bash disable=SC2034
 # Sourced by the other scripts: installs Debian packages that are missing.
 #
 # need_packages PACKAGE... asks apt only for what is not there yet, through sudo

@@ -11,26 +11,30 @@ set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 . "$root/scripts/packages.sh"
 
-build() {
-  need_packages "${build_packages[@]}"
-  (
-    cd "$root"
-    cmake --preset release -B "$root/build/run" -DVELPROBE_TESTS=OFF
-    cmake --build "$root/build/run" --target velprobe velstandin
-  ) >"$log" 2>&1 || {
-    cat "$log" >&2
+# quietly COMMAND...: what it says is shown only when it fails.
+quietly() {
+  "$@" >"$work/log" 2>&1 || {
+    cat "$work/log" >&2
     exit 1
   }
 }
 
+build() {
+  need_packages "${build_packages[@]}"
+  quietly cmake -S "$root" --preset release -B "$root/build/run" \
+    -DVELPROBE_TESTS=OFF
+  quietly cmake --build "$root/build/run" --target velprobe velstandin
+}
+
 rehearse() {
-  velstandin --port 0 --no-discovery --sessions 1 >"$work/standin" &
+  # It ends with the session, and after a while without one.
+  timeout 30 velstandin --port 0 --no-discovery --sessions 1 >"$work/standin" &
   local standin=$! line=
-  for _ in $(seq 100); do
-    line=$(head -n 1 "$work/standin")
-    [ -n "$line" ] && break
+  until grep -q '^Listening' "$work/standin"; do
+    kill -0 "$standin"
     sleep 0.05
   done
+  line=$(head -n 1 "$work/standin")
   sed "s/^server_port=.*/server_port=${line##*:}/" \
     "$root/docs/agent.conf.sample" >"$work/agent.conf"
 
@@ -38,14 +42,13 @@ rehearse() {
   local status=0
   (cd "$work" && velprobe agent.conf test) || status=$?
   echo "exit status: $status"
-  wait "$standin"
+  wait "$standin" || true
   echo "velstandin saw:"
   cat "$work/standin"
 }
 
 work=$(mktemp -d)
 trap 'rm -rf "$work"; kill $(jobs -p) 2>/dev/null || true' EXIT
-log=$work/build.log
 build
 PATH=$root/build/run/src/driver:$root/build/run/tools/standin:$PATH
 
