@@ -213,7 +213,8 @@ void write_all(int socket, std::string_view bytes) {
   if (::write(socket, bytes.data(), bytes.size()) < 0) std::abort();
 }
 
-// The server's side of every exchange, one write and one read each way.
+// The server's side of every exchange, one write and one read each way, until
+// the listener is shut down.
 void serve(const FileDescriptor& listener) {
   const std::string request = bytes_of(write_request);
   const std::string answer = bytes_of(write_answer);
@@ -221,8 +222,10 @@ void serve(const FileDescriptor& listener) {
     FileDescriptor client;
     Ipv4Address address{};
     std::uint16_t port = 0;
-    if (!socket_wait_readable(listener.get(), 600)) return;
-    if (accept_connection(listener, client, address, port)) continue;
+    if (!socket_wait_readable(listener.get(), 600) ||
+        accept_connection(listener, client, address, port)) {
+      return;
+    }
     read_exactly(client.get(), request.size());
     write_all(client.get(), answer);
     char rest[16];
@@ -262,8 +265,7 @@ void BM_ProbeBesideBareExchange(benchmark::State& state) {
   require(start_socket_subsystem());
   require(listen_on({127, 0, 0, 1}, 0, listener));
   socket_local_address(listener.get(), nullptr, &port);
-  const int listening = listener.get();
-  std::thread([owner = std::move(listener)] { serve(owner); }).detach();
+  std::thread server([&listener] { serve(listener); });
 
   const std::string request = bytes_of(write_request);
   const std::string answer = bytes_of(write_answer);
@@ -284,7 +286,8 @@ void BM_ProbeBesideBareExchange(benchmark::State& state) {
   state.counters["probe_us"] = median(probe);
   state.counters["bare_us"] = median(bare);
   state.counters["ratio"] = median(probe) / median(bare);
-  ::shutdown(listening, SHUT_RDWR);
+  ::shutdown(listener.get(), SHUT_RDWR);
+  server.join();
 }
 BENCHMARK(BM_ProbeBesideBareExchange)->UseRealTime();
 

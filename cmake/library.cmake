@@ -5,8 +5,8 @@ set(library_rooms util net modules/Crypto/c protocol probe)
 set(library_targets velprobe_util velprobe_net velprobe_crypto
   velprobe_protocol velprobe_probe)
 # What only the rooms themselves include: neither installed nor visible.
-set(internal_headers address_set aes_block crypto_assert limb_pairs
-  system_socket wipe)
+set(internal_headers address_set aes_block byte_order crypto_assert limb_pairs
+  standard_streams system_socket wipe)
 list(TRANSFORM library_targets REPLACE "(.+)" "$<TARGET_OBJECTS:\\1>"
   OUTPUT_VARIABLE library_objects)
 

@@ -54,7 +54,9 @@ enum class ConfigMode { kRead, kWrite };
 // bits and, where the process may, its owner and group. Values that went into a
 // line of the file are released; those of appended lines stay. The old file
 // stays whole, at path or as "<path>.bak", until the new one is on the disk and
-// at path. A failure leaves path as it was, and a "<path>.tmp" may remain.
+// at path. A failure leaves path as it was, and a "<path>.tmp" may remain. A
+// file that cannot even be opened counts as none: what it held is then only in
+// "<path>.bak", until the next read.
 //
 // Both names are cut at 255 characters. When they cannot be told from each
 // other or from path any more, a read deletes nothing and a rewrite fails.

@@ -22,8 +22,8 @@ constexpr std::size_t kMaxFileSize = 64 * 1024 * 1024;
 int read_whole(int descriptor, ByteBuffer* bytes) {
   for (;;) {
     if (!bytes->reserve(kChunkSize)) return ENOMEM;
-    const ssize_t length = read(descriptor, bytes->data() + bytes->size(),
-                                bytes->capacity() - bytes->size());
+    const ssize_t length = ::read(descriptor, bytes->data() + bytes->size(),
+                                  bytes->capacity() - bytes->size());
     if (length == 0) return 0;
     if (length < 0 && errno == EINTR) continue;
     if (length < 0) return errno;
@@ -35,7 +35,7 @@ int read_whole(int descriptor, ByteBuffer* bytes) {
 }  // namespace
 
 ErrorText load_config_file(const char* path, LoadedFile* out) {
-  const FileDescriptor file(open(path, O_RDONLY | O_CLOEXEC));
+  const FileDescriptor file(::open(path, O_RDONLY | O_CLOEXEC));
   if (!file) {
     out->open_error = take_last_os_error();
     return {};
@@ -63,8 +63,8 @@ SideFiles name_side_files(const char* path) {
 
 void delete_side_files(const SideFiles& side) {
   if (side.collide) return;
-  unlink(side.temp);
-  unlink(side.backup);
+  ::unlink(side.temp);
+  ::unlink(side.backup);
 }
 
 }  // namespace velprobe

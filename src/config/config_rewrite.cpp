@@ -46,11 +46,12 @@ void take_after(const struct stat& old, NewFile* file) {
   const int descriptor = file->descriptor.get();
   const mode_t mode = old.st_mode & 07777;
   file->mode = mode;
-  if (fchown(descriptor, old.st_uid, old.st_gid) == 0) return;
+  if (::fchown(descriptor, old.st_uid, old.st_gid) == 0) return;
   // Only a privileged process gives a file away, but its own groups are free.
-  if (fchown(descriptor, static_cast<uid_t>(-1), old.st_gid) == 0) return;
-  // Set-ID bits were never meant for the group that it has instead.
-  file->mode = mode & 0777;
+  // Set-ID bits were never meant for an owner or a group that it has instead.
+  const bool has_group =
+      ::fchown(descriptor, static_cast<uid_t>(-1), old.st_gid) == 0;
+  file->mode = mode & (has_group ? 02777 : 0777);
 }
 
 // create_new_file creates the temporary file, which must not exist. When there
@@ -58,10 +59,10 @@ void take_after(const struct stat& old, NewFile* file) {
 // it is finished.
 ErrorText create_new_file(const char* path, NewFile* file) {
   struct stat old;
-  const bool has_old = stat(path, &old) == 0;
+  const bool has_old = ::stat(path, &old) == 0;
   file->descriptor = FileDescriptor(
-      open(file->name, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
-           has_old ? 0600 : 0666));
+      ::open(file->name, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
+             has_old ? 0600 : 0666));
   if (!file->descriptor) return error_opening(file->name);
   if (has_old) take_after(old, file);
   return {};
@@ -70,7 +71,7 @@ ErrorText create_new_file(const char* path, NewFile* file) {
 ErrorText write_bytes(const NewFile& file, std::string_view bytes) {
   while (!bytes.empty()) {
     const ssize_t written =
-        write(file.descriptor.get(), bytes.data(), bytes.size());
+        ::write(file.descriptor.get(), bytes.data(), bytes.size());
     if (written < 0 && errno == EINTR) continue;
     if (written <= 0) return error_writing(file.name);
     bytes.remove_prefix(static_cast<std::size_t>(written));
@@ -114,9 +115,9 @@ ErrorText append_other_keys(const ConfigKey* keys, const NewFile& file) {
 // since both writing and changing the owner can clear some of them.
 ErrorText finish_new_file(NewFile* file) {
   const int descriptor = file->descriptor.get();
-  const bool has_mode = !file->mode || fchmod(descriptor, *file->mode) == 0;
-  if (!has_mode || fsync(descriptor) != 0 ||
-      close(file->descriptor.release()) != 0) {
+  const bool has_mode = !file->mode || ::fchmod(descriptor, *file->mode) == 0;
+  if (!has_mode || ::fsync(descriptor) != 0 ||
+      ::close(file->descriptor.release()) != 0) {
     return error_writing(file->name);
   }
   return {};
@@ -132,8 +133,8 @@ void sync_folder_of(const char* path) {
           : copy_text({path, static_cast<std::size_t>(slash - path) + 1});
   if (!folder) return;
   const FileDescriptor descriptor(
-      open(folder.get(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (descriptor) fsync(descriptor.get());
+      ::open(folder.get(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (descriptor) ::fsync(descriptor.get());
 }
 
 // swap_files turns path into the backup and the temporary file into path.

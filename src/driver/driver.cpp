@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string_view>
 #include <utility>
 
 #include "../config/agent_config.h"
@@ -22,7 +23,6 @@ namespace velprobe {
 namespace {
 
 constexpr std::uint16_t kDefaultPort = 3241;
-constexpr const char* kOutOfMemory = "Out of memory";
 
 // Step tells whether the story goes on or has come to its end.
 enum class Step { kGoOn, kSucceed, kFail };
@@ -210,7 +210,11 @@ Step try_server(Run& run, const char* server) {
   if (status != ProbeStatus::kNoAnswer) {
     if (const Step step = add_working_server(run, server); step != Step::kGoOn)
       return step;
-    (error ? run.any_rejected : run.any_accepted) = true;
+    if (error) {
+      run.any_rejected = true;
+    } else {
+      run.any_accepted = true;
+    }
   }
   if (error) {
     print_server_text(error.c_str());

@@ -94,7 +94,7 @@ void fill_nic(int socket, const ifreq& entry, int index, NicInfo& nic) {
 }  // namespace
 
 std::unique_ptr<NicInfo[]> list_nics() {
-  const FileDescriptor socket(::socket(AF_INET, SOCK_DGRAM, 0));
+  const FileDescriptor socket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
   if (!socket) return nullptr;
   RequestList list;
   if (!read_configuration(socket.get(), list)) return nullptr;

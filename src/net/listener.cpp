@@ -10,8 +10,8 @@ namespace velprobe {
 
 ErrorText listen_on(const Ipv4Address& address, std::uint16_t port,
                     FileDescriptor& out_listener) {
-  FileDescriptor socket =
-      waitable(::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0));
+  FileDescriptor socket = waitable(
+      ::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
   if (!socket) return os_failure("Error creating socket");
   // A restart must not wait for connections of the run before to fade.
   const int on = 1;
@@ -35,8 +35,8 @@ ErrorText accept_connection(const FileDescriptor& listener,
                             std::uint16_t& out_port) {
   sockaddr_in peer{};
   socklen_t size = sizeof peer;
-  FileDescriptor socket =
-      waitable(::accept(listener.get(), as_sockaddr(&peer), &size));
+  FileDescriptor socket = waitable(
+      ::accept4(listener.get(), as_sockaddr(&peer), &size, SOCK_CLOEXEC));
   if (!socket) return os_failure("Error accepting connection");
   out_peer = address_of(peer);
   out_port = port_of(peer);

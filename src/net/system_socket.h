@@ -1,4 +1,4 @@
-// What the sources of this room share around the system's socket calls.
+// What goes with the system's socket calls, for the sources that make them.
 #ifndef VELPROBE_NET_SYSTEM_SOCKET_H_
 #define VELPROBE_NET_SYSTEM_SOCKET_H_
 
@@ -53,11 +53,6 @@ inline FileDescriptor waitable(int descriptor) {
   if (!owner || fits_wait(descriptor)) return owner;
   errno = EMFILE;
   return {};
-}
-
-// os_failure is "what: the system's text".
-inline ErrorText os_failure(const char* what) {
-  return format_error_text("%s: %s", what, last_os_error_text());
 }
 
 }  // namespace velprobe

@@ -84,7 +84,8 @@ ErrorText socket_apply_flags(std::int32_t socket, std::uint32_t flags) {
 
 ErrorText socket_connect(const Ipv4Address& address, std::uint16_t port,
                          std::int32_t& out_socket, std::uint32_t flags) {
-  FileDescriptor socket = waitable(::socket(AF_INET, SOCK_STREAM, 0));
+  FileDescriptor socket =
+      waitable(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
   out_socket = socket.get();
   if (!socket) return os_failure("Error creating socket");
   if (ErrorText error = socket_apply_flags(socket.get(), flags)) return error;

@@ -1,4 +1,5 @@
-// TCP connections over IPv4 that never block forever.
+// TCP connections over IPv4. On a non-blocking socket (CONNECT_NONBLOCKING) no
+// call waits without a limit; on a blocking one the system decides.
 //
 // A socket handle is an OS descriptor in a variable of the caller. Failures are
 // texts of format_error_text around the system's own.

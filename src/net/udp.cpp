@@ -10,7 +10,8 @@
 namespace velprobe {
 
 bool udp_open(std::int32_t& out_socket) {
-  out_socket = waitable(::socket(AF_INET, SOCK_DGRAM, 0)).release();
+  out_socket =
+      waitable(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)).release();
   return out_socket >= 0;
 }
 

@@ -13,8 +13,6 @@
 namespace velprobe {
 namespace {
 
-constexpr const char* kOutOfMemory = "Out of memory";
-
 using AddressText = std::array<char, 32>;
 
 // The local address of the connection, empty when the system does not tell.

@@ -1,5 +1,7 @@
 #include "discovery_datagram.h"
 
+#include "../util/byte_order.h"
+
 namespace velprobe {
 
 namespace {
@@ -32,36 +34,20 @@ constexpr std::array<std::uint32_t, 256> make_crc_table() {
 
 constexpr std::array<std::uint32_t, 256> kCrcTable = make_crc_table();
 
-inline std::uint32_t crc_step(std::uint32_t crc, std::uint8_t byte) {
-  return (crc >> 8) ^ kCrcTable[(crc ^ byte) & 0xFF];
-}
-
-void put_word(std::uint8_t* place, std::uint32_t word) {
-  place[0] = static_cast<std::uint8_t>(word >> 24);
-  place[1] = static_cast<std::uint8_t>(word >> 16);
-  place[2] = static_cast<std::uint8_t>(word >> 8);
-  place[3] = static_cast<std::uint8_t>(word);
-}
-
-std::uint32_t get_word(const std::uint8_t* place) {
-  return std::uint32_t{place[0]} << 24 | std::uint32_t{place[1]} << 16 |
-         std::uint32_t{place[2]} << 8 | place[3];
-}
-
 DiscoveryDatagram build(Kind kind) {
   DiscoveryDatagram datagram;
-  put_word(&datagram[kMagicAt], kMagic);
-  put_word(&datagram[kWord1At], kWord1);
-  put_word(&datagram[kWord2At], kWord2);
-  put_word(&datagram[kKindAt], kind);
-  put_word(&datagram[kChecksumAt], crc32(datagram.data(), kChecksumAt));
+  store_big_endian(kMagic, &datagram[kMagicAt]);
+  store_big_endian(kWord1, &datagram[kWord1At]);
+  store_big_endian(kWord2, &datagram[kWord2At]);
+  store_big_endian(kind, &datagram[kKindAt]);
+  store_big_endian(crc32(datagram.data(), kChecksumAt), &datagram[kChecksumAt]);
   return datagram;
 }
 
 bool is_of_kind(const std::uint8_t* bytes, Kind kind) {
-  return get_word(bytes + kMagicAt) == kMagic &&
-         get_word(bytes + kWord2At) == kWord2 &&
-         get_word(bytes + kKindAt) == kind;
+  return load_big_endian(bytes + kMagicAt) == kMagic &&
+         load_big_endian(bytes + kWord2At) == kWord2 &&
+         load_big_endian(bytes + kKindAt) == kind;
 }
 
 }  // namespace
@@ -76,7 +62,7 @@ DiscoveryDatagram build_discovery_answer() {
 
 bool is_discovery_query(const std::uint8_t* bytes, std::size_t length) {
   return length == DiscoveryDatagram{}.size() && is_of_kind(bytes, kQuery) &&
-         get_word(bytes + kChecksumAt) == crc32(bytes, kChecksumAt);
+         load_big_endian(bytes + kChecksumAt) == crc32(bytes, kChecksumAt);
 }
 
 bool is_discovery_answer(const std::uint8_t* bytes, std::size_t length) {
@@ -85,19 +71,8 @@ bool is_discovery_answer(const std::uint8_t* bytes, std::size_t length) {
 
 std::uint32_t crc32(const std::uint8_t* bytes, std::size_t length) {
   std::uint32_t crc = 0xFFFFFFFF;
-  const std::uint8_t* const end = bytes + length;
-  for (const std::uint8_t* rest = bytes + length % 8; bytes != rest; ++bytes) {
-    crc = crc_step(crc, *bytes);
-  }
-  for (; bytes != end; bytes += 8) {
-    crc = crc_step(crc, bytes[0]);
-    crc = crc_step(crc, bytes[1]);
-    crc = crc_step(crc, bytes[2]);
-    crc = crc_step(crc, bytes[3]);
-    crc = crc_step(crc, bytes[4]);
-    crc = crc_step(crc, bytes[5]);
-    crc = crc_step(crc, bytes[6]);
-    crc = crc_step(crc, bytes[7]);
+  for (std::size_t i = 0; i < length; ++i) {
+    crc = (crc >> 8) ^ kCrcTable[(crc ^ bytes[i]) & 0xFF];
   }
   return ~crc;
 }

@@ -5,13 +5,15 @@
 #include <array>
 #include <cstddef>
 #include <cstring>
+#include <memory>
 #include <new>
-#include <utility>
 
 #include "../net/resolver.h"
+#include "../net/system_socket.h"
 #include "../net/tcp.h"
 #include "../net/udp.h"
 #include "../util/owners.h"
+#include "../util/text.h"
 #include "address_set.h"
 #include "discovery_datagram.h"
 
@@ -21,55 +23,26 @@ namespace {
 
 constexpr int kSilenceSeconds = 1;
 constexpr int kNumPasses = 3;
-constexpr std::size_t kFirstCapacity = 64;
 constexpr std::size_t kReceiveSize = 4096;
 
 // FoundServers is the result while it grows.
 struct FoundServers {
-  Text texts;
-  std::size_t used = 0;
-  std::size_t capacity = 0;
+  ByteBuffer texts;  // each with its NUL
   AddressSet addresses;
 };
 
-bool set_capacity(FoundServers& found, std::size_t capacity) {
-  Text larger(new (std::nothrow) char[capacity]);
-  if (!larger) return false;
-  if (found.used > 0) std::memcpy(larger.get(), found.texts.get(), found.used);
-  found.texts = std::move(larger);
-  found.capacity = capacity;
-  return true;
-}
-
 bool append(FoundServers& found, const Ipv4Address& server) {
   const char* text = address_text(server);
-  const std::size_t size = std::strlen(text) + 1;
-  while (found.capacity - found.used < size) {
-    if (!set_capacity(found, found.capacity * 2)) return false;
-  }
-  if (!found.addresses.add(server)) return false;
-  std::memcpy(found.texts.get() + found.used, text, size);
-  found.used += size;
-  return true;
-}
-
-bool end_list(FoundServers& found) {
-  if (found.used == found.capacity &&
-      !set_capacity(found, found.capacity + 1)) {
-    return false;
-  }
-  found.texts[found.used] = '\0';
-  return true;
+  return found.addresses.add(server) &&
+         found.texts.append({text, std::strlen(text) + 1});
 }
 
 ErrorText send_queries(std::int32_t socket, const NicInfo* nics,
                        std::uint16_t port) {
+  const DiscoveryDatagram query = build_discovery_query();
   for (const NicInfo* nic = nics; nic->name[0] != '\0'; ++nic) {
-    Ipv4Address broadcast;
-    std::memcpy(broadcast.data(), &nic->broadcast.sin_addr, broadcast.size());
-    const DiscoveryDatagram query = build_discovery_query();
-    if (ErrorText error =
-            udp_send(socket, broadcast, port, query.data(), query.size())) {
+    if (ErrorText error = udp_send(socket, address_of(nic->broadcast), port,
+                                   query.data(), query.size())) {
       return error;
     }
   }
@@ -87,7 +60,7 @@ ErrorText take_datagram(std::int32_t socket, FoundServers& found) {
       found.addresses.contains(sender)) {
     return {};
   }
-  if (!append(found, sender)) return "Out of memory";
+  if (!append(found, sender)) return kOutOfMemory;
   return {};
 }
 
@@ -122,21 +95,20 @@ ErrorText scan_interfaces(const NicInfo* nics, std::uint16_t port,
                           Text* found_servers) {
   if (found_servers == nullptr) return "found_servers must not be NULL";
   found_servers->reset();
-  FoundServers found;
-  if (!set_capacity(found, kFirstCapacity)) return "Out of memory";
-
   std::int32_t handle;
   if (!udp_open(handle)) return "Could not create socket";
   const FileDescriptor socket(handle);
   if (ErrorText error = udp_set_broadcast(handle, true)) return error;
 
+  FoundServers found;
   for (int pass = 0; pass < kNumPasses; ++pass) {
     if (ErrorText error = send_queries(handle, nics, port)) return error;
     if (ErrorText error = collect_answers(handle, found)) return error;
   }
 
-  if (!end_list(found)) return "Out of memory";
-  *found_servers = std::move(found.texts);
+  // The copy's own NUL ends the list.
+  *found_servers = copy_text(found.texts.view());
+  if (!*found_servers) return kOutOfMemory;
   return {};
 }
 

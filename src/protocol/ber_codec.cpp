@@ -13,9 +13,10 @@
 namespace velprobe {
 namespace {
 
-constexpr std::uint8_t kIndefiniteLength = 0x80;
-constexpr std::uint8_t kLongestLengthForm = 0x84;
-constexpr std::uint32_t kFillerTag = 200;
+constexpr std::uint8_t kLongForm = 0x80;  // and the number of length bytes
+constexpr std::uint8_t kIndefiniteLength = kLongForm;
+constexpr std::uint8_t kLongestLengthForm = kLongForm | 4;
+constexpr std::uint32_t kFillerTag = 0x19 * 8;
 constexpr std::uint32_t kFirstHighTag = 31 * 8;
 constexpr std::uint32_t kLongestInteger = 5;
 constexpr std::uint32_t kLongestReal = 59;
@@ -69,7 +70,7 @@ void add_length(Piece& piece, std::uint32_t length) {
   }
   std::uint8_t count = 4;
   while ((length >> (8 * (count - 1))) == 0) --count;
-  piece.add(static_cast<std::uint8_t>(kIndefiniteLength | count));
+  piece.add(static_cast<std::uint8_t>(kLongForm | count));
   while (count > 0) {
     --count;
     piece.add(static_cast<std::uint8_t>(length >> (8 * count)));
@@ -510,16 +511,16 @@ ErrorText read_bignum(BerStream& stream, BigNumPtr& out_number,
                                      "Wrong tag, expected BE_INTEGER",
                                      std::numeric_limits<std::uint32_t>::max(),
                                      "data out of range in read_bignum"};
-  constexpr const char* kOutOfMemory = "Out of memory in read_bignum";
+  constexpr const char* kNoMemory = "Out of memory in read_bignum";
   std::uint32_t length = 0;
   if (ErrorText error = read_primitive_header(stream, kRules, tag, length))
     return error;
   ByteBuffer bytes;
-  if (ErrorText error = read_growing(stream, length, bytes, kOutOfMemory))
+  if (ErrorText error = read_growing(stream, length, bytes, kNoMemory))
     return error;
 
   out_number = bn_new(0, (std::uint64_t{length} + 3) / 4);
-  if (!out_number) return kOutOfMemory;
+  if (!out_number) return kNoMemory;
   ErrorText error =
       bn_set_data(out_number.get(),
                   reinterpret_cast<const std::uint8_t*>(bytes.data()), length);

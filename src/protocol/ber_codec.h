@@ -10,9 +10,10 @@
 //
 // Writers take the stream and the value; readers take the stream, the place
 // for the result and, last, a tag that the caller has already read, or 0 when
-// the reader has to read it. Everything fails with the stream's own texts,
-// unchanged, beside those named below. After a failed read the stream stands
-// wherever the failure left it: the message is to be abandoned.
+// the reader has to read it (so an end-of-contents is not to be handed on).
+// Everything fails with the stream's own texts, unchanged, beside those named
+// below. After a failed read the stream stands wherever the failure left it:
+// the message is to be abandoned.
 #ifndef VELPROBE_PROTOCOL_BER_CODEC_H_
 #define VELPROBE_PROTOCOL_BER_CODEC_H_
 

@@ -20,7 +20,8 @@ struct BerStreamOperations {
   ErrorText (*write)(BerStream* stream, const void* bytes, std::size_t size);
   // flush pushes written bytes out now.
   ErrorText (*flush)(BerStream* stream);
-  // wait_readable is true when bytes arrive within so many whole seconds.
+  // wait_readable is true when bytes, or over a socket the peer's end, arrive
+  // within so many whole seconds.
   bool (*wait_readable)(BerStream* stream, int seconds);
   // close flushes if needed, closes the channel and frees the stream.
   void (*close)(BerStream* stream);

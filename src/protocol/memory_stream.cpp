@@ -9,7 +9,7 @@
 namespace velprobe {
 namespace {
 
-constexpr const char* kOutOfMemory = "Error allocating memory";
+constexpr const char* kNoMemory = "Error allocating memory";
 
 struct MemoryStream : BerStream {
   ByteBuffer bytes;
@@ -32,7 +32,7 @@ ErrorText memory_read(BerStream* stream, void* buffer, std::size_t size) {
 ErrorText memory_write(BerStream* stream, const void* bytes, std::size_t size) {
   MemoryStream* self = own_state(stream);
   if (!self->bytes.append({static_cast<const char*>(bytes), size}))
-    return kOutOfMemory;
+    return kNoMemory;
   return {};
 }
 
@@ -53,7 +53,7 @@ void memory_close(BerStream* stream) {
 ErrorText memory_stream_open(BerStreamPtr& out_stream, std::string_view bytes) {
   out_stream.reset();
   std::unique_ptr<MemoryStream> stream(new (std::nothrow) MemoryStream);
-  if (!stream || !stream->bytes.append(bytes)) return kOutOfMemory;
+  if (!stream || !stream->bytes.append(bytes)) return kNoMemory;
   stream->operations = {memory_read, memory_write, memory_flush, memory_await,
                         memory_close};
   stream->state = stream.get();

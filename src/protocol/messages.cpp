@@ -28,12 +28,12 @@ void no_record(void*) {}
 #define OPEN_MESSAGE(name, tag) CLOSED_MESSAGE(name, tag)
 #define FIELD(field, type, min, max) \
   {#field, FieldType::type, offsetof(Record, field), min, max},
-#define INT(field, min, max) FIELD(field, kSigned, min, max)
-#define UNSIGNED(field, min, max) FIELD(field, kUnsigned, min, max)
-#define STRING(field, max) FIELD(field, kString, 0, max)
-#define BOOLEAN(field) FIELD(field, kBoolean, 0, 1)
-#define ENUM(field, type) FIELD(field, kEnumerated, 0, UINT32_MAX)
-#define BIGNUM(field) FIELD(field, kBigNum, 0, 0)
+#define INT_FIELD(field, min, max) FIELD(field, kSigned, min, max)
+#define UNSIGNED_FIELD(field, min, max) FIELD(field, kUnsigned, min, max)
+#define STRING_FIELD(field, max) FIELD(field, kString, 0, max)
+#define BOOLEAN_FIELD(field) FIELD(field, kBoolean, 0, 1)
+#define ENUM_FIELD(field, type) FIELD(field, kEnumerated, 0, UINT32_MAX)
+#define BIGNUM_FIELD(field) FIELD(field, kBigNum, 0, 0)
 #define END_MESSAGE \
   }                 \
   ;                 \

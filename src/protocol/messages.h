@@ -2,8 +2,8 @@
 // which is the place to read and to extend; the declaration
 //
 //   CLOSED_MESSAGE(server_name_port, 129)
-//     STRING(name, 256)
-//     INT(port, 1, 65535)
+//     STRING_FIELD(name, 256)
+//     INT_FIELD(port, 1, 65535)
 //   END_MESSAGE
 //
 // becomes
@@ -16,11 +16,11 @@
 //                                    const server_name_port& record);
 //   ErrorText read_server_name_port(BerStream& stream,
 //                                   server_name_port& record,
-//                                   std::uint32_t tag);
+//                                   std::uint32_t known_tag);
 //
 // The reader of an open message is called read_NAME_incomplete. A message
-// without fields has no record and its functions take none. The reader's tag is
-// the one that the caller has already read, or 0. A record owns its texts and
+// without fields has no record and its functions take none. known_tag is a tag
+// that the caller has already read, or 0. A record owns its texts and
 // numbers; what a failed read had already stored stays in it. write_message and
 // read_message (message_layout.h) tell the error texts.
 #ifndef VELPROBE_PROTOCOL_MESSAGES_H_
@@ -41,12 +41,12 @@ namespace velprobe {
 // The records.
 #define CLOSED_MESSAGE(name, tag) struct name {
 #define OPEN_MESSAGE(name, tag) struct name {
-#define INT(field, min, max) std::int32_t field = 0;
-#define UNSIGNED(field, min, max) std::uint32_t field = 0;
-#define STRING(field, max) Text field;
-#define BOOLEAN(field) int field = 0;
-#define ENUM(field, type) std::uint32_t field = 0;
-#define BIGNUM(field) BigNumPtr field;
+#define INT_FIELD(field, min, max) std::int32_t field = 0;
+#define UNSIGNED_FIELD(field, min, max) std::uint32_t field = 0;
+#define STRING_FIELD(field, max) Text field;
+#define BOOLEAN_FIELD(field) int field = 0;
+#define ENUM_FIELD(field, type) std::uint32_t field = 0;
+#define BIGNUM_FIELD(field) BigNumPtr field;
 #define END_MESSAGE \
   }                 \
   ;

@@ -22,7 +22,8 @@ ErrorText input_line(char* buffer, std::size_t size, const char* prompt);
 // buffer must hold length + 1 bytes: an answer of up to length bytes, cut
 // before its line feed or carriage return, and a NUL. What was typed ahead, and
 // the rest of a longer line, is discarded. The terminal gets its old settings
-// back on every way out.
+// back before the call returns; a signal that ends the process leaves it
+// silent.
 //
 // Failures: "Error opening /dev/tty", "tcgetattr returned error", "tcsetattr
 // returned error", "write returned error", "read returned error", "read

@@ -32,6 +32,10 @@ const char* last_os_error_text() {
   return os_error_text(take_last_os_error());
 }
 
+ErrorText os_failure(const char* what) {
+  return format_error_text("%s: %s", what, last_os_error_text());
+}
+
 const char* os_error_text(int error_number) {
   return std::strerror(error_number);
 }

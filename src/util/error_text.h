@@ -35,6 +35,9 @@ class [[nodiscard]] ErrorText {
 // character less.
 inline constexpr std::size_t kErrorTextSize = 256;
 
+// The text for a shortage of memory, but where a room has its own.
+inline constexpr char kOutOfMemory[] = "Out of memory";
+
 // format_error_text formats as printf does into one of two process-wide buffers
 // used in turn, cut at 255 characters. The text stays valid across exactly one
 // further call, so one text can embed the one formed just before it. Not for
@@ -48,6 +51,9 @@ int take_last_os_error();
 
 // last_os_error_text gives the system's text for take_last_os_error().
 [[nodiscard]] const char* last_os_error_text();
+
+// os_failure is the failure "what: the system's text", by last_os_error_text.
+ErrorText os_failure(const char* what);
 
 // os_error_text gives the system's text for one error number (strerror): valid
 // until the next call for an unknown number.

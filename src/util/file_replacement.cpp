@@ -21,11 +21,12 @@ constexpr int kMostGenerations = 99'999'999;
 // keep_backup makes backup a second name of destination. No destination, no
 // backup: that is well too.
 bool keep_backup(const char* destination, const char* backup) {
-  unlink(backup);
-  if (link(destination, backup) == 0) return true;
+  ::unlink(backup);
+  if (::link(destination, backup) == 0) return true;
   // The same error number stands for a missing folder of the backup.
   struct stat status;
-  return errno == ENOENT && lstat(destination, &status) != 0 && errno == ENOENT;
+  return errno == ENOENT && ::lstat(destination, &status) != 0 &&
+         errno == ENOENT;
 }
 
 }  // namespace
@@ -40,7 +41,7 @@ int make_temp_name(char* buffer, std::size_t size, const char* path) {
 
 ErrorText get_file_size(const char* path, std::uint64_t* out_size) {
   struct stat status;
-  if (stat(path, &status) != 0) {
+  if (::stat(path, &status) != 0) {
     return format_error_text("Error retrieving file size for %s: %s", path,
                              last_os_error_text());
   }
@@ -53,7 +54,7 @@ int replace_with_backup(const char* destination, const char* backup,
   const bool has_backup = keep_backup(destination, backup);
   if (std::rename(new_file, destination) != 0) {
     *out_text = "Failed renaming new file to destination";
-    unlink(new_file);
+    ::unlink(new_file);
     return 0;
   }
   *out_text = has_backup ? "No Error" : "Failed linking to backup file";
@@ -65,7 +66,7 @@ ErrorText rotate_numbered_files(const char* path, int generations) {
   const std::size_t size = std::strlen(path) + kGenerationSuffixSize;
   Text newer = new_text(size);
   Text older = new_text(size);
-  if (!newer || !older) return "Out of memory";
+  if (!newer || !older) return kOutOfMemory;
 
   generations = std::min(generations, kMostGenerations);
   std::snprintf(older.get(), size, "%s.%i", path, generations);

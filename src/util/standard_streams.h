@@ -2,7 +2,6 @@
 #ifndef VELPROBE_UTIL_STANDARD_STREAMS_H_
 #define VELPROBE_UTIL_STANDARD_STREAMS_H_
 
-#pragma GCC visibility push(default)
 namespace velprobe {
 
 // prepare_standard_streams opens descriptors 0, 1 and 2 on the null device
@@ -13,6 +12,5 @@ namespace velprobe {
 [[nodiscard]] bool prepare_standard_streams();
 
 }  // namespace velprobe
-#pragma GCC visibility pop
 
 #endif  // VELPROBE_UTIL_STANDARD_STREAMS_H_

@@ -7,9 +7,9 @@
 #include <array>
 #include <cstring>
 
-#include "../../src/net/system_socket.h"
-#include "../../src/net/udp.h"
-#include "../../src/probe/discovery_datagram.h"
+#include "net/system_socket.h"
+#include "net/udp.h"
+#include "probe/discovery_datagram.h"
 
 namespace velprobe {
 

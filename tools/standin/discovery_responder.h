@@ -4,9 +4,9 @@
 
 #include <cstdint>
 
-#include "../../src/net/address.h"
-#include "../../src/util/error_text.h"
-#include "../../src/util/owners.h"
+#include "net/address.h"
+#include "util/error_text.h"
+#include "util/owners.h"
 
 namespace velprobe {
 

@@ -1,9 +1,9 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "../../src/util/standard_streams.h"
 #include "options.h"
 #include "server.h"
+#include "util/standard_streams.h"
 
 int main(int argc, char** argv) {
   using namespace velprobe;

@@ -3,11 +3,13 @@
 #include <arpa/inet.h>
 #include <getopt.h>
 
+#include <charconv>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <limits>
 #include <new>
+#include <string_view>
+#include <system_error>
 
 namespace velprobe {
 
@@ -78,22 +80,13 @@ int complain(const char* what, const char* value) {
 
 // parse_number reads digits of the given base and nothing else.
 template <typename Number>
-bool parse_number(const char* text, int base, Number minimum, Number& out) {
-  std::uint64_t value = 0;
-  if (*text == '\0') return false;
-  for (; *text != '\0'; ++text) {
-    const char* const digits = "0123456789abcdef";
-    const char lower = *text >= 'A' && *text <= 'F'
-                           ? static_cast<char>(*text - 'A' + 'a')
-                           : *text;
-    const char* const digit = std::strchr(digits, lower);
-    if (digit == nullptr || digit - digits >= base) return false;
-    value = value * static_cast<unsigned>(base) +
-            static_cast<std::uint64_t>(digit - digits);
-    if (value > std::numeric_limits<Number>::max()) return false;
-  }
-  if (value < minimum) return false;
-  out = static_cast<Number>(value);
+bool parse_number(std::string_view text, int base, Number minimum,
+                  Number& out) {
+  const char* const end = text.data() + text.size();
+  Number value = 0;
+  const auto [stop, error] = std::from_chars(text.data(), end, value, base);
+  if (error != std::errc() || stop != end || value < minimum) return false;
+  out = value;
   return true;
 }
 

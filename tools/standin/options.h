@@ -6,7 +6,7 @@
 #include <memory>
 #include <optional>
 
-#include "../../src/net/address.h"
+#include "net/address.h"
 #include "session.h"
 
 namespace velprobe {

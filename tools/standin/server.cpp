@@ -1,15 +1,16 @@
 #include "server.h"
 
 #include <cstdio>
+#include <span>
 #include <utility>
 
-#include "../../src/net/listener.h"
-#include "../../src/net/resolver.h"
-#include "../../src/net/tcp.h"
-#include "../../src/net/wait.h"
-#include "../../src/util/owners.h"
 #include "discovery_responder.h"
+#include "net/listener.h"
+#include "net/resolver.h"
+#include "net/tcp.h"
+#include "net/wait.h"
 #include "signals.h"
+#include "util/owners.h"
 
 namespace velprobe {
 
@@ -53,15 +54,21 @@ bool is_ready(const FileDescriptor& socket) {
   return socket && socket_wait_readable(socket.get(), 0);
 }
 
-// wait_for_work is false when a stop was asked for.
-bool wait_for_work(const Server& server) {
+// wait_for_work waits for a client, a query or the wish to stop.
+//   "Error waiting for clients: %s"
+ErrorText wait_for_work(const Server& server, bool& out_stop) {
+  constexpr std::size_t kStop = 0;
   const std::int32_t sockets[] = {stop_descriptor(), server.listener.get(),
                                   server.responder.get()};
   const std::span<const std::int32_t> waited(sockets, server.responder ? 3 : 2);
-  std::size_t first = 1;
+  std::size_t first = 0;
   const WaitResult result = wait_for_any(
       waited, WaitFor::kReadable, kWaitSeconds, OnSignal::kRestart, first);
-  return result != WaitResult::kError && first != 0;
+  if (result == WaitResult::kError) {
+    return os_failure("Error waiting for clients");
+  }
+  out_stop = result == WaitResult::kReady && first == kStop;
+  return {};
 }
 
 // serve_next is false when no client could be had after all.
@@ -89,17 +96,18 @@ ErrorText run_server(const Options& options) {
   std::fflush(stdout);
 
   std::uint32_t num_sessions = 0;
-  while (wait_for_work(server)) {
+  for (bool stop = false;;) {
+    if (ErrorText error = wait_for_work(server, stop)) return error;
+    if (stop) return {};
     // One of each in turn: a flood of one kind does not starve the other.
     if (is_ready(server.responder)) {
       answer_query(server.responder, options.listen);
     }
     if (is_ready(server.listener) && serve_next(server, options.answer) &&
         ++num_sessions == options.sessions) {
-      break;
+      return {};
     }
   }
-  return {};
 }
 
 }  // namespace velprobe

@@ -2,8 +2,8 @@
 #ifndef VELPROBE_STANDIN_SERVER_H_
 #define VELPROBE_STANDIN_SERVER_H_
 
-#include "../../src/util/error_text.h"
 #include "options.h"
+#include "util/error_text.h"
 
 namespace velprobe {
 

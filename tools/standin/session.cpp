@@ -5,12 +5,12 @@
 #include <cstring>
 #include <utility>
 
-#include "../../src/net/resolver.h"
-#include "../../src/protocol/ber_codec.h"
-#include "../../src/protocol/messages.h"
-#include "../../src/protocol/socket_stream.h"
-#include "../../src/util/text.h"
+#include "net/resolver.h"
+#include "protocol/ber_codec.h"
+#include "protocol/messages.h"
+#include "protocol/socket_stream.h"
 #include "signals.h"
+#include "util/text.h"
 
 namespace velprobe {
 
@@ -84,7 +84,7 @@ ErrorText write_offer(BerStream& stream, const AnswerPolicy& policy) {
 ErrorText write_refusal(BerStream& stream, const AnswerPolicy& policy) {
   negotiate_nack refusal;
   refusal.reason = copy_text(policy.reason);
-  if (!refusal.reason) return "Out of memory";
+  if (!refusal.reason) return kOutOfMemory;
   return write_negotiate_nack(stream, refusal);
 }
 
@@ -187,7 +187,8 @@ void serve_session(Client client, const AnswerPolicy& policy) {
   if (ErrorText error = socket_stream_adopt(stream, client.socket.get())) {
     session.end = error.c_str();
   } else {
-    const SessionLimit limit(client.socket.release());
+    const int socket = client.socket.release();  // the stream's now
+    const SessionLimit limit(socket);
     if (ErrorText failure = converse(*stream, session, policy)) {
       session.end = end_text(limit, session, failure);
     }

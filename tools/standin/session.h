@@ -5,10 +5,10 @@
 #include <cstdint>
 #include <span>
 
-#include "../../src/net/address.h"
-#include "../../src/protocol/ber_stream.h"
-#include "../../src/util/error_text.h"
-#include "../../src/util/owners.h"
+#include "net/address.h"
+#include "protocol/ber_stream.h"
+#include "util/error_text.h"
+#include "util/owners.h"
 
 namespace velprobe {
 

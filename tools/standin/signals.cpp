@@ -60,18 +60,14 @@ void set_alarm(int seconds) {
 }  // namespace
 
 ErrorText watch_signals() {
-  if (::pipe(stop_pipe) < 0 || ::fcntl(stop_pipe[1], F_SETFL, O_NONBLOCK) < 0) {
-    return format_error_text("Error creating pipe: %s", last_os_error_text());
+  if (::pipe2(stop_pipe, O_CLOEXEC | O_NONBLOCK) < 0) {
+    return os_failure("Error creating pipe");
   }
-  null_device = ::open("/dev/null", O_RDWR);
-  if (null_device < 0) {
-    return format_error_text("Error opening /dev/null: %s",
-                             last_os_error_text());
-  }
+  null_device = ::open("/dev/null", O_RDWR | O_CLOEXEC);
+  if (null_device < 0) return os_failure("Error opening /dev/null");
   if (!handle(SIGALRM, on_alarm) || !handle(SIGINT, on_stop) ||
       !handle(SIGTERM, on_stop)) {
-    return format_error_text("Error watching signals: %s",
-                             last_os_error_text());
+    return os_failure("Error watching signals");
   }
   return {};
 }

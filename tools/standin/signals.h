@@ -5,7 +5,7 @@
 
 #include <cstdint>
 
-#include "../../src/util/error_text.h"
+#include "util/error_text.h"
 
 namespace velprobe {
 

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <bit>
 
+#include "../../../util/byte_order.h"
+
 namespace velprobe {
 namespace {
 
@@ -11,11 +13,6 @@ const AesPath* forced_path = nullptr;
 const AesPath& path_by_processor() {
   const AesPath* accelerated = accelerated_aes_path();
   return accelerated != nullptr ? *accelerated : portable_aes_path();
-}
-
-std::uint32_t load_word(const std::uint8_t* bytes) {
-  return std::uint32_t{bytes[0]} << 24 | std::uint32_t{bytes[1]} << 16 |
-         std::uint32_t{bytes[2]} << 8 | std::uint32_t{bytes[3]};
 }
 
 // next_round_constant doubles in the field of FIPS 197, section 4.2.
@@ -43,7 +40,8 @@ int expand_aes_key(const std::uint8_t* key, int key_bits,
   std::uint32_t constant = 0x01000000;
 
   std::ranges::fill(schedule, 0u);
-  for (int i = 0; i < key_words; ++i) schedule[i] = load_word(key + 4 * i);
+  for (int i = 0; i < key_words; ++i)
+    schedule[i] = load_big_endian(key + 4 * i);
   for (int i = key_words; i < 4 * (rounds + 1); ++i) {
     std::uint32_t word = schedule[i - 1];
     if (i % key_words == 0) {

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "../../../util/byte_order.h"
 #include "aes_block.h"
 #include "wipe.h"
 
@@ -146,18 +147,16 @@ State transform(const AesSchedule& schedule, const State& state) {
 State load(const std::uint8_t* bytes) {
   State state;
   for (std::uint32_t& column : state) {
-    column = std::uint32_t{bytes[0]} << 24 | std::uint32_t{bytes[1]} << 16 |
-             std::uint32_t{bytes[2]} << 8 | std::uint32_t{bytes[3]};
-    bytes += 4;
+    column = load_big_endian(bytes);
+    bytes += sizeof column;
   }
   return state;
 }
 
 void store(const State& state, std::uint8_t* bytes) {
   for (std::uint32_t column : state) {
-    for (int shift = 24; shift >= 0; shift -= 8) {
-      *bytes++ = static_cast<std::uint8_t>(column >> shift);
-    }
+    store_big_endian(column, bytes);
+    bytes += sizeof column;
   }
 }
 

@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <limits>
 
+#include "../../../util/byte_order.h"
 #include "crypto_assert.h"
 #include "wipe.h"
 
@@ -40,18 +41,6 @@ void wipe_limbs(BigNum* num) {
 void clear_from(BigNum* num, std::uint64_t first) {
   const std::uint64_t end = std::min(num->len, num->size);
   if (first < end) std::fill(num->data + first, num->data + end, 0u);
-}
-
-std::uint32_t read_big_endian(const std::uint8_t* bytes) {
-  return std::uint32_t{bytes[0]} << 24 | std::uint32_t{bytes[1]} << 16 |
-         std::uint32_t{bytes[2]} << 8 | std::uint32_t{bytes[3]};
-}
-
-void write_big_endian(std::uint8_t* bytes, std::uint32_t limb) {
-  bytes[0] = static_cast<std::uint8_t>(limb >> 24);
-  bytes[1] = static_cast<std::uint8_t>(limb >> 16);
-  bytes[2] = static_cast<std::uint8_t>(limb >> 8);
-  bytes[3] = static_cast<std::uint8_t>(limb);
 }
 
 }  // namespace
@@ -112,7 +101,7 @@ ErrorText bn_set_data(BigNum* num, const std::uint8_t* bytes, std::uint64_t n) {
   }
   clear_from(num, needed);
   for (std::uint64_t i = 0; i < whole; ++i) {
-    num->data[i] = read_big_endian(bytes + (n - (i + 1) * kLimbBytes));
+    num->data[i] = load_big_endian(bytes + (n - (i + 1) * kLimbBytes));
   }
   if (rest != 0) {
     std::uint32_t top = 0;
@@ -141,7 +130,7 @@ ErrorText bn_get_data(const BigNum* num, std::uint8_t* buffer,
     }
   }
   for (std::uint64_t i = limbs - 1; i > 0; --i, length += kLimbBytes) {
-    write_big_endian(buffer + length, num->data[i - 1]);
+    store_big_endian(num->data[i - 1], buffer + length);
   }
   return {};
 }

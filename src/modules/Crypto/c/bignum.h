@@ -61,8 +61,8 @@ ErrorText bn_set_data(BigNum* num, const std::uint8_t* bytes, std::uint64_t n);
 ErrorText bn_get_data(const BigNum* num, std::uint8_t* buffer,
                       std::uint64_t& length);
 
-// bn_top_bit gives the zero-based index of the highest set bit; 0 for zero as
-// well as for one.
+// bn_top_bit gives the zero-based index of the highest set bit, for numbers of
+// up to 2^32 bits; 0 for zero as well as for one.
 std::uint32_t bn_top_bit(const BigNum* num);
 
 // bn_to_decimal writes num in decimal; null when memory is short.

@@ -24,7 +24,7 @@ Urandom& urandom() {
 }
 
 void open_urandom(Urandom& state) {
-  state.handle.reset(std::fopen("/dev/urandom", "r"));
+  state.handle.reset(std::fopen("/dev/urandom", "re"));
   if (state.handle == nullptr) std::abort();
   // Without a buffer no random byte stays behind in memory that nobody wipes.
   std::setvbuf(state.handle.get(), nullptr, _IONBF, 0);
