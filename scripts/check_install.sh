@@ -21,6 +21,18 @@ build_and_install() {
   mv "$work/first" "$work/prefix"
 }
 
+# Nothing that users look for is missing.
+check_files() {
+  local file
+  for file in bin/velprobe bin/velstandin share/man/man1/velprobe.1 \
+    share/man/man1/velstandin.1 share/man/man3/libvelprobe.3 \
+    share/man/man5/agent.conf.5 \
+    share/doc/velprobe/{agent.conf.sample,CHANGELOG.md,troubleshooting.md} \
+    "$libdir/libvelprobe.a" "$libdir/pkgconfig/velprobe.pc"; do
+    [ -f "$file" ] || { echo "not installed: $file" >&2; return 1; }
+  done
+}
+
 check_manual_pages() {
   local page lint
   for page in share/man/man?/*; do
@@ -110,8 +122,10 @@ check_example() {
     -DCMAKE_PREFIX_PATH="$PWD" >/dev/null
   cmake --build "$work/example" >/dev/null
   local flags
-  flags=$(PKG_CONFIG_PATH=$libdir/pkgconfig \
-    pkg-config --cflags --libs velprobe)
+  export PKG_CONFIG_PATH=$libdir/pkgconfig
+  [ "velstandin $(pkg-config --modversion velprobe)" = \
+    "$(bin/velstandin --version)" ]
+  flags=$(pkg-config --cflags --libs velprobe)
   # shellcheck disable=SC2086  # the flags are words
   g++ -std=c++20 -o "$work/example/by_pkg_config" \
     "$root/examples/say_hello.cpp" $flags -Wl,-rpath,"$libdir"
@@ -127,6 +141,7 @@ check_example() {
 build_and_install
 cd "$work/prefix"
 libdir=$(dirname "$(find "$PWD" -name libvelprobe.so)")
+check_files
 check_manual_pages
 check_completion
 check_headers

@@ -42,10 +42,12 @@ ErrorText take_values(std::string_view file, ConfigKey* keys) {
 
 ErrorText read_config_file(const char* path, ConfigKey* keys) {
   LoadedFile file;
-  if (ErrorText error = load_config_file(path, &file)) return error;
+  if (ErrorText error = load_config_file(path, FileUse::kRead, &file))
+    return error;
   if (file.open_error != 0) return offer_creation(path, file.open_error);
   if (ErrorText error = take_values(file.bytes.view(), keys)) return error;
-  delete_side_files(name_side_files(path));
+  // Of a rewrite that is going on they may be all there is.
+  if (file.is_locked) delete_side_files(name_side_files(path));
   return {};
 }
 

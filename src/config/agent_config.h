@@ -46,7 +46,8 @@ enum class ConfigMode { kRead, kWrite };
 // Reading sets the value of each key that the file assigns; of several lines
 // with one key the last counts. When there is no file it asks on the console
 // whether to create one: after a "y" every value is left as it was and the
-// result is success. A successful read deletes "<path>.tmp" and "<path>.bak".
+// result is success. A successful read deletes "<path>.tmp" and "<path>.bak",
+// but not beside another process that is rewriting the file.
 //
 // Rewriting replaces the value in each line that assigns a known key, keeps
 // every other byte, appends a line for each key that the file lacks, and leaves

@@ -1,14 +1,16 @@
 #include "config_file.h"
 
 #include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstddef>
 #include <cstring>
+#include <ctime>
 
 #include "../util/file_replacement.h"
-#include "../util/owners.h"
 
 namespace velprobe {
 namespace {
@@ -16,6 +18,24 @@ namespace {
 constexpr std::size_t kChunkSize = 64 * 1024;
 // Far above any real file: a device that never ends must not fill the memory.
 constexpr std::size_t kMaxFileSize = 64 * 1024 * 1024;
+
+constexpr int kLockAttempts = 50;
+constexpr timespec kLockPause = {0, 100'000'000};
+
+// is_at tells whether path still names the open file.
+bool is_at(const char* path, int descriptor) {
+  struct stat opened;
+  struct stat named;
+  return ::fstat(descriptor, &opened) == 0 && ::stat(path, &named) == 0 &&
+         opened.st_dev == named.st_dev && opened.st_ino == named.st_ino;
+}
+
+// try_lock is true as well where the file system knows no locks.
+bool try_lock(const char* path, int descriptor, FileUse use) {
+  const int kind = use == FileUse::kRead ? LOCK_SH : LOCK_EX;
+  if (::flock(descriptor, kind | LOCK_NB) != 0) return errno != EWOULDBLOCK;
+  return is_at(path, descriptor);
+}
 
 // read_whole appends everything up to the end of a file, pipe or device.
 // Returns 0 or a system error number.
@@ -34,13 +54,21 @@ int read_whole(int descriptor, ByteBuffer* bytes) {
 
 }  // namespace
 
-ErrorText load_config_file(const char* path, LoadedFile* out) {
-  const FileDescriptor file(::open(path, O_RDONLY | O_CLOEXEC));
-  if (!file) {
-    out->open_error = take_last_os_error();
-    return {};
+ErrorText load_config_file(const char* path, FileUse use, LoadedFile* out) {
+  const int num_attempts = use == FileUse::kRead ? 1 : kLockAttempts;
+  for (int attempt = 0; attempt < num_attempts && !out->is_locked; ++attempt) {
+    if (attempt > 0) {
+      out->descriptor = FileDescriptor();
+      ::nanosleep(&kLockPause, nullptr);
+    }
+    out->descriptor = FileDescriptor(::open(path, O_RDONLY | O_CLOEXEC));
+    if (!out->descriptor) {
+      out->open_error = take_last_os_error();
+      return {};
+    }
+    out->is_locked = try_lock(path, out->descriptor.get(), use);
   }
-  if (int error = read_whole(file.get(), &out->bytes)) {
+  if (int error = read_whole(out->descriptor.get(), &out->bytes)) {
     return could_not_open(path, error);
   }
   return {};

@@ -3,23 +3,33 @@
 #define VELPROBE_CONFIG_CONFIG_FILE_H_
 
 #include "../util/error_text.h"
+#include "../util/owners.h"
 #include "../util/text.h"
 
 namespace velprobe {
 
+// FileUse is what a file is loaded for. Those who only read may do so together.
+enum class FileUse { kRead, kRewrite };
+
 // LoadedFile is what load_config_file found: open_error is 0, or the number
 // with which the system refused to open the file.
 struct LoadedFile {
+  // Holds the lock; another process waits for its end.
+  FileDescriptor descriptor;
   int open_error = 0;
+  // Nobody else who asks for the lock is about to replace the file.
+  bool is_locked = false;
   ByteBuffer bytes;
 };
 
-// load_config_file reads the whole file. A file that cannot be opened is no
-// failure here: the caller looks at open_error.
+// load_config_file locks (flock) and reads the whole file. For a rewrite it
+// waits up to five seconds for the lock; without one the file is read all the
+// same. A file that cannot be opened is no failure here: the caller looks at
+// open_error.
 //
 // Failure: could_not_open's text, for a read error, short memory and a file of
 // more than 64 MiB.
-ErrorText load_config_file(const char* path, LoadedFile* out);
+ErrorText load_config_file(const char* path, FileUse use, LoadedFile* out);
 
 // could_not_open gives "Could not open configuration file %s: %s" with the
 // system's text for the number.

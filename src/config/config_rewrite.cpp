@@ -156,7 +156,8 @@ ErrorText swap_files(const char* path, const SideFiles& side) {
 
 ErrorText rewrite_config_file(const char* path, ConfigKey* keys) {
   LoadedFile old;
-  if (ErrorText error = load_config_file(path, &old)) return error;
+  if (ErrorText error = load_config_file(path, FileUse::kRewrite, &old))
+    return error;
 
   const SideFiles side = name_side_files(path);
   if (side.collide) {

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <csignal>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -97,6 +98,8 @@ Step read_command_line(int argc, char** argv, Run& run) {
 }
 
 Step start_up(int argc, char** argv, Run& run) {
+  // To write beyond the limit on file sizes is an error like a full disk.
+  std::signal(SIGXFSZ, SIG_IGN);
   if (ErrorText error = start_socket_subsystem()) {
     std::fprintf(stderr, "Error starting socket subsystem: %s\n",
                  error.c_str());

@@ -1,5 +1,6 @@
 #include "resolver.h"
 
+#include <arpa/inet.h>
 #include <netdb.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -41,6 +42,9 @@ ErrorText resolver_failure(const char* name, int code) {
 }
 
 ErrorText resolve_host(const char* name, Ipv4Address& out_address) {
+  // An address needs none of the machinery behind names, which takes memory and
+  // does not bear it well when there is none.
+  if (::inet_pton(AF_INET, name, out_address.data()) == 1) return {};
   const hostent* host = ::gethostbyname(name);
   if (host == nullptr) return resolver_failure(name, h_errno);
   if (!has_address(*host)) {
