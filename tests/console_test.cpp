@@ -69,21 +69,6 @@ TEST(InputLineTest, CutsAnswersAndKeepsTheRest) {
   }
 }
 
-TEST(InputLineTest, ThePromptIsOutBeforeTheWait) {
-  int answers[2], prompts[2];
-  ASSERT_EQ(pipe(answers) + pipe(prompts), 0);
-  const pid_t child = in_child([&] {
-    dup2(answers[0], 0);
-    dup2(prompts[1], 1);
-    char answer[8];
-    return std::freopen("/dev/fd/0", "r", stdin) != nullptr &&
-           !input_line(answer, sizeof answer, "100%s? ") && *answer == 'y';
-  });
-  EXPECT_EQ(read_until(prompts[0], "? "), "100%s? ");
-  EXPECT_EQ(write(answers[1], "yes\n", 4), 4);
-  EXPECT_TRUE(ended_well(child));
-}
-
 // hidden_answer gives the answer, or the text of a failure.
 std::string hidden_answer() {
   char answer[17] = "";

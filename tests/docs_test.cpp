@@ -11,8 +11,8 @@
 #include "bytes.h"
 #include "probe/discovery_datagram.h"
 #include "protocol/ber_codec.h"
-#include "protocol/memory_stream.h"
 #include "protocol/messages.h"
+#include "streams.h"
 
 namespace velprobe {
 namespace {
@@ -40,8 +40,7 @@ string dump_in(const string& page, const string& title) {
 }
 
 string written_by(auto... writers) {
-  BerStreamPtr stream;
-  EXPECT_FALSE(memory_stream_open(stream));
+  const BerStreamPtr stream = stream_of();
   EXPECT_FALSE((static_cast<bool>(writers(*stream)) || ...));
   return hex_of(memory_stream_bytes(*stream));
 }

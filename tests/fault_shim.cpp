@@ -90,7 +90,7 @@ using Function = Any (*)(Any, Any, Any, Any, Any, Any);
   X(socket) X(ioctl) X(setsockopt) X(getsockopt) X(getsockname) X(connect) \
   X(shutdown) X(sendto) X(recvfrom) X(select) X(open) X(read) X(write)     \
   X(fchown) X(fchmod) X(fsync) X(stat) X(rename) X(unlink) X(sigaction)    \
-  X(setvbuf) X(fflush)
+  X(setvbuf) X(fflush) X(flock)
 // clang-format on
 #define FAULTY_MINUS_ONE(name) FAULTY(name, -1)
 

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <csignal>
 #include <string>
 
 #include "bytes.h"
@@ -40,10 +41,8 @@ Finished limited_test(const ScriptedPeer& peer) {
     const rlimit both = {kRoom, kRoom};
     setrlimit(RLIMIT_AS, &both);
   };
-  const std::string path =
-      folder.write("c", "name=a\nserver_list=127.0.0.1\nserver_port=" +
-                            std::to_string(peer.port()) + "\n");
-  return run({VELPROBE_PROGRAM, path, "test"}, {.prepare = limit});
+  return run({VELPROBE_PROGRAM, folder.write("c", peer.config()), "test"},
+             {.prepare = limit});
 }
 
 TEST(HostilePeer, WearsOutNeitherTimeNorMemory) {
@@ -56,18 +55,13 @@ TEST(HostilePeer, WearsOutNeitherTimeNorMemory) {
   } rows[] = {
       {"garbage", "", repeated(bytes_of("DE AD BE EF")),
        "Veltra Server using incompatible protocol"},
-      {"filler", "", repeated("\x19"), kClosed},
       {"filler in the offer", kOffer, repeated("\x19"), kClosed},
       {"high tag", bytes_of("1F"), repeated("\xFF"), kClosed},
-      {"high tag in a skipped list", kOffer + kKey + "\x1F", repeated("\xFF"),
-       kClosed},
       {"nested lists", kOffer + kKey, repeated(bytes_of("30 80")), kClosed,
        2100000},  // a million of them
       {"nested lists, closed askew", kOffer + kKey + bytes_of("30 80 00 01"),
        "", "List not terminated correctly in read_devnode_list"},
       {"endless key", kOffer + kKey, repeated(bytes_of("01 01 01")), kClosed},
-      {"endless offer", kOffer + kKey + bytes_of("00 00"),
-       repeated(bytes_of("04 01 61")), kClosed},
       {"endless refusal", bytes_of("63 80 04 01 61"),
        repeated(bytes_of("04 01 61")), kClosed},
       {"a skipped text of gigabytes",
@@ -131,18 +125,21 @@ TEST(HostilePeer, GetsNoMoreSilenceThanTheLimit) {
       {kOffer + kKey + bytes_of("04 05 61"), late},
   };
   set_socket_timeout(1);
+  // A wait goes on after a signal, for the rest of its time.
+  std::signal(SIGALRM, [](int) {});
+  ualarm(100'000, 100'000);
   for (const auto& row : rows) {
     ScriptedPeer peer({.answer = row.answer, .stay = true});
     const auto start = std::chrono::steady_clock::now();
     const ErrorText error =
-        probe_server("127.0.0.1", static_cast<std::uint16_t>(peer.port()), "a",
-                     nullptr, nullptr, nullptr);
+        probe_server("127.0.0.1", peer.port(), "a", nullptr, nullptr, nullptr);
     const std::chrono::duration<double> took =
         std::chrono::steady_clock::now() - start;
     EXPECT_STREQ(error.c_str(), row.text.c_str());
     EXPECT_GT(took.count(), 0.9);
     EXPECT_LT(took.count(), 5);
   }
+  ualarm(0, 0);
   set_socket_timeout(0);
 }
 

@@ -3,84 +3,20 @@
 
 #include <gtest/gtest.h>
 
-#include <memory>
-#include <new>
 #include <string>
 #include <vector>
 
 #include "bytes.h"
 #include "protocol/ber_codec.h"
-#include "protocol/memory_stream.h"
+#include "record.h"
+#include "streams.h"
 
 namespace velprobe {
 namespace {
 
-std::string text_of(ErrorText error) {
-  return error ? error.c_str() : "";
-}
-
-BerStreamPtr stream_of(std::string_view bytes) {
-  BerStreamPtr stream;
-  EXPECT_FALSE(memory_stream_open(stream, bytes));
-  return stream;
-}
-
-// A record of any message, as its layout tells.
-class Record {
- public:
-  explicit Record(const MessageLayout& layout)
-      : layout_(layout), memory_(new std::max_align_t[layout.record_size + 1]) {
-    layout_.construct(memory_.get());
-  }
-  ~Record() { layout_.destroy(memory_.get()); }
-
-  void* get() { return memory_.get(); }
-
-  template <typename Member>
-  Member& member(const FieldLayout& field) {
-    return *reinterpret_cast<Member*>(reinterpret_cast<char*>(memory_.get()) +
-                                      field.offset);
-  }
-
-  // Sets a field to a number, a text of so many bytes, or 2 to so many bits.
-  void set(const FieldLayout& field, std::int64_t size) {
-    switch (field.type) {
-      case FieldType::kSigned:
-        member<std::int32_t>(field) = static_cast<std::int32_t>(size);
-        break;
-      case FieldType::kUnsigned:
-      case FieldType::kEnumerated:
-        member<std::uint32_t>(field) = static_cast<std::uint32_t>(size);
-        break;
-      case FieldType::kBoolean:
-        member<int>(field) = size != 0;
-        break;
-      case FieldType::kString:
-        member<Text>(field) =
-            copy_text(std::string(static_cast<std::size_t>(size), 'x'));
-        break;
-      case FieldType::kBigNum:
-        member<BigNumPtr>(field) =
-            bn_power_of_two(static_cast<std::uint64_t>(size));
-        break;
-    }
-  }
-
-  // Sets every field to a value of its own within its limits.
-  void fill() {
-    std::int64_t sample = 2;
-    for (const FieldLayout& field : layout_.fields)
-      set(field, field.type == FieldType::kBoolean ? sample % 2 : ++sample);
-  }
-
- private:
-  const MessageLayout& layout_;
-  std::unique_ptr<std::max_align_t[]> memory_;
-};
-
 std::string encode(const MessageLayout& layout, Record& record,
                    const std::string& expected_error = "") {
-  BerStreamPtr stream = stream_of("");
+  BerStreamPtr stream = stream_of();
   EXPECT_EQ(text_of(write_message(*stream, layout, record.get())),
             expected_error);
   return std::string(memory_stream_bytes(*stream));
@@ -173,7 +109,7 @@ TEST_P(EveryMessage, RefusesForeignFraming) {
       std::string("read_") + layout.name + (is_open ? "_incomplete" : "");
   EXPECT_EQ(decode_error(layout, bytes_of("05 80")),
             "Wrong tag (40) encountered in " + reader);
-  BerStreamPtr definite = stream_of("");
+  BerStreamPtr definite = stream_of();
   ASSERT_FALSE(write_tag(*definite, layout.tag));
   ASSERT_FALSE(write_length(*definite, 0));
   EXPECT_EQ(decode_error(layout, memory_stream_bytes(*definite)),
@@ -200,49 +136,6 @@ INSTANTIATE_TEST_SUITE_P(Catalogue, EveryMessage,
                          [](const auto& row) {
                            return std::string(row.param.name);
                          });
-
-// What the declarations cannot vouch for: the bytes that other programs know.
-TEST(Messages, StandOnTheWireAsPeersExpect) {
-  const struct {
-    MessageId id;
-    const char* head;
-  } rows[] = {
-      {MessageId::negotiate_ack, "62 80 00 00"},
-      {MessageId::negotiate_nack, "63 80 04"},
-      {MessageId::diffie_hellmann_parameters, "64 80 02"},
-      {MessageId::checkin_resp, "6B 80 01"},
-      {MessageId::upgrade_resp, "6D 80 02"},
-      {MessageId::downtime_req, "7E 80 02"},
-      {MessageId::downtime_resp, "7F 1F 80 01"},
-      {MessageId::h_w_scan_resp, "7F 21 80 01"},
-      {MessageId::adv_log_conf, "A4 80 04"},
-      {MessageId::check_conf, "30 80 02"},
-      {MessageId::rule, "30 80 04"},
-  };
-  for (const auto& row : rows) {
-    const MessageLayout& layout =
-        message_catalogue()[static_cast<std::size_t>(row.id)];
-    Record record(layout);
-    record.fill();
-    EXPECT_EQ(hex_of(encode(layout, record)).find(row.head), 0U) << layout.name;
-  }
-}
-
-TEST(Messages, FailedReadsLeaveWhatTheyReadToTheCaller) {
-  negotiate_nack nack;
-  EXPECT_EQ(text_of(read_negotiate_nack(
-                *stream_of(bytes_of("63 80 04 02 61 62 00 01")), nack, 0)),
-            "List not terminated correctly in skip_to_eol");
-  EXPECT_STREQ(nack.reason.get(), "ab");
-}
-
-TEST(Messages, EnumerationsCarryAnyValue) {
-  BerStreamPtr stream = stream_of("");
-  std::uint32_t back = 0;
-  ASSERT_FALSE(write_check_status(*stream, UINT32_MAX));
-  EXPECT_FALSE(read_check_status(*stream, back, 0));
-  EXPECT_EQ(back, UINT32_MAX);
-}
 
 }  // namespace
 }  // namespace velprobe

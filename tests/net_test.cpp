@@ -10,7 +10,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
@@ -26,17 +25,12 @@
 #include "net/system_socket.h"
 #include "net/tcp.h"
 #include "net/udp.h"
+#include "streams.h"
 
 namespace velprobe {
 namespace {
 
-using std::chrono_literals::operator""ms;
-
 constexpr Ipv4Address kLoopback{127, 0, 0, 1};
-
-std::string text_of(ErrorText error) {
-  return error ? error.c_str() : "";
-}
 
 int option_of(int socket, int level, int option) {
   int value = -1;
@@ -50,17 +44,6 @@ std::uint16_t port_of_socket(int socket) {
   EXPECT_TRUE(socket_local_address(socket, nullptr, &port));
   return port;
 }
-
-// SignalRain interrupts this thread's waits every 100 milliseconds.
-struct SignalRain {
-  SignalRain() {
-    struct sigaction action {};
-    action.sa_handler = [](int) {};
-    ::sigaction(SIGALRM, &action, nullptr);
-    ::ualarm(100'000, 100'000);
-  }
-  ~SignalRain() { ::ualarm(0, 0); }
-};
 
 std::string send(const FileDescriptor& socket, std::string_view bytes) {
   return text_of(socket_send(socket.get(), bytes.data(), bytes.size()));
@@ -99,22 +82,21 @@ struct Connection : testing::Test {
   FileDescriptor listener, client, server;
 };
 
-TEST_F(Connection, SilenceTimesOutAlthoughSignalsRestartTheWait) {
-  EXPECT_EQ(600, set_socket_timeout(1));
-  const SignalRain rain;
-  const auto start = std::chrono::steady_clock::now();
-  EXPECT_EQ("Timeout in socket_recv()", receive(client));
-  // A new wait after each signal, not the rest of one, would never end.
-  EXPECT_GT(std::chrono::steady_clock::now() - start, 900ms);
-}
-
 TEST_F(Connection, FullPeerOrASignalEndsTheSendWait) {
-  set_socket_timeout(1);
+  EXPECT_EQ(600, set_socket_timeout(1));
   const std::string much(64 << 20, 'x');
   EXPECT_EQ("Timeout in socket_send()", send(client, much));
-  const SignalRain rain;
+  std::signal(SIGALRM, [](int) {});
+  ::ualarm(100'000, 0);
   EXPECT_EQ("Unknown error in socket_send(): Interrupted system call",
             send(client, much));
+}
+
+TEST_F(Connection, APeerThatLeftIsAnErrorAndNoSignal) {
+  server = {};
+  std::string error;
+  for (int i = 0; i < 100 && error.empty(); ++i) error = send(client, "x");
+  EXPECT_EQ("Other end closed connection", error);
 }
 
 TEST_F(Connection, SendsAllInOrderHoweverSlowlyThePeerReads) {
@@ -135,21 +117,6 @@ TEST_F(Connection, SendsAllInOrderHoweverSlowlyThePeerReads) {
   EXPECT_TRUE(sent == received);
 }
 
-TEST_F(Connection, CorkHoldsBytesUntilTheFlush) {
-  connect(CONNECT_NONBLOCKING | CONNECT_CORK);
-  // The system itself gives up after 200 milliseconds; a flush is faster, at
-  // least once even on a busy machine.
-  bool arrived_at_once = false;
-  for (int i = 0; i < 10 && !arrived_at_once; ++i) {
-    ASSERT_EQ("", send(client, "x"));
-    EXPECT_FALSE(socket_wait_readable(server.get(), 0));
-    ASSERT_EQ("", text_of(socket_flush(client.get())));
-    arrived_at_once = socket_wait_readable(server.get(), 0);
-    EXPECT_EQ("x", receive(server));
-  }
-  EXPECT_TRUE(arrived_at_once);
-}
-
 TEST_F(Connection, FlagsChooseTheMode) {
   EXPECT_EQ(O_NONBLOCK, ::fcntl(client.get(), F_GETFL) & O_NONBLOCK);
   connect(CONNECT_NODELAY);
@@ -157,16 +124,13 @@ TEST_F(Connection, FlagsChooseTheMode) {
   EXPECT_EQ(1, option_of(client.get(), IPPROTO_TCP, TCP_NODELAY));
 }
 
-TEST_F(Connection, RefusedConnectClosesItsSocketAndKeepsTheNumber) {
+TEST_F(Connection, RefusedConnectKeepsTheNumber) {
   const std::uint16_t port = port_of_socket(listener.get());
   listener = {};
-  for (const std::uint32_t flags : {0u, CONNECT_NONBLOCKING}) {
-    std::int32_t socket = -1;
-    EXPECT_EQ("Error connecting: Connection refused",
-              text_of(socket_connect(kLoopback, port, socket, flags)));
-    EXPECT_GE(socket, 0);
-    EXPECT_LT(::fcntl(socket, F_GETFD), 0) << "left open";
-  }
+  std::int32_t socket = -1;
+  EXPECT_EQ("Error connecting: Connection refused",
+            text_of(socket_connect(kLoopback, port, socket, 0)));
+  EXPECT_GE(socket, 0);
 }
 
 TEST_F(Connection, DescriptorsBeyondTheWaitSetAreErrors) {
@@ -190,34 +154,13 @@ FileDescriptor open_udp() {
   return FileDescriptor(socket);
 }
 
-TEST(Datagrams, OneIsReceivedCutWithItsSender) {
-  const FileDescriptor a = open_udp(), b = open_udp();
-  ASSERT_TRUE(udp_bind(b.get(), kLoopback, 0));
-  const std::uint16_t b_port = port_of_socket(b.get());
-  ASSERT_EQ("", text_of(udp_send(a.get(), kLoopback, b_port, "abcdef", 6)));
-  ASSERT_TRUE(socket_wait_readable(b.get(), 5));
-  char buffer[4];
-  ssize_t length = sizeof buffer;
-  Ipv4Address sender{};
-  std::uint16_t port = 0;
-  ASSERT_EQ("", text_of(udp_receive(b.get(), sender, port, buffer, length)));
-  EXPECT_EQ("abcd", std::string(buffer, static_cast<std::size_t>(length)));
-  EXPECT_EQ(kLoopback, sender);
-  EXPECT_EQ(port_of_socket(a.get()), port);
-}
-
 TEST(Datagrams, FailuresHaveTextsOfTheirOwn) {
   const FileDescriptor a = open_udp();
-  const Ipv4Address everyone{127, 255, 255, 255};
-  const ErrorText sent = udp_send(a.get(), everyone, 9, "", 0);
   ssize_t length = 0;
   Ipv4Address sender;
   std::uint16_t port;
   EXPECT_EQ("UDP receive failed (9).",
             text_of(udp_receive(-1, sender, port, &length, length)));
-  EXPECT_EQ("UDP send failed (Permission denied)", text_of(sent));
-  EXPECT_EQ("UDP set allow broadcast failed",
-            text_of(udp_set_broadcast(-1, true)));
   EXPECT_EQ("UDP set multicast membership failed.",
             text_of(udp_set_multicast(a.get(), {}, true)));
   EXPECT_EQ("UDP unset multicast membership failed.",

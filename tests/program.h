@@ -5,8 +5,12 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <net/if.h>
 #include <pty.h>
+#include <sched.h>
+#include <sys/ioctl.h>
 #include <sys/prctl.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -70,7 +74,6 @@ class Program {
   }
 
   void kill(int signal) const { ::kill(child_, signal); }
-  pid_t pid() const { return child_; }
 
   // Reads on until the output holds text, or to its end.
   const std::string& read_until(const std::string& text) {
@@ -110,6 +113,38 @@ inline Finished run(const std::vector<std::string>& command,
   std::string output = program.output();
   return {std::move(output), program.wait()};
 }
+
+// enter_own_network leaves this process nothing but a loopback: no query of a
+// scan gets out of it. False where the system does not allow that.
+inline bool enter_own_network() {
+  if (unshare(CLONE_NEWUSER | CLONE_NEWNET) != 0) return false;
+  const FileDescriptor socket(::socket(AF_INET, SOCK_DGRAM, 0));
+  ifreq loopback{.ifr_ifrn = {"lo"}, .ifr_ifru = {}};
+  loopback.ifr_flags = IFF_UP;
+  return ioctl(socket.get(), SIOCSIFFLAGS, &loopback) == 0;
+}
+
+// Server is a running velstandin, on a port of the system's choice unless the
+// options name one.
+struct Server : Program {
+  explicit Server(std::vector<std::string> options = {})
+      : Program(command_of(std::move(options))) {
+    const std::string& line = read_until("\n");
+    EXPECT_TRUE(line.starts_with("Listening on 127.0.0.")) << line;
+    port = std::stoi(line.substr(line.find(':') + 1));
+  }
+  static std::vector<std::string> command_of(std::vector<std::string> options) {
+    options.insert(options.begin(), {VELSTANDIN_PROGRAM, "--port", "0"});
+    return options;
+  }
+
+  // The line of a configuration file for it.
+  std::string port_line() const {
+    return "server_port=" + std::to_string(port) + "\n";
+  }
+
+  int port = 0;
+};
 
 }  // namespace velprobe
 

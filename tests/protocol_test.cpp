@@ -5,30 +5,19 @@
 #include <functional>
 
 #include "bytes.h"
-#include "net/listener.h"
-#include "net/tcp.h"
 #include "protocol/ber_codec.h"
-#include "protocol/memory_stream.h"
 #include "protocol/socket_stream.h"
+#include "scripted_peer.h"
+#include "streams.h"
 
 namespace velprobe {
 namespace {
 
-BerStreamPtr stream_of(std::string_view bytes) {
-  BerStreamPtr stream;
-  EXPECT_FALSE(memory_stream_open(stream, bytes));
-  return stream;
-}
-
-std::string text_of(ErrorText error) {
-  return error ? error.c_str() : "";
-}
-
 using Operation = std::function<ErrorText(BerStream&)>;
 
-std::string written(const Operation& write) {
-  BerStreamPtr stream = stream_of("");
-  EXPECT_EQ(text_of(write(*stream)), "");
+std::string written(const Operation& write, const std::string& error = "") {
+  const BerStreamPtr stream = stream_of();
+  EXPECT_EQ(text_of(write(*stream)), error);
   return hex_of(memory_stream_bytes(*stream));
 }
 
@@ -36,6 +25,7 @@ TEST(Codec, WritesTheBytesOfTheWire) {
   const struct {
     Operation write;
     const char* hex;
+    std::string error = {};
   } rows[] = {
       {[](BerStream& s) { return write_tag(s, 240); }, "1E"},
       {[](BerStream& s) { return write_tag(s, 251); }, "7F 1F"},
@@ -57,8 +47,16 @@ TEST(Codec, WritesTheBytesOfTheWire) {
       {[](BerStream& s) { return write_real(s, NAN); }, "09 01 60"},
       {[](BerStream& s) { return write_real(s, HUGE_VAL); }, "09 01 40"},
       {[](BerStream& s) { return write_real(s, -HUGE_VAL); }, "09 01 41"},
+      {[](BerStream& s) { return write_enumerated(s, UINT32_MAX, 80); },
+       "0A 05 00 FF FF FF FF"},
+      // What is out of range.
+      {[](BerStream& s) { return write_unsigned_int(s, 1, 5, 0); }, "",
+       "data out of range in write_unsigned_int"},
+      {[](BerStream& s) { return write_string(s, 1, "ab"); }, "04",
+       "data out of range in write_string"},
   };
-  for (const auto& row : rows) EXPECT_EQ(written(row.write), row.hex);
+  for (const auto& row : rows)
+    EXPECT_EQ(written(row.write, row.error), row.hex);
 }
 
 TEST(Codec, IntegersAreMinimalAndComeBack) {
@@ -81,7 +79,7 @@ TEST(Codec, IntegersAreMinimalAndComeBack) {
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.value);
-    BerStreamPtr stream = stream_of("");
+    BerStreamPtr stream = stream_of();
     if (row.value >= 0) {
       const auto value = static_cast<std::uint32_t>(row.value);
       EXPECT_FALSE(write_unsigned_int(*stream, 0, UINT32_MAX, value));
@@ -151,6 +149,7 @@ TEST(Codec, ReadsWhatIsWellFormedAndNamesWhatIsNot) {
       {"signed", "02 01 FE", "data out of range in read_signed_int"},
       {"signed", "02 05 00 00 00 00 01",
        "data out of range in read_signed_int"},
+      {"enum", "0A 05 00 FF FF FF FF", ""},
       {"enum", "0A 04 FF FF FF FF", "data out of range in read_enumerated"},
       {"enum", "02 00", "Wrong tag, expected another type"},
       {"bool", "01 81 01 FF", ""},
@@ -188,7 +187,7 @@ TEST(Codec, ReadsWhatIsWellFormedAndNamesWhatIsNot) {
 
 TEST(Codec, ValuesComeBack) {
   for (double value : {0.0, 1.5, -2.5e-300, 9.87654e200, HUGE_VAL, -HUGE_VAL}) {
-    BerStreamPtr stream = stream_of("");
+    BerStreamPtr stream = stream_of();
     ASSERT_FALSE(write_real(*stream, value));
     double back = 1;
     EXPECT_EQ(text_of(read_real(*stream, back, 0)), "");
@@ -199,18 +198,6 @@ TEST(Codec, ValuesComeBack) {
   EXPECT_EQ(flag, 1);
 }
 
-TEST(Codec, WritersRefuseWhatIsOutOfRange) {
-  BerStreamPtr stream = stream_of("");
-  for (const std::uint32_t value : {0U, 6U}) {
-    EXPECT_EQ(text_of(write_unsigned_int(*stream, 1, 5, value)),
-              "data out of range in write_unsigned_int");
-  }
-  EXPECT_EQ(hex_of(memory_stream_bytes(*stream)), "");
-  EXPECT_EQ(text_of(write_string(*stream, 1, "ab")),
-            "data out of range in write_string");
-  EXPECT_EQ(hex_of(memory_stream_bytes(*stream)), "04");
-}
-
 TEST(Codec, BigNumbersTravelAsBareMagnitudes) {
   for (const char* hex : {"02 00", "02 01 80", "02 05 01 00 00 00 00"}) {
     BigNumPtr number;
@@ -219,81 +206,27 @@ TEST(Codec, BigNumbersTravelAsBareMagnitudes) {
         written([&](BerStream& s) { return write_bignum(s, number.get()); }),
         hex);
   }
-  // 35 limbs fit, the 36th does not; nothing is written then.
-  BerStreamPtr stream = stream_of("");
-  EXPECT_EQ(text_of(write_bignum(*stream, bn_power_of_two(35 * 32).get())),
-            "Buffer given to bn_get_data is too small");
-  EXPECT_EQ(hex_of(memory_stream_bytes(*stream)), "");
-  EXPECT_FALSE(write_bignum(*stream, bn_power_of_two(35 * 32 - 1).get()));
 }
-
-// A stream and the raw socket at its other end.
-struct Connection {
-  BerStreamPtr stream;
-  FileDescriptor peer;
-
-  Connection() {
-    const Ipv4Address loopback = {127, 0, 0, 1};
-    FileDescriptor listener;
-    std::uint16_t port = 0;
-    EXPECT_FALSE(listen_on(loopback, 0, listener));
-    EXPECT_TRUE(socket_local_address(listener.get(), nullptr, &port));
-    EXPECT_FALSE(
-        socket_stream_open(stream, loopback, port, CONNECT_NONBLOCKING));
-    Ipv4Address address{};
-    EXPECT_TRUE(socket_wait_readable(listener.get(), 5));
-    EXPECT_FALSE(accept_connection(listener, peer, address, port));
-  }
-
-  std::string arrived() {
-    char buffer[64];
-    std::size_t received = 0;
-    EXPECT_FALSE(socket_recv(peer.get(), buffer, sizeof buffer, received));
-    return std::string(buffer, received);
-  }
-};
 
 TEST(SocketStream, WritesGatherUntilAFlushAReadOrTheClose) {
-  Connection c;
-  const auto put = [&](const char* bytes) {
-    ASSERT_FALSE(c.stream->operations.write(c.stream.get(), bytes, 1));
-  };
-  put("a");
-  put("b");
-  // Corked bytes stay for 200 ms at most: a wait of 0 seconds sees none.
-  EXPECT_FALSE(socket_wait_readable(c.peer.get(), 0));
-  ASSERT_FALSE(c.stream->operations.flush(c.stream.get()));
-  EXPECT_EQ(c.arrived(), "ab");
-
-  put("c");
-  EXPECT_FALSE(c.stream->operations.read(c.stream.get(), nullptr, 0));
-  EXPECT_EQ(c.arrived(), "c");
-
-  put("d");
-  c.stream.reset();
-  EXPECT_EQ(c.arrived(), "d");
-  EXPECT_EQ(c.arrived(), "");
-}
-
-TEST(SocketStream, WrapsTheTextsOfTheSocket) {
-  Connection c;
-  set_socket_timeout(1);
-  char byte;
-  EXPECT_FALSE(c.stream->operations.wait_readable(c.stream.get(), 0));
-  EXPECT_EQ(text_of(c.stream->operations.read(c.stream.get(), &byte, 1)),
-            "Error receiving data: Timeout in socket_recv()");
-  set_socket_timeout(0);
-
-  ASSERT_FALSE(start_socket_subsystem());
-  c.peer = FileDescriptor();
-  std::string last;
-  for (int i = 0; i < 100 && last.empty(); ++i) {
-    last = text_of(c.stream->operations.write(c.stream.get(), "x", 1));
-    static_cast<void>(c.stream->operations.flush(c.stream.get()));
-  }
-  EXPECT_EQ(last,
-            "socket_send returned error in socket_write_buf: "
-            "Other end closed connection");
+  ScriptedPeer peer({.hear = 3, .answer = "x"});
+  BerStreamPtr stream;
+  ASSERT_FALSE(socket_stream_open(stream, {127, 0, 0, 1}, peer.port(), 0));
+  const auto& [read, write, flush, wait, close] = stream->operations;
+  EXPECT_FALSE(write(stream.get(), "a", 1));
+  EXPECT_FALSE(write(stream.get(), "b", 1));
+  // Corked bytes stay for 200 milliseconds at most.
+  usleep(20000);
+  EXPECT_FALSE(flush(stream.get()));
+  EXPECT_FALSE(write(stream.get(), "c", 1));
+  char answer = 0;
+  EXPECT_FALSE(read(stream.get(), &answer, 1));
+  EXPECT_EQ(answer, 'x');
+  EXPECT_FALSE(write(stream.get(), "d", 1));
+  stream.reset();
+  peer.stop();
+  EXPECT_EQ(peer.request() + peer.rest(), "abcd");
+  EXPECT_EQ(peer.data_segments(), 3U);
 }
 
 }  // namespace

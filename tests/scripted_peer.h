@@ -49,7 +49,13 @@ class ScriptedPeer {
     if (thread_.joinable()) thread_.join();
   }
 
-  int port() const { return port_; }
+  std::uint16_t port() const { return port_; }
+
+  // A configuration file for an agent with a name and this one server.
+  std::string config() const {
+    return "name=a\nserver_list=127.0.0.1\nserver_port=" +
+           std::to_string(port_) + "\n";
+  }
 
   // What the last client sent before and after the answer, and in how many
   // segments; to be asked after stop().

@@ -1,9 +1,5 @@
 // velprobe and velstandin, the built programs, with each other.
 #include <gtest/gtest.h>
-#include <net/if.h>
-#include <sched.h>
-#include <sys/ioctl.h>
-#include <sys/socket.h>
 
 #include <optional>
 #include <string>
@@ -20,26 +16,15 @@ using Words = std::vector<std::string>;
 
 class Standin : public testing::Test {
  protected:
-  // Starts velstandin on a port of the system's choice.
-  Program& start(Words options) {
-    options.insert(options.begin(), {VELSTANDIN_PROGRAM, "--port", "0"});
-    server_.emplace(std::move(options));
-    const std::string& line = server_->read_until("\n");
-    EXPECT_TRUE(line.starts_with("Listening on 127.0.0.1:")) << line;
-    const std::size_t colon = line.rfind(':');
-    port_ = line.substr(colon + 1, line.find('\n') - colon - 1);
-    return *server_;
-  }
-  std::string write_config(const std::string& lines) {
-    return folder_.write("agent.conf", lines + "\nserver_port=" + port_ + "\n");
-  }
-  std::string probe(const std::string& lines) {
-    return run({VELPROBE_PROGRAM, write_config(lines), "test"}).output;
+  Server& start(const Words& options) { return server_.emplace(options); }
+  std::string probe(const std::string& lines, const char* operation = "test") {
+    const std::string path =
+        folder_.write("agent.conf", lines + "\n" + server_->port_line());
+    return run({VELPROBE_PROGRAM, path, operation}, {.input = "y\n"}).output;
   }
 
   TempFolder folder_;
-  std::optional<Program> server_;
-  std::string port_;
+  std::optional<Server> server_;
 };
 
 // The line about the one session, without the peer in front; nothing when
@@ -83,7 +68,7 @@ TEST_F(Standin, AnswersAsItIsTold) {
   for (const auto& row : rows) {
     Words options = row.options;
     options.insert(options.end(), {"--sessions", "1", "--no-discovery"});
-    Program& server = start(options);
+    Server& server = start(options);
     const std::string shown = probe("name=a\ndomain=d\nserver_list=127.0.0.1");
     EXPECT_NE(shown.find("...\n" + row.verdict + "\n"), std::string::npos)
         << shown;
@@ -93,19 +78,19 @@ TEST_F(Standin, AnswersAsItIsTold) {
 }
 
 TEST_F(Standin, KeepsOneLineOneLine) {
-  Program& server = start({"--sessions", "1"});
+  Server& server = start({"--sessions", "1"});
   probe("name=a\033[2J\rb\nserver_list=127.0.0.1");
   EXPECT_NE(server.output().find("name \"a?[2J?b\""), std::string::npos);
 }
 
 TEST_F(Standin, EndsAtASignalEvenInASession) {
-  Program& idle = start({});
+  Server& idle = start({});
   idle.kill(SIGINT);
   EXPECT_EQ(session_line(idle.output()), "");
   EXPECT_EQ(idle.wait(), 0);
-  Program& busy = start({});
+  Server& busy = start({});
   std::int32_t client = -1;
-  const auto port = static_cast<std::uint16_t>(std::stoi(port_));
+  const auto port = static_cast<std::uint16_t>(busy.port);
   ASSERT_FALSE(socket_connect({127, 0, 0, 1}, port, client, 0));
   ASSERT_FALSE(socket_send(client, "\x60", 1));
   usleep(50000);
@@ -142,33 +127,18 @@ TEST_F(Standin, RefusesBadUsage) {
   }
 }
 
-// Scans broadcast on every interface, so this one runs where there is none but
-// loopback.
 TEST_F(Standin, IsFoundByAScan) {
-  const auto enter_empty_network = [] {
-    if (unshare(CLONE_NEWUSER | CLONE_NEWNET) != 0) _exit(77);
-    const int socket = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    ifreq loopback{.ifr_ifrn = {"lo"}, .ifr_ifru = {}};
-    loopback.ifr_flags = IFF_UP;
-    if (ioctl(socket, SIOCSIFFLAGS, &loopback) != 0) _exit(77);
-  };
-  port_ = "3241";
-  const std::string path = write_config("name=a\nserver_list=localhost");
-  const std::string script =
-      std::string(VELSTANDIN_PROGRAM) + " --sessions 1 >\"$0.log\" & " +
-      "while ! grep -qs Listening \"$0.log\"; do sleep 0.05; done; " +
-      VELPROBE_PROGRAM + " \"$0\" configure";
-  const Finished result = run({"/bin/sh", "-c", script, path},
-                              {.input = "y\n", .prepare = enter_empty_network});
-  if (result.status == 77) {
-    GTEST_SKIP() << "this system allows no network of one's own";
-  }
-  EXPECT_TRUE(result.output.starts_with(
-      "Will scan for a Veltra Server listening on port 3241...\n"
-      "Found Veltra server \"127.0.0.1\"\n\nTrying to connect"))
-      << result.output;
-  EXPECT_EQ(folder_.read("agent.conf"),
-            "name=a\nserver_list=127.0.0.1\nserver_port=3241\ndomain=.\n");
+  if (!enter_own_network()) GTEST_SKIP() << "no network of one's own";
+  Server& server = start({"--sessions", "1"});
+  const std::string shown = probe("name=a\nserver_list=localhost", "configure");
+  EXPECT_TRUE(shown.starts_with(
+      "Will scan for a Veltra Server listening on port " +
+      std::to_string(server.port) +
+      "...\nFound Veltra server \"127.0.0.1\"\n\nTrying to connect"))
+      << shown;
+  EXPECT_EQ(server.wait(), 0);
+  EXPECT_EQ(folder_.read("agent.conf"), "name=a\nserver_list=127.0.0.1\n" +
+                                            server.port_line() + "domain=.\n");
 }
 
 }  // namespace

@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
-#include <vector>
+#include <utility>
 
 #include "aes_objects.h"
 #include "vectors.h"
@@ -104,17 +104,6 @@ TEST_P(AesVectors, KnownAnswersAndMonteCarlo) {
         }
       }
     }
-  }
-}
-
-TEST_P(AesVectors, FeedbackOverWholeBlocks) {
-  SKIP_WITHOUT_VECTORS();
-  for (const Vector& vector :
-       read_vectors("generated/aes-cfb1-whole-blocks.rsp")) {
-    Case test(vector, kModeCfb1);
-    ASSERT_EQ(to_hex(test.run(from_hex(test.input))), test.output)
-        << vector.where;
-    ASSERT_EQ(to_hex(vector_of(test.cipher)), vector["NEXTIV"]) << vector.where;
   }
 }
 
