@@ -23,8 +23,6 @@
 namespace velprobe {
 namespace {
 
-constexpr std::uint16_t kDefaultPort = 3241;
-
 // Step tells whether the story goes on or has come to its end.
 enum class Step { kGoOn, kSucceed, kFail };
 
@@ -32,7 +30,7 @@ enum class Step { kGoOn, kSucceed, kFail };
 struct Run {
   const char* config_path = nullptr;
   Mode mode = Mode::kTest;
-  std::uint16_t port = kDefaultPort;
+  std::uint16_t port = kDefaultServerPort;
   // A text list: see next_text.
   Text server_names;
   // The servers that answered the protocol, comma-separated; empty: none did.
@@ -111,7 +109,7 @@ Step start_up(int argc, char** argv, Run& run) {
 // The low 16 bits of the number are the port, whatever the file says.
 std::uint16_t configured_port() {
   const char* text = config_value(kServerPortKey);
-  if (text == nullptr) return kDefaultPort;
+  if (text == nullptr) return kDefaultServerPort;
   return static_cast<std::uint16_t>(std::strtol(text, nullptr, 0));
 }
 

@@ -13,6 +13,9 @@ namespace velprobe {
 // The protocol version that this side speaks: major 2, minor 2.
 inline constexpr std::int32_t kProtocolVersion = 0x0202;
 
+// Where servers listen, for TCP and for discovery, unless told otherwise.
+inline constexpr std::uint16_t kDefaultServerPort = 3241;
+
 enum class ProbeStatus : std::uint32_t {
   kAccepted = 0,  // compatible, private-key authentication, acknowledged
   kRefused = 1,   // the server speaks the protocol and refuses this agent

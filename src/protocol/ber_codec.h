@@ -178,7 +178,7 @@ ErrorText write_bignum(BerStream& stream, const BigNum* number);
 //   "Wrong tag, expected BE_INTEGER"
 //   "data out of range in read_bignum": indefinite length
 //   "Out of memory in read_bignum"
-//   the text of bn_set_data
+//   the text of bn_set_data; the limbs' memory then stays taken
 ErrorText read_bignum(BerStream& stream, BigNumPtr& out_number,
                       std::uint32_t tag);
 

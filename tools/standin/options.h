@@ -7,13 +7,14 @@
 #include <optional>
 
 #include "net/address.h"
+#include "probe/check_in_probe.h"
 #include "session.h"
 
 namespace velprobe {
 
 struct Options {
   Ipv4Address listen{127, 0, 0, 1};
-  std::uint16_t port = 3241;  // 0: the system chooses
+  std::uint16_t port = kDefaultServerPort;  // 0: the system chooses
   bool discovery = true;
   std::uint32_t sessions = 0;  // 0: no end
   AnswerPolicy answer;

@@ -6,6 +6,7 @@
 #include <span>
 
 #include "net/address.h"
+#include "probe/check_in_probe.h"
 #include "protocol/ber_stream.h"
 #include "util/error_text.h"
 #include "util/owners.h"
@@ -26,7 +27,7 @@ const Authentication* find_authentication(const char* name);
 struct AnswerPolicy {
   std::span<const char* const> nodes;  // accepted names; empty accepts all
   const char* reason = "This agent is not expected here";
-  std::uint16_t version = 0x0202;
+  std::uint16_t version = kProtocolVersion;
   const Authentication* authentication = find_authentication("private-key");
 };
 
