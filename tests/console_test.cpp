@@ -1,16 +1,14 @@
 #include "util/console.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
-#include <stdlib.h>
+#include <pty.h>
 #include <sys/wait.h>
 #include <termios.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <string>
-#include <vector>
 
 #include "temp_folder.h"
 #include "util/owners.h"
@@ -30,43 +28,19 @@ std::string read_until(int descriptor, const std::string& end) {
   return text;
 }
 
-// in_child runs a function in a process without a controlling terminal, which
-// ends well when the function returns true.
-template <typename Function>
-pid_t in_child(Function function) {
-  const pid_t child = fork();
-  if (child == 0) _exit(setsid() >= 0 && function() ? 0 : 1);
-  return child;
-}
-
-bool ended_well(pid_t child) {
-  int status = -1;
-  return waitpid(child, &status, 0) == child && status == 0;
-}
-
 TEST(InputLineTest, CutsAnswersAndKeepsTheRest) {
-  const struct {
-    std::string input;
-    std::vector<std::string> answers;  // to the end of input
-  } cases[] = {
-      {"", {}},
-      {"yes\nno\n", {"yes", "no"}},
-      {"\n\r\ny\r\n", {"", "", "y"}},
-      {"0123456789abcdefghij\nn", {"0123456", "789abcd", "efghij", "n"}},
-      {" Y\rx\n", {" Y"}},
-  };
   TempFolder folder;
-  for (const auto& row : cases) {
-    const std::string path = folder.write("input", row.input);
-    ASSERT_NE(std::freopen(path.c_str(), "r", stdin), nullptr);
-    char answer[8];
-    for (const std::string& want : row.answers) {
-      EXPECT_FALSE(input_line(answer, sizeof answer, ""));
-      EXPECT_EQ(answer, want) << row.input;
-    }
-    ErrorText error = input_line(answer, sizeof answer, "");
-    EXPECT_STREQ(error.c_str(), "fgets returned error") << row.input;
+  const std::string path =
+      folder.write("input", "\n\r\ny\r\n Y\rx\n0123456789abcdefghij\nn");
+  ASSERT_NE(std::freopen(path.c_str(), "r", stdin), nullptr);
+  char answer[8];
+  for (const char* want :
+       {"", "", "y", " Y", "0123456", "789abcd", "efghij", "n"}) {
+    EXPECT_FALSE(input_line(answer, sizeof answer, ""));
+    EXPECT_STREQ(answer, want);
   }
+  ErrorText error = input_line(answer, sizeof answer, "");
+  EXPECT_STREQ(error.c_str(), "fgets returned error");
 }
 
 // hidden_answer gives the answer, or the text of a failure.
@@ -74,11 +48,6 @@ std::string hidden_answer() {
   char answer[17] = "";
   const ErrorText error = input_line_noecho(answer, 16, "Password: ");
   return error ? error.c_str() : answer;
-}
-
-TEST(InputLineNoechoTest, NeedsATerminal) {
-  const auto asks = [] { return hidden_answer() == "Error opening /dev/tty"; };
-  EXPECT_TRUE(ended_well(in_child(asks)));
 }
 
 TEST(InputLineNoechoTest, HidesTheAnswerAndRestoresTheTerminal) {
@@ -90,25 +59,33 @@ TEST(InputLineNoechoTest, HidesTheAnswerAndRestoresTheTerminal) {
       {"\004", "read returned 0", "Password: "},
   };
   for (const auto& row : cases) {
-    const FileDescriptor screen(posix_openpt(O_RDWR | O_NOCTTY));
-    ASSERT_EQ(grantpt(screen.get()) + unlockpt(screen.get()), 0);
-    const pid_t child = in_child([&] {
-      // The first terminal that a session leader opens is its own.
-      const int terminal = open(ptsname(screen.get()), O_RDWR | O_NONBLOCK);
+    int master;
+    const pid_t child = forkpty(&master, nullptr, nullptr, nullptr);
+    if (child == 0) {
       termios before, after;
-      tcgetattr(terminal, &before);
+      tcgetattr(0, &before);
       const bool as_wanted = hidden_answer() == row.answer;
-      tcgetattr(terminal, &after);
-      char rest;
-      return as_wanted && before.c_lflag == after.c_lflag &&
-             read(terminal, &rest, 1) < 0;
-    });
-    std::string shown = read_until(screen.get(), "Password: ");
-    EXPECT_GT(write(screen.get(), row.typed.data(), row.typed.size()), 0);
-    EXPECT_TRUE(ended_well(child)) << row.typed;
-    shown += read_until(screen.get(), "no more");
+      tcgetattr(0, &after);
+      pollfd rest{0, POLLIN, 0};
+      _exit(as_wanted && before.c_lflag == after.c_lflag &&
+            poll(&rest, 1, 0) == 0);
+    }
+    const FileDescriptor screen(master);
+    std::string shown = read_until(master, "Password: ");
+    EXPECT_GT(write(master, row.typed.data(), row.typed.size()), 0);
+    int status = -1;
+    EXPECT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(WEXITSTATUS(status), 1) << row.typed;
+    shown += read_until(master, "no more");
     EXPECT_EQ(shown, row.shown) << row.typed;
   }
+}
+
+TEST(InputLineNoechoTest, NeedsATerminal) {
+  const auto ask_in_new_session = [] {
+    _exit(setsid() > 0 && hidden_answer() == "Error opening /dev/tty");
+  };
+  EXPECT_EXIT(ask_in_new_session(), testing::ExitedWithCode(1), "");
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "bytes.h"
@@ -72,19 +73,15 @@ class EndToEnd : public testing::Test {
 };
 
 TEST_F(EndToEnd, ComplainsAboutTheCommandLine) {
-  const struct {
-    std::vector<std::string> arguments;
-    std::string output;
-  } rows[] = {
+  const std::pair<std::vector<std::string>, std::string> rows[] = {
       {{}, "Invalid number of arguments\n" + kUsage},
       {{"f", "test", "more"}, "Invalid number of arguments\n" + kUsage},
       {{"f", "Test%s%n"}, "Operation \"Test%s%n\" not implemented\n" + kUsage},
   };
-  for (const auto& row : rows) {
-    std::vector<std::string> command = row.arguments;
+  for (auto [command, output] : rows) {
     command.insert(command.begin(), kProgram);
     const Finished result = run(command);
-    EXPECT_EQ(result.output, row.output);
+    EXPECT_EQ(result.output, output);
     EXPECT_EQ(result.status, 1);
     // Complaints are for standard error alone.
     EXPECT_EQ(run(command, {.prepare = [] { close(2); }}).output, "");
@@ -158,10 +155,7 @@ TEST_F(EndToEnd, SumsUpOverTheServers) {
       "\nThis agent could only check in to some of specified servers.\n\n"
       "Test completed with partial success \n"
       "     -> Some, but not all servers accepted connection.\n\n";
-  const struct {
-    std::string servers;
-    std::string output;
-  } rows[] = {
+  const std::pair<std::string, std::string> rows[] = {
       {"127.0.0.2,127.0.0.1", refused + ok + some},
       // An unreachable server has no weight beside others.
       {"127.0.0.3,127.0.0.1", unreachable + ok + kAllOk},
@@ -170,17 +164,14 @@ TEST_F(EndToEnd, SumsUpOverTheServers) {
       {"127.0.0.1,,127.0.0.1", ok + kAllOk},
       {",127.0.0.1", kNobody.substr(1)},
   };
-  for (const auto& row : rows) {
+  for (const auto& [servers, output] : rows) {
     const std::string lines = "name=a\nserver_port=" + port + "\nserver_list=";
-    EXPECT_EQ(velprobe("test", lines + row.servers).output, row.output);
+    EXPECT_EQ(velprobe("test", lines + servers).output, output);
   }
 }
 
 TEST_F(EndToEnd, ReadsThePortAsTheyWroteIt) {
-  const struct {
-    std::string line;
-    int port;
-  } rows[] = {
+  const std::pair<std::string, int> rows[] = {
       {"", 3241},
       {"server_port=", 0},
       {"server_port=7abc", 7},
@@ -188,11 +179,11 @@ TEST_F(EndToEnd, ReadsThePortAsTheyWroteIt) {
       {"server_port=010", 8},
       {"server_port=65543", 7},
   };
-  for (const auto& row : rows) {
-    const std::string line = trying("255.255.255.255", row.port);
+  for (const auto& [line, port] : rows) {
     const Finished result =
-        velprobe("test", "server_list=255.255.255.255\n" + row.line);
-    EXPECT_TRUE(result.output.starts_with(line)) << result.output;
+        velprobe("test", "server_list=255.255.255.255\n" + line);
+    EXPECT_TRUE(result.output.starts_with(trying("255.255.255.255", port)))
+        << result.output;
   }
 }
 

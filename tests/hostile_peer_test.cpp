@@ -7,6 +7,7 @@
 #include <chrono>
 #include <csignal>
 #include <string>
+#include <utility>
 
 #include "bytes.h"
 #include "net/tcp.h"
@@ -59,8 +60,6 @@ TEST(HostilePeer, WearsOutNeitherTimeNorMemory) {
       {"high tag", bytes_of("1F"), repeated("\xFF"), kClosed},
       {"nested lists", kOffer + kKey, repeated(bytes_of("30 80")), kClosed,
        2100000},  // a million of them
-      {"nested lists, closed askew", kOffer + kKey + bytes_of("30 80 00 01"),
-       "", "List not terminated correctly in read_devnode_list"},
       {"endless key", kOffer + kKey, repeated(bytes_of("01 01 01")), kClosed},
       {"endless refusal", bytes_of("63 80 04 01 61"),
        repeated(bytes_of("04 01 61")), kClosed},
@@ -69,19 +68,12 @@ TEST(HostilePeer, WearsOutNeitherTimeNorMemory) {
       {"a reason of gigabytes", bytes_of("63 80 04 84 FF FF FF FF"),
        repeated("a"),
        "negotiate_nack.reason: data out of range in read_string"},
-      {"a version of gigabytes", bytes_of("61 80 02 84 7F FF FF FF"),
-       repeated("a"),
-       "server_offers.version: data out of range in read_signed_int"},
-      {"a length beyond all", kOffer + kKey + bytes_of("04 85"), repeated("a"),
-       "data out of range in read_length"},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.name);
     ScriptedPeer peer({.answer = row.answer,
                        .filler = row.filler,
-                       .filler_times = row.filler.empty()
-                                           ? 0
-                                           : row.size / row.filler.size()});
+                       .filler_times = row.size / row.filler.size()});
     const Finished result = limited_test(peer);
     EXPECT_EQ(result.status, 0);
     EXPECT_NE(result.output.find(" ...\n" + row.text + "\n"), std::string::npos)
@@ -116,10 +108,7 @@ TEST(HostilePeer, LeavesByteByByteAtAnyByte) {
 
 TEST(HostilePeer, GetsNoMoreSilenceThanTheLimit) {
   const std::string late = "Error receiving data: Timeout in socket_recv()";
-  const struct {
-    std::string answer;
-    std::string text;
-  } rows[] = {
+  const std::pair<std::string, std::string> rows[] = {
       {"", late},
       {kOffer.substr(0, 5), "server_offers.version: " + late},
       {kOffer + kKey + bytes_of("04 05 61"), late},
@@ -128,14 +117,14 @@ TEST(HostilePeer, GetsNoMoreSilenceThanTheLimit) {
   // A wait goes on after a signal, for the rest of its time.
   std::signal(SIGALRM, [](int) {});
   ualarm(100'000, 100'000);
-  for (const auto& row : rows) {
-    ScriptedPeer peer({.answer = row.answer, .stay = true});
+  for (const auto& [answer, text] : rows) {
+    ScriptedPeer peer({.answer = answer, .stay = true});
     const auto start = std::chrono::steady_clock::now();
     const ErrorText error =
         probe_server("127.0.0.1", peer.port(), "a", nullptr, nullptr, nullptr);
     const std::chrono::duration<double> took =
         std::chrono::steady_clock::now() - start;
-    EXPECT_STREQ(error.c_str(), row.text.c_str());
+    EXPECT_EQ(error.c_str(), text);
     EXPECT_GT(took.count(), 0.9);
     EXPECT_LT(took.count(), 5);
   }

@@ -105,11 +105,8 @@ TEST_F(Connection, SendsAllInOrderHoweverSlowlyThePeerReads) {
     sent[i] = static_cast<char>(i * i >> 7);
   }
   std::thread reader([&] {
-    std::string piece = "first";
-    while (!piece.empty() && received.size() < sent.size()) {
-      piece = receive(server);
+    for (std::string piece; !(piece = receive(server)).empty();)
       received += piece;
-    }
   });
   EXPECT_EQ("", send(client, sent));
   client = {};
@@ -148,33 +145,23 @@ TEST_F(Connection, DescriptorsBeyondTheWaitSetAreErrors) {
   EXPECT_FALSE(udp_open(socket));
 }
 
-FileDescriptor open_udp() {
+TEST(Datagrams, BroadcastIsAlwaysEnabledAndHandleZeroNeverClosed) {
   std::int32_t socket = -1;
-  EXPECT_TRUE(udp_open(socket));
-  return FileDescriptor(socket);
-}
-
-TEST(Datagrams, FailuresHaveTextsOfTheirOwn) {
-  const FileDescriptor a = open_udp();
+  ASSERT_TRUE(udp_open(socket));
+  ASSERT_EQ("", text_of(udp_set_broadcast(socket, false)));
+  EXPECT_EQ(1, option_of(socket, SOL_SOCKET, SO_BROADCAST));
+  EXPECT_EQ("UDP set multicast membership failed.",
+            text_of(udp_set_multicast(socket, {}, true)));
+  EXPECT_EQ("UDP unset multicast membership failed.",
+            text_of(udp_set_multicast(socket, {}, false)));
+  EXPECT_TRUE(udp_close(socket));
+  EXPECT_LT(::fcntl(socket, F_GETFD), 0) << "left open";
+  EXPECT_FALSE(udp_close(0));
   ssize_t length = 0;
   Ipv4Address sender;
   std::uint16_t port;
   EXPECT_EQ("UDP receive failed (9).",
             text_of(udp_receive(-1, sender, port, &length, length)));
-  EXPECT_EQ("UDP set multicast membership failed.",
-            text_of(udp_set_multicast(a.get(), {}, true)));
-  EXPECT_EQ("UDP unset multicast membership failed.",
-            text_of(udp_set_multicast(a.get(), {}, false)));
-}
-
-TEST(Datagrams, BroadcastIsAlwaysEnabledAndHandleZeroNeverClosed) {
-  FileDescriptor a = open_udp();
-  ASSERT_EQ("", text_of(udp_set_broadcast(a.get(), false)));
-  EXPECT_EQ(1, option_of(a.get(), SOL_SOCKET, SO_BROADCAST));
-  const int closed = a.release();
-  EXPECT_TRUE(udp_close(closed));
-  EXPECT_LT(::fcntl(closed, F_GETFD), 0) << "left open";
-  EXPECT_FALSE(udp_close(0));
 }
 
 std::string nic_list() {
@@ -194,7 +181,7 @@ std::string nic_list() {
 TEST(Interfaces, AllThatAreUpAreListed) {
   EXPECT_NE(std::string::npos, nic_list().find("lo 127.0.0.1\n"));
   if (::unshare(CLONE_NEWUSER | CLONE_NEWNET) < 0) GTEST_SKIP();
-  const FileDescriptor socket = open_udp();
+  const FileDescriptor socket(::socket(AF_INET, SOCK_DGRAM, 0));
   std::string expected;
   ifreq request{};
   for (std::uint8_t i = 0; i < 9; ++i) {
@@ -214,9 +201,8 @@ TEST(Interfaces, AllThatAreUpAreListed) {
 }
 
 TEST(Interfaces, BroadcastIsComputedFromTheMask) {
-  const Ipv4Address wide{10, 1, 255, 255}, narrow{192, 0, 2, 127};
-  EXPECT_EQ(wide, directed_broadcast({10, 1, 2, 3}, {255, 255, 0, 0}));
-  EXPECT_EQ(narrow, directed_broadcast({192, 0, 2, 65}, {255, 255, 255, 192}));
+  const Ipv4Address broadcast{172, 31, 255, 255};
+  EXPECT_EQ(broadcast, directed_broadcast({172, 17, 2, 3}, {255, 240, 0, 0}));
 }
 
 TEST(Interfaces, NamesEndWithTheSystemsField) {
@@ -230,14 +216,11 @@ TEST(Interfaces, NamesEndWithTheSystemsField) {
   EXPECT_STREQ("no name(3)", nic.name);
 }
 
-TEST(Resolver, FailuresAreNamedAndNamesAreData) {
+TEST(Resolver, FailuresAreNamedAndTouchNothing) {
   EXPECT_EQ("Error resolving \"%s%n\": Name server returned no address",
             text_of(resolver_failure("%s%n", NO_DATA)));
   EXPECT_EQ("Error resolving \"x\": Unknown error: 5",
             text_of(resolver_failure("x", 5)));
-}
-
-TEST(Resolver, DottedDecimalIsItselfAndFailureTouchesNothing) {
   Ipv4Address address{};
   ASSERT_EQ("", text_of(resolve_host("192.0.2.7", address)));
   EXPECT_STREQ("192.0.2.7", address_text(address));

@@ -6,12 +6,9 @@
 #include <gtest/gtest.h>
 #include <linux/tcp.h>
 #include <netinet/in.h>
-
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <string>
 #include <thread>
 
@@ -44,8 +41,9 @@ class ScriptedPeer {
   }
   ~ScriptedPeer() { stop(); }
 
+  // Waits for the conversation that goes on; its client must have ended.
   void stop() {
-    stopping_ = true;
+    shutdown(listener_.get(), SHUT_RDWR);
     if (thread_.joinable()) thread_.join();
   }
 
@@ -65,16 +63,13 @@ class ScriptedPeer {
 
  private:
   void serve() {
-    while (!stopping_) {
-      if (!socket_wait_readable(listener_.get(), 0)) {
-        usleep(2000);
-        continue;
-      }
-      FileDescriptor client;
-      Ipv4Address address{};
-      std::uint16_t port = 0;
-      if (accept_connection(listener_, client, address, port)) continue;
+    FileDescriptor client;
+    Ipv4Address address{};
+    std::uint16_t port = 0;
+    while (socket_wait_readable(listener_.get(), 600) &&
+           !accept_connection(listener_, client, address, port)) {
       converse(client.get());
+      client = {};
     }
   }
 
@@ -105,17 +100,12 @@ class ScriptedPeer {
     data_segments_ = info.tcpi_data_segs_in;
   }
 
-  std::string hear(int client, std::size_t size) {
+  static std::string hear(int client, std::size_t size) {
     std::string heard;
     char buffer[4096];
-    while (heard.size() < size) {
-      if (!socket_wait_readable(client, 0)) {
-        if (stopping_) break;
-        usleep(1000);
-        continue;
-      }
-      const ssize_t count = recv(client, buffer, sizeof buffer, 0);
-      if (count <= 0) break;
+    ssize_t count;
+    while (heard.size() < size &&
+           (count = recv(client, buffer, sizeof buffer, 0)) > 0) {
       heard.append(buffer, static_cast<std::size_t>(count));
     }
     return heard;
@@ -125,7 +115,6 @@ class ScriptedPeer {
   FileDescriptor listener_;
   std::uint16_t port_ = 0;
   std::thread thread_;
-  std::atomic<bool> stopping_ = false;
   std::string request_;
   std::string rest_;
   unsigned data_segments_ = 0;

@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <fstream>
 #include <map>
 #include <string>
@@ -25,10 +26,9 @@ struct Vector {
   std::map<std::string, std::string> fields;
   std::string where;  // file and line, for messages
 
-  const std::string& operator[](const std::string& name) const {
-    static const std::string absent;
+  std::string operator[](const std::string& name) const {
     const auto field = fields.find(name);
-    return field == fields.end() ? absent : field->second;
+    return field == fields.end() ? "" : field->second;
   }
 };
 
@@ -38,29 +38,24 @@ struct Vector {
 // failure.
 inline std::vector<Vector> read_vectors(const std::string& file) {
   const bool is_json = file.ends_with(".json");
-  const auto trimmed = [](const std::string& text) {
-    const std::size_t first = text.find_first_not_of(" \t\r,\"[]");
-    if (first == std::string::npos) return std::string();
-    return text.substr(first, text.find_last_not_of(" \t\r,\"[]") + 1 - first);
-  };
   std::ifstream stream(std::string(VELPROBE_VECTORS) + "/" + file);
   std::vector<Vector> vectors;
   Vector vector;
   std::string line;
   for (int number = 1; std::getline(stream, line); ++number) {
-    const std::string text = trimmed(line);
-    const std::size_t equals = text.find(is_json ? ':' : '=');
-    if (text.empty() || text == "}") {
+    const bool is_section = line.starts_with('[');
+    std::erase_if(line, [](char c) { return std::strchr(" \t\r,\"[]", c); });
+    const std::size_t equals = line.find(is_json ? ':' : '=');
+    if (line.empty() || line == "}") {
       if (!vector.fields.empty()) vectors.push_back(vector);
       vector.fields.clear();
-    } else if (line[0] == '[') {
-      vector.section = text;
-    } else if (text[0] != '#' && equals != std::string::npos) {
+    } else if (is_section) {
+      vector.section = line;
+    } else if (line[0] != '#' && equals != std::string::npos) {
       if (vector.fields.empty()) {
         vector.where = file + ":" + std::to_string(number);
       }
-      vector.fields[trimmed(text.substr(0, equals))] =
-          trimmed(text.substr(equals + 1));
+      vector.fields[line.substr(0, equals)] = line.substr(equals + 1);
     }
   }
   if (!vector.fields.empty()) vectors.push_back(vector);
