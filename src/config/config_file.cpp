@@ -62,12 +62,14 @@ ErrorText load_config_file(const char* path, FileUse use, LoadedFile* out) {
       ::nanosleep(&kLockPause, nullptr);
     }
     out->descriptor = FileDescriptor(::open(path, O_RDONLY | O_CLOEXEC));
-    if (!out->descriptor) {
-      out->open_error = take_last_os_error();
-      return {};
+    out->open_error = out->descriptor ? 0 : take_last_os_error();
+    if (out->descriptor) {
+      out->is_locked = try_lock(path, out->descriptor.get(), use);
+    } else if (attempt == 0) {
+      break;  // later it is only on its way between two names
     }
-    out->is_locked = try_lock(path, out->descriptor.get(), use);
   }
+  if (!out->descriptor) return {};
   if (int error = read_whole(out->descriptor.get(), &out->bytes)) {
     return could_not_open(path, error);
   }
