@@ -10,6 +10,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
@@ -132,7 +133,8 @@ TEST_F(Connection, RefusedConnectKeepsTheNumber) {
 
 TEST_F(Connection, DescriptorsBeyondTheWaitSetAreErrors) {
   const rlimit limit{2048, 2048};
-  if (::setrlimit(RLIMIT_NOFILE, &limit) < 0) GTEST_SKIP();
+  if (::setrlimit(RLIMIT_NOFILE, &limit) < 0)
+    GTEST_SKIP() << "no more descriptors: " << std::strerror(errno);
   std::vector<FileDescriptor> fillers;
   while (fillers.empty() || fillers.back().get() < FD_SETSIZE) {
     fillers.emplace_back(::dup(client.get()));
@@ -180,7 +182,8 @@ std::string nic_list() {
 // more than the system's first answer has room for.
 TEST(Interfaces, AllThatAreUpAreListed) {
   EXPECT_NE(std::string::npos, nic_list().find("lo 127.0.0.1\n"));
-  if (::unshare(CLONE_NEWUSER | CLONE_NEWNET) < 0) GTEST_SKIP();
+  if (::unshare(CLONE_NEWUSER | CLONE_NEWNET) < 0)
+    GTEST_SKIP() << "no network namespace: " << std::strerror(errno);
   const FileDescriptor socket(::socket(AF_INET, SOCK_DGRAM, 0));
   std::string expected;
   ifreq request{};
