@@ -35,9 +35,11 @@ struct BerStream {
   void* state;
 };
 
-// The text of every kind of stream for an end before the bytes asked for.
+// The texts of every kind of stream for an end before the bytes asked for, and
+// for a shortage of memory.
 inline constexpr const char* kPeerClosed =
     "Peer closed connection unexpectedly";
+inline constexpr const char* kNoStreamMemory = "Error allocating memory";
 
 struct BerStreamCloser {
   void operator()(BerStream* stream) const { stream->operations.close(stream); }

@@ -9,8 +9,6 @@
 namespace velprobe {
 namespace {
 
-constexpr const char* kNoMemory = "Error allocating memory";
-
 struct MemoryStream : BerStream {
   ByteBuffer bytes;
   std::size_t read_position = 0;
@@ -32,7 +30,7 @@ ErrorText memory_read(BerStream* stream, void* buffer, std::size_t size) {
 ErrorText memory_write(BerStream* stream, const void* bytes, std::size_t size) {
   MemoryStream* self = own_state(stream);
   if (!self->bytes.append({static_cast<const char*>(bytes), size}))
-    return kNoMemory;
+    return kNoStreamMemory;
   return {};
 }
 
@@ -53,7 +51,7 @@ void memory_close(BerStream* stream) {
 ErrorText memory_stream_open(BerStreamPtr& out_stream, std::string_view bytes) {
   out_stream.reset();
   std::unique_ptr<MemoryStream> stream(new (std::nothrow) MemoryStream);
-  if (!stream || !stream->bytes.append(bytes)) return kNoMemory;
+  if (!stream || !stream->bytes.append(bytes)) return kNoStreamMemory;
   stream->operations = {memory_read, memory_write, memory_flush, memory_await,
                         memory_close};
   stream->state = stream.get();

@@ -81,8 +81,6 @@ std::unique_ptr<SocketStream> new_socket_stream() {
   return stream;
 }
 
-constexpr const char* kNoMemory = "Error allocating memory";
-
 }  // namespace
 
 ErrorText socket_stream_open(BerStreamPtr& out_stream,
@@ -90,7 +88,7 @@ ErrorText socket_stream_open(BerStreamPtr& out_stream,
                              std::uint32_t connect_flags) {
   out_stream.reset();
   std::unique_ptr<SocketStream> stream = new_socket_stream();
-  if (!stream) return kNoMemory;
+  if (!stream) return kNoStreamMemory;
   if (ErrorText error = socket_connect(address, port, stream->socket,
                                        connect_flags | CONNECT_CORK))
     return error;
@@ -101,7 +99,7 @@ ErrorText socket_stream_open(BerStreamPtr& out_stream,
 ErrorText socket_stream_adopt(BerStreamPtr& out_stream, std::int32_t socket) {
   out_stream.reset();
   std::unique_ptr<SocketStream> stream = new_socket_stream();
-  if (!stream) return kNoMemory;
+  if (!stream) return kNoStreamMemory;
   if (ErrorText error =
           socket_apply_flags(socket, CONNECT_NONBLOCKING | CONNECT_CORK))
     return error;
