@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "modules/Crypto/c/aes_block.h"
-#include "modules/Crypto/c/rijndael-api-fst.h"
+#include "modules/Crypto/aes_block.h"
+#include "modules/Crypto/rijndael-api-fst.h"
 #ifdef VELPROBE_HAVE_OPENSSL
 #include <openssl/evp.h>
 #endif

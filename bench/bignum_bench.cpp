@@ -7,7 +7,7 @@
 #include <random>
 #include <vector>
 
-#include "modules/Crypto/c/bignum.h"
+#include "modules/Crypto/bignum.h"
 #ifdef VELPROBE_HAVE_GMP
 #include <gmp.h>
 #endif

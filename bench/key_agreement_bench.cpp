@@ -8,7 +8,7 @@
 // Parameter times scatter widely, since each run searches other primes.
 #include <benchmark/benchmark.h>
 
-#include "modules/Crypto/c/key_agreement.h"
+#include "modules/Crypto/key_agreement.h"
 #ifdef VELPROBE_HAVE_OPENSSL
 #include <openssl/bn.h>
 #endif

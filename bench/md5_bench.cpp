@@ -5,7 +5,7 @@
 #include <memory>
 #include <vector>
 
-#include "modules/Crypto/c/md5.h"
+#include "modules/Crypto/md5.h"
 #ifdef VELPROBE_HAVE_OPENSSL
 #include <openssl/evp.h>
 #endif

@@ -1,7 +1,7 @@
 # libvelprobe: the rooms beneath the program as one library, shared and static,
 # for authors of agents, servers and tools.
 
-set(library_rooms util net modules/Crypto/c protocol probe)
+set(library_rooms util net modules/Crypto protocol probe)
 set(library_targets velprobe_util velprobe_net velprobe_crypto
   velprobe_protocol velprobe_probe)
 # What only the rooms themselves include: neither installed nor visible.

@@ -1,7 +1,7 @@
 // AES: what padEncrypt makes, padDecrypt undoes; any bytes go through
 // padDecrypt without harm.
 #include "fuzz.h"
-#include "modules/Crypto/c/rijndael-api-fst.h"
+#include "modules/Crypto/rijndael-api-fst.h"
 
 namespace velprobe {
 

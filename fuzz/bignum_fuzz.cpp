@@ -1,6 +1,6 @@
 // Big numbers: import and export, division and powers.
 #include "fuzz.h"
-#include "modules/Crypto/c/bignum.h"
+#include "modules/Crypto/bignum.h"
 
 namespace velprobe {
 namespace {

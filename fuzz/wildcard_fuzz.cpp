@@ -1,6 +1,6 @@
 // wildcard_match against its definition, written down as a table.
 #include "fuzz.h"
-#include "util/text.h"
+#include "util/wildcard.h"
 
 namespace velprobe {
 namespace {

@@ -6,8 +6,8 @@
 #include <string>
 #include <utility>
 
-#include "modules/Crypto/c/aes_block.h"
-#include "modules/Crypto/c/rijndael-api-fst.h"
+#include "modules/Crypto/aes_block.h"
+#include "modules/Crypto/rijndael-api-fst.h"
 #include "vectors.h"
 
 namespace velprobe {

@@ -8,7 +8,7 @@
 #include <string>
 
 #include "bytes.h"
-#include "modules/Crypto/c/bignum.h"
+#include "modules/Crypto/bignum.h"
 
 namespace velprobe {
 

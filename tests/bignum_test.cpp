@@ -1,4 +1,4 @@
-#include "modules/Crypto/c/bignum.h"
+#include "modules/Crypto/bignum.h"
 
 #include <gtest/gtest.h>
 
@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "big_numbers.h"
-#include "modules/Crypto/c/primes.h"
+#include "modules/Crypto/primes.h"
 #include "vectors.h"
 
 namespace velprobe {

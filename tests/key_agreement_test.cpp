@@ -1,4 +1,4 @@
-#include "modules/Crypto/c/key_agreement.h"
+#include "modules/Crypto/key_agreement.h"
 
 #include <gtest/gtest.h>
 
@@ -9,8 +9,8 @@
 #include <vector>
 
 #include "big_numbers.h"
-#include "modules/Crypto/c/primes.h"
-#include "modules/Crypto/c/random.h"
+#include "modules/Crypto/primes.h"
+#include "modules/Crypto/random.h"
 #include "vectors.h"
 
 namespace velprobe {

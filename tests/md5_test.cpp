@@ -1,4 +1,4 @@
-#include "modules/Crypto/c/md5.h"
+#include "modules/Crypto/md5.h"
 
 #include <gtest/gtest.h>
 

@@ -10,7 +10,9 @@
 #include "temp_folder.h"
 #include "util/error_text.h"
 #include "util/file_replacement.h"
+#include "util/printable_text.h"
 #include "util/text.h"
+#include "util/wildcard.h"
 
 namespace velprobe {
 namespace {

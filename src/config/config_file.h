@@ -2,6 +2,7 @@
 #ifndef VELPROBE_CONFIG_CONFIG_FILE_H_
 #define VELPROBE_CONFIG_CONFIG_FILE_H_
 
+#include "../util/byte_buffer.h"
 #include "../util/error_text.h"
 #include "../util/owners.h"
 #include "../util/text.h"

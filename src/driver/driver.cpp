@@ -15,8 +15,10 @@
 #include "../net/tcp.h"
 #include "../probe/check_in_probe.h"
 #include "../probe/discovery_scan.h"
+#include "../util/byte_buffer.h"
 #include "../util/console.h"
 #include "../util/error_text.h"
+#include "../util/printable_text.h"
 #include "../util/text.h"
 #include "outcome.h"
 

@@ -12,6 +12,7 @@
 #include "../net/system_socket.h"
 #include "../net/tcp.h"
 #include "../net/udp.h"
+#include "../util/byte_buffer.h"
 #include "../util/owners.h"
 #include "../util/text.h"
 #include "address_set.h"

@@ -10,6 +10,8 @@
 #include <new>
 #include <string_view>
 
+#include "../util/byte_buffer.h"
+
 namespace velprobe {
 namespace {
 

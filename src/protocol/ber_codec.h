@@ -20,7 +20,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "../modules/Crypto/c/bignum.h"
+#include "../modules/Crypto/bignum.h"
 #include "../util/error_text.h"
 #include "../util/text.h"
 #include "ber_stream.h"

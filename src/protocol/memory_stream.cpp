@@ -4,6 +4,7 @@
 #include <memory>
 #include <new>
 
+#include "../util/byte_buffer.h"
 #include "../util/text.h"
 
 namespace velprobe {

@@ -29,7 +29,7 @@
 #include <cstdint>
 #include <span>
 
-#include "../modules/Crypto/c/bignum.h"
+#include "../modules/Crypto/bignum.h"
 #include "../util/error_text.h"
 #include "../util/text.h"
 #include "ber_stream.h"

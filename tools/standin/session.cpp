@@ -10,6 +10,7 @@
 #include "protocol/messages.h"
 #include "protocol/socket_stream.h"
 #include "signals.h"
+#include "util/printable_text.h"
 #include "util/text.h"
 
 namespace velprobe {

@@ -13,8 +13,8 @@
 #include <cstdint>
 #include <memory>
 
-#include "../../../util/error_text.h"
-#include "../../../util/text.h"
+#include "../../util/error_text.h"
+#include "../../util/text.h"
 #include "base_bignum_c.h"
 
 #pragma GCC visibility push(default)

@@ -4,7 +4,7 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "../../../util/owners.h"
+#include "../../util/owners.h"
 
 namespace velprobe {
 namespace {

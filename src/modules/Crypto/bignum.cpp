@@ -5,7 +5,7 @@
 #include <cstdlib>
 #include <limits>
 
-#include "../../../util/byte_order.h"
+#include "../../util/byte_order.h"
 #include "crypto_assert.h"
 #include "wipe.h"
 

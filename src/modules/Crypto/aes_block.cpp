@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <bit>
 
-#include "../../../util/byte_order.h"
+#include "../../util/byte_order.h"
 
 namespace velprobe {
 namespace {

@@ -5,7 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "../../../util/byte_order.h"
+#include "../../util/byte_order.h"
 #include "aes_block.h"
 #include "wipe.h"
 
