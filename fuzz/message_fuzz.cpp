@@ -1,6 +1,6 @@
 // Every message: the first byte picks it, the others are what arrives. What was
 // read must write, and read and write again to the same bytes.
-#include "../tests/record.h"
+#include "../tests/support/record.h"
 #include "fuzz.h"
 
 namespace velprobe {

@@ -8,7 +8,7 @@
 
 #include "modules/Crypto/aes_block.h"
 #include "modules/Crypto/rijndael-api-fst.h"
-#include "vectors.h"
+#include "support/vectors.h"
 
 namespace velprobe {
 namespace {

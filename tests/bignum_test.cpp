@@ -8,9 +8,9 @@
 #include <string>
 #include <vector>
 
-#include "big_numbers.h"
 #include "modules/Crypto/primes.h"
-#include "vectors.h"
+#include "support/big_numbers.h"
+#include "support/vectors.h"
 
 namespace velprobe {
 namespace {

@@ -12,8 +12,8 @@
 #include <string>
 
 #include "config/agent_config.h"
-#include "streams.h"
-#include "temp_folder.h"
+#include "support/streams.h"
+#include "support/temp_folder.h"
 #include "util/owners.h"
 
 namespace velprobe {

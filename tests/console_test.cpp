@@ -10,7 +10,7 @@
 #include <cstdio>
 #include <string>
 
-#include "temp_folder.h"
+#include "support/temp_folder.h"
 #include "util/owners.h"
 
 namespace velprobe {

@@ -8,11 +8,11 @@
 #include <string>
 #include <utility>
 
-#include "bytes.h"
 #include "probe/discovery_datagram.h"
 #include "protocol/ber_codec.h"
 #include "protocol/messages.h"
-#include "streams.h"
+#include "support/bytes.h"
+#include "support/streams.h"
 
 namespace velprobe {
 namespace {

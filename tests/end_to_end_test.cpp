@@ -6,10 +6,10 @@
 #include <utility>
 #include <vector>
 
-#include "bytes.h"
-#include "program.h"
-#include "scripted_peer.h"
-#include "temp_folder.h"
+#include "support/bytes.h"
+#include "support/program.h"
+#include "support/scripted_peer.h"
+#include "support/temp_folder.h"
 
 namespace velprobe {
 namespace {

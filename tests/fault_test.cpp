@@ -12,8 +12,8 @@
 #include <string>
 #include <vector>
 
-#include "program.h"
-#include "temp_folder.h"
+#include "support/program.h"
+#include "support/temp_folder.h"
 
 namespace velprobe {
 namespace {

@@ -9,12 +9,12 @@
 #include <string>
 #include <utility>
 
-#include "bytes.h"
 #include "net/tcp.h"
 #include "probe/check_in_probe.h"
-#include "program.h"
-#include "scripted_peer.h"
-#include "temp_folder.h"
+#include "support/bytes.h"
+#include "support/program.h"
+#include "support/scripted_peer.h"
+#include "support/temp_folder.h"
 
 namespace velprobe {
 namespace {

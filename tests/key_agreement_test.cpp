@@ -8,10 +8,10 @@
 #include <string>
 #include <vector>
 
-#include "big_numbers.h"
 #include "modules/Crypto/primes.h"
 #include "modules/Crypto/random.h"
-#include "vectors.h"
+#include "support/big_numbers.h"
+#include "support/vectors.h"
 
 namespace velprobe {
 namespace {

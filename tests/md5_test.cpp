@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "vectors.h"
+#include "support/vectors.h"
 
 namespace velprobe {
 namespace {

@@ -6,10 +6,10 @@
 #include <string>
 #include <vector>
 
-#include "bytes.h"
 #include "protocol/ber_codec.h"
-#include "record.h"
-#include "streams.h"
+#include "support/bytes.h"
+#include "support/record.h"
+#include "support/streams.h"
 
 namespace velprobe {
 namespace {

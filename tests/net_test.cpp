@@ -26,7 +26,7 @@
 #include "net/system_socket.h"
 #include "net/tcp.h"
 #include "net/udp.h"
-#include "streams.h"
+#include "support/streams.h"
 
 namespace velprobe {
 namespace {

@@ -8,11 +8,11 @@
 #include <functional>
 #include <utility>
 
-#include "bytes.h"
 #include "protocol/ber_codec.h"
 #include "protocol/socket_stream.h"
-#include "scripted_peer.h"
-#include "streams.h"
+#include "support/bytes.h"
+#include "support/scripted_peer.h"
+#include "support/streams.h"
 
 namespace velprobe {
 namespace {

@@ -6,8 +6,8 @@
 #include <vector>
 
 #include "net/tcp.h"
-#include "program.h"
-#include "temp_folder.h"
+#include "support/program.h"
+#include "support/temp_folder.h"
 
 namespace velprobe {
 namespace {

@@ -7,7 +7,7 @@
 #include <random>
 #include <string>
 
-#include "temp_folder.h"
+#include "support/temp_folder.h"
 #include "util/error_text.h"
 #include "util/file_replacement.h"
 #include "util/printable_text.h"
