@@ -12,6 +12,7 @@
 #include "net/udp.h"
 #include "probe/discovery_datagram.h"
 #include "probe/discovery_scan.h"
+#include "util/owners.h"
 
 namespace velprobe {
 namespace {

@@ -57,13 +57,16 @@ bool strikes(const char* name) {
   return true;
 }
 
-// haste shortens the time-out of a select, which is its fifth argument.
-long haste(const char* name, long fifth) {
-  long* const time = reinterpret_cast<long*>(fifth);
-  if (strcmp(name, "select") != 0 || time == nullptr) return fifth;
-  time[1] = time[0] * 20000 % 1000000;
-  time[0] /= 50;
-  return fifth;
+// haste shortens the time-out of a ppoll, which is its third argument.
+long haste(const char* name, long third) {
+  if (strcmp(name, "ppoll") != 0 || third == 0) return third;
+  const long* const given = reinterpret_cast<const long*>(third);
+  constexpr long kSecond = 1000000000;
+  const long nanoseconds = (given[0] * kSecond + given[1]) / 50;
+  static long shortened[2];
+  shortened[0] = nanoseconds / kSecond;
+  shortened[1] = nanoseconds % kSecond;
+  return reinterpret_cast<long>(shortened);
 }
 
 }  // namespace
@@ -83,12 +86,12 @@ using Function = Any (*)(Any, Any, Any, Any, Any, Any);
       real = reinterpret_cast<Function>(dlsym(RTLD_NEXT, #name));      \
     armed = was_armed;                                                 \
     if (strikes(#name)) return failure;                                \
-    return real(a, b, c, d, haste(#name, e), f);                       \
+    return real(a, b, haste(#name, c), d, e, f);                       \
   }
 // clang-format off
 #define FAULTY_EACH(X)                                                     \
   X(socket) X(ioctl) X(setsockopt) X(getsockopt) X(getsockname) X(connect) \
-  X(shutdown) X(sendto) X(recvfrom) X(select) X(open) X(read) X(write)     \
+  X(shutdown) X(sendto) X(recvfrom) X(ppoll) X(open) X(read) X(write)     \
   X(fchown) X(fchmod) X(fsync) X(stat) X(rename) X(unlink) X(sigaction)    \
   X(setvbuf) X(fflush) X(flock)
 // clang-format on

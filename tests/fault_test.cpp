@@ -142,7 +142,7 @@ const End kEnds[] = {
     // The agent has no address to go by then.
     {"getsockname", ENOBUFS, 0, "\nWill use IP address as agent name \"\""},
     {"connect", ENETUNREACH, 0, "\nError connecting: %"},
-    {"select", EINTR, 0, "\nError waiting for connect: %"},
+    {"ppoll", EINTR, 0, "\nError waiting for connect: %"},
     {"shutdown", ENOTCONN, 0, nullptr},
     {"ioctl", ENODEV, 1, "\nUDP send failed (Network is unreachable)"},
     {"sendto", EPERM, 1, "\nUDP send failed (%)"},
@@ -178,7 +178,7 @@ bool find_ends(const Fault& fault, const Result& good, const Result& bad,
 std::vector<Fault> faults_of(const Scenario& scenario, Result& good) {
   // A scan takes its time; what comes after it the others show.
   const std::string scanning =
-      "socket setsockopt ioctl sendto recvfrom select memory";
+      "socket setsockopt ioctl sendto recvfrom ppoll memory";
   std::set<std::pair<std::string, int>> done;
   std::vector<Fault> faults;
   for (const auto& [kind, error, status, text] : kEnds) {
@@ -232,7 +232,7 @@ TEST_F(FaultTest, DiesAnywhereWithoutLosingTheFile) {
     for (long nth = 1; nth <= calls; ++nth) {
       const int status = attempt(kConfigure, {kind, nth}).status;
       // A quick answer saves a read and a wait.
-      EXPECT_TRUE(status == -SIGKILL || kind == "select" || kind == "read");
+      EXPECT_TRUE(status == -SIGKILL || kind == "ppoll" || kind == "read");
       const std::set left = {bytes("c"), bytes("c.tmp"), bytes("c.bak")};
       EXPECT_TRUE(left.contains(content(kConfigure)) || left.contains(after))
           << kind << nth;

@@ -132,5 +132,74 @@ TEST(HostilePeer, GetsNoMoreSilenceThanTheLimit) {
   set_socket_timeout(0);
 }
 
+// All of these would keep a caller for a minute that has no deadline.
+TEST(HostilePeer, EndsAtTheDeadlineWhateverItDoes) {
+  const Script scripts[] = {
+      {.stay = true},
+      {.filler = "\x19", .filler_times = 6000, .pause = 10'000},
+      {.filler = std::string(1 << 16, '\x19'), .filler_times = 1 << 20},
+      {.answer = kOffer + kKey,
+       .filler = bytes_of("30 80"),
+       .filler_times = 6000,
+       .pause = 10'000},
+  };
+  for (const Script& script : scripts) {
+    ScriptedPeer peer(script);
+    ProbeResult result;
+    const ErrorText error =
+        probe_server("127.0.0.1", peer.port(),
+                     {.agent_name = "a",
+                      .deadline = std::chrono::steady_clock::now() +
+                                  std::chrono::milliseconds(200)},
+                     result);
+    EXPECT_EQ(error.c_str(),
+              std::string("Error receiving data: Timeout in socket_recv()"));
+    EXPECT_EQ(result.failure, ProbeFailure::kTimeout);
+  }
+}
+
+TEST(HostilePeer, EveryEndHasItsKind) {
+  const std::string version_three = bytes_of("61 80 02 02 03 00");
+  const std::string end = bytes_of("00 00 00 00");
+  const struct {
+    ProbeFailure failure;
+    Script script;
+    bool has_offer = false;
+    std::string name = "a";
+  } rows[] = {
+      {ProbeFailure::kNone, {.answer = kOffer + kKey + end}, true},
+      {ProbeFailure::kRefused, {.answer = bytes_of("63 80 04 00 00 00")}},
+      {ProbeFailure::kClosed, {.answer = kOffer}, true},
+      {ProbeFailure::kClosed, {.answer = bytes_of("63"), .reset = true}},
+      {ProbeFailure::kDamaged, {.answer = bytes_of("63 80 04 84 FF FF FF FF")}},
+      {ProbeFailure::kDamaged, {.answer = bytes_of("61 02 02 02")}},
+      {ProbeFailure::kProtocol, {.answer = bytes_of("64 80")}},
+      {ProbeFailure::kAuthentication,
+       {.answer = version_three + bytes_of("A0 80 00 00 00 00")},
+       true},
+      {ProbeFailure::kVersion, {.answer = version_three + kKey + end}, true},
+      {ProbeFailure::kSystem, {}, false, std::string(257, 'a')},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(static_cast<int>(row.failure));
+    ScriptedPeer peer(row.script);
+    const Ipv4Address address{127, 0, 0, 1};
+    ProbeResult result;
+    const ErrorText error = probe_server(
+        "", peer.port(), {.agent_name = row.name.c_str(), .address = &address},
+        result);
+    EXPECT_EQ(row.failure, result.failure) << error.c_str();
+    EXPECT_EQ(row.has_offer, result.has_offer);
+    EXPECT_EQ(row.failure == ProbeFailure::kNone, !error);
+  }
+  ProbeResult result;
+  EXPECT_TRUE(probe_server("127.0.0.1", 1, {}, result));
+  EXPECT_EQ(ProbeFailure::kConnect, result.failure);
+  EXPECT_TRUE(probe_server("127.0.0.1", 1, {.deadline = {}}, result));
+  EXPECT_EQ(ProbeFailure::kTimeout, result.failure);
+  EXPECT_TRUE(probe_server("no such name", 1, {}, result));
+  EXPECT_EQ(ProbeFailure::kUnresolved, result.failure);
+}
+
 }  // namespace
 }  // namespace velprobe

@@ -10,7 +10,7 @@ namespace velprobe {
 
 ErrorText listen_on(const Ipv4Address& address, std::uint16_t port,
                     FileDescriptor& out_listener) {
-  FileDescriptor socket = waitable(
+  FileDescriptor socket(
       ::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
   if (!socket) return os_failure("Error creating socket");
   // A restart must not wait for connections of the run before to fade.
@@ -35,7 +35,7 @@ ErrorText accept_connection(const FileDescriptor& listener,
                             std::uint16_t& out_port) {
   sockaddr_in peer{};
   socklen_t size = sizeof peer;
-  FileDescriptor socket = waitable(
+  FileDescriptor socket(
       ::accept4(listener.get(), as_sockaddr(&peer), &size, SOCK_CLOEXEC));
   if (!socket) return os_failure("Error accepting connection");
   out_peer = address_of(peer);

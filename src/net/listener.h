@@ -22,8 +22,7 @@ ErrorText listen_on(const Ipv4Address& address, std::uint16_t port,
 // accept_connection takes one waiting connection, a blocking socket, and
 // stores its other end. A failure leaves the listener usable: a client may
 // have gone between its arrival and this call.
-//   "Error accepting connection: %s" (also for a descriptor that select cannot
-//   hold)
+//   "Error accepting connection: %s"
 ErrorText accept_connection(const FileDescriptor& listener,
                             FileDescriptor& out_socket, Ipv4Address& out_peer,
                             std::uint16_t& out_port);

@@ -5,8 +5,12 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
+
+#include "../util/byte_buffer.h"
 
 namespace velprobe {
 
@@ -24,9 +28,39 @@ constexpr ResolverError kResolverErrors[] = {
     {NO_DATA, "Name server returned no address"},
 };
 
-bool has_address(const hostent& host) {
-  return host.h_addrtype == AF_INET && host.h_addr_list != nullptr &&
-         host.h_addr_list[0] != nullptr;
+// Answer owns the memory that an answer of the system points into.
+struct Answer {
+  ByteBuffer memory;
+  hostent entry{};
+  const hostent* host = nullptr;  // &entry, or null after a failure
+  int code = NETDB_INTERNAL;      // why
+};
+
+// look_up asks with ever more memory until the answer fits.
+//   system_call(entry, memory, size, result, code)
+template <typename SystemCall>
+void look_up(Answer& answer, SystemCall system_call) {
+  for (std::size_t size = 1024;; size *= 2) {
+    if (!answer.memory.reserve(size)) return;
+    hostent* host = nullptr;
+    const int status = system_call(&answer.entry, answer.memory.data(), size,
+                                   &host, &answer.code);
+    if (status == ERANGE && answer.code == NETDB_INTERNAL) continue;
+    answer.host = host;
+    return;
+  }
+}
+
+std::size_t copy_addresses(const hostent& host,
+                           std::span<Ipv4Address> out_addresses) {
+  if (host.h_addrtype != AF_INET || host.h_addr_list == nullptr) return 0;
+  std::size_t count = 0;
+  for (; count < out_addresses.size() && host.h_addr_list[count] != nullptr;
+       ++count) {
+    std::memcpy(out_addresses[count].data(), host.h_addr_list[count],
+                sizeof(Ipv4Address));
+  }
+  return count;
 }
 
 }  // namespace
@@ -42,25 +76,44 @@ ErrorText resolver_failure(const char* name, int code) {
 }
 
 ErrorText resolve_host(const char* name, Ipv4Address& out_address) {
+  std::size_t count;
+  return resolve_host_all(name, {&out_address, 1}, count);
+}
+
+ErrorText resolve_host_all(const char* name,
+                           std::span<Ipv4Address> out_addresses,
+                           std::size_t& out_count) {
   // An address needs none of the machinery behind names, which takes memory and
   // does not bear it well when there is none.
-  if (::inet_pton(AF_INET, name, out_address.data()) == 1) return {};
-  const hostent* host = ::gethostbyname(name);
-  if (host == nullptr) return resolver_failure(name, h_errno);
-  if (!has_address(*host)) {
+  Ipv4Address address;
+  if (::inet_pton(AF_INET, name, address.data()) == 1) {
+    out_count = std::min<std::size_t>(1, out_addresses.size());
+    if (out_count != 0) out_addresses[0] = address;
+    return {};
+  }
+  Answer answer;
+  look_up(answer,
+          [name](auto... place) { return ::gethostbyname_r(name, place...); });
+  if (answer.host == nullptr) return resolver_failure(name, answer.code);
+  const std::size_t count = copy_addresses(*answer.host, out_addresses);
+  if (count == 0 && !out_addresses.empty()) {
     return format_error_text("No addresses found when resolving \"%s\"", name);
   }
-  std::memcpy(out_address.data(), host->h_addr_list[0], out_address.size());
+  out_count = count;
   return {};
 }
 
 bool reverse_resolve(const Ipv4Address& address, const char** out_name) {
-  const hostent* host = ::gethostbyaddr(
-      address.data(), static_cast<socklen_t>(address.size()), AF_INET);
-  if (host == nullptr || host->h_name == nullptr || out_name == nullptr) {
-    return false;
-  }
-  *out_name = host->h_name;
+  if (out_name == nullptr) return false;
+  thread_local Answer answer;
+  answer = {};
+  look_up(answer, [&address](auto... place) {
+    return ::gethostbyaddr_r(address.data(),
+                             static_cast<socklen_t>(address.size()), AF_INET,
+                             place...);
+  });
+  if (answer.host == nullptr || answer.host->h_name == nullptr) return false;
+  *out_name = answer.host->h_name;
   return true;
 }
 
@@ -69,7 +122,7 @@ bool local_hostname(char* buffer, std::size_t size) {
 }
 
 const char* address_text(const Ipv4Address& address) {
-  static char text[sizeof "255.255.255.255"];
+  thread_local char text[sizeof "255.255.255.255"];
   std::snprintf(text, sizeof text, "%u.%u.%u.%u", address[0], address[1],
                 address[2], address[3]);
   return text;

@@ -1,9 +1,15 @@
 // Host names and address texts, IPv4 only, through the system's classic
-// lookups (gethostbyname and its kin).
+// lookups in their reentrant forms (gethostbyname_r and its kin): any number of
+// threads may look names up at once.
+//
+// How long a look-up takes is the system's affair (resolv.conf(5)); no limit
+// and no deadline of this library bounds it. An address in dotted decimal asks
+// nobody.
 #ifndef VELPROBE_NET_RESOLVER_H_
 #define VELPROBE_NET_RESOLVER_H_
 
 #include <cstddef>
+#include <span>
 
 #include "../util/error_text.h"
 #include "address.h"
@@ -19,20 +25,27 @@ namespace velprobe {
 //   ": Name server returned no address" or ": Unknown error: %d"
 ErrorText resolve_host(const char* name, Ipv4Address& out_address);
 
+// resolve_host_all stores all addresses of a name in the system's order, as
+// many as there is space for, and their number in out_count. A failure, with a
+// text of resolve_host, leaves both untouched.
+ErrorText resolve_host_all(const char* name,
+                           std::span<Ipv4Address> out_addresses,
+                           std::size_t& out_count);
+
 // resolver_failure is the text of resolve_host for one error code of the
 // resolver (h_errno).
 ErrorText resolver_failure(const char* name, int code);
 
 // reverse_resolve stores a reference to the official name of an address, which
-// the resolver owns until its next lookup. False when there is none or
-// out_name is null.
+// stays valid until the thread's next call of reverse_resolve. False when there
+// is none or out_name is null.
 bool reverse_resolve(const Ipv4Address& address, const char** out_name);
 
 // local_hostname stores the machine's host name; true on success.
 bool local_hostname(char* buffer, std::size_t size);
 
-// address_text prints an address in dotted decimal into a static buffer that
-// the next call overwrites.
+// address_text prints an address in dotted decimal into a buffer that the
+// thread's next call overwrites.
 const char* address_text(const Ipv4Address& address);
 
 }  // namespace velprobe

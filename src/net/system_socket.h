@@ -6,14 +6,10 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
-#include <cerrno>
 #include <cstdint>
 #include <cstring>
 
-#include "../util/error_text.h"
-#include "../util/owners.h"
 #include "address.h"
-#include "wait.h"
 
 namespace velprobe {
 
@@ -44,15 +40,6 @@ inline sockaddr* as_sockaddr(sockaddr_in* address) {
 
 inline const sockaddr* as_sockaddr(const sockaddr_in* address) {
   return reinterpret_cast<const sockaddr*>(address);
-}
-
-// waitable hands a fresh descriptor on unless select cannot hold it: then it is
-// closed and errno is EMFILE. None at all stays none.
-inline FileDescriptor waitable(int descriptor) {
-  FileDescriptor owner(descriptor);
-  if (!owner || fits_wait(descriptor)) return owner;
-  errno = EMFILE;
-  return {};
 }
 
 }  // namespace velprobe

@@ -16,17 +16,21 @@ namespace velprobe {
 
 namespace {
 
-int socket_timeout = kDefaultSocketTimeout;
+thread_local int socket_timeout = kDefaultSocketTimeout;
 
 bool set_tcp_option(int socket, int option, int value) {
   return ::setsockopt(socket, IPPROTO_TCP, option, &value, sizeof value) == 0;
 }
 
-ErrorText finish_connect(int socket) {
+constexpr ErrorText kConnectTimedOut{"Connection timed out", ETIMEDOUT};
+constexpr ErrorText kReceiveTimedOut{"Timeout in socket_recv()", ETIMEDOUT};
+constexpr ErrorText kSendTimedOut{"Timeout in socket_send()", ETIMEDOUT};
+
+ErrorText finish_connect(int socket, Deadline deadline) {
   switch (wait_for_socket(socket, WaitFor::kWritable, kConnectTimeout,
-                          OnSignal::kReport)) {
+                          OnSignal::kReport, deadline)) {
     case WaitResult::kTimeout:
-      return "Connection timed out";
+      return kConnectTimedOut;
     case WaitResult::kError:
       return os_failure("Error waiting for connect");
     case WaitResult::kReady:
@@ -38,17 +42,19 @@ ErrorText finish_connect(int socket) {
     return os_failure("Error retrieving connection status");
   }
   if (pending != 0) {
-    return format_error_text("Error connecting: %s", os_error_text(pending));
+    errno = pending;
+    return os_failure("Error connecting");
   }
   return {};
 }
 
-ErrorText connect_to(int socket, const Ipv4Address& address,
-                     std::uint16_t port) {
+ErrorText connect_to(int socket, const Ipv4Address& address, std::uint16_t port,
+                     Deadline deadline) {
+  if (is_past(deadline)) return kConnectTimedOut;
   const sockaddr_in peer = to_sockaddr(address, port);
   if (::connect(socket, as_sockaddr(&peer), sizeof peer) == 0) return {};
   if (errno != EINPROGRESS) return os_failure("Error connecting");
-  return finish_connect(socket);
+  return finish_connect(socket, deadline);
 }
 
 }  // namespace
@@ -83,25 +89,28 @@ ErrorText socket_apply_flags(std::int32_t socket, std::uint32_t flags) {
 }
 
 ErrorText socket_connect(const Ipv4Address& address, std::uint16_t port,
-                         std::int32_t& out_socket, std::uint32_t flags) {
-  FileDescriptor socket =
-      waitable(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+                         std::int32_t& out_socket, std::uint32_t flags,
+                         Deadline deadline) {
+  FileDescriptor socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
   out_socket = socket.get();
   if (!socket) return os_failure("Error creating socket");
   if (ErrorText error = socket_apply_flags(socket.get(), flags)) return error;
-  if (ErrorText error = connect_to(socket.get(), address, port)) return error;
+  if (ErrorText error = connect_to(socket.get(), address, port, deadline))
+    return error;
   socket.release();
   return {};
 }
 
-bool socket_wait_readable(std::int32_t socket, int seconds) {
+bool socket_wait_readable(std::int32_t socket, int seconds, Deadline deadline) {
   return wait_for_socket(socket, WaitFor::kReadable, seconds,
-                         OnSignal::kRestart) == WaitResult::kReady;
+                         OnSignal::kRestart, deadline) == WaitResult::kReady;
 }
 
 ErrorText socket_recv(std::int32_t socket, void* buffer, std::size_t capacity,
-                      std::size_t& out_received) {
+                      std::size_t& out_received, Deadline deadline) {
   for (;;) {
+    // A peer that keeps the bytes coming never lets it come to a wait.
+    if (is_past(deadline)) return kReceiveTimedOut;
     const ssize_t received = ::read(socket, buffer, capacity);
     if (received >= 0) {
       out_received = static_cast<std::size_t>(received);
@@ -110,18 +119,20 @@ ErrorText socket_recv(std::int32_t socket, void* buffer, std::size_t capacity,
     if (errno == EINTR) continue;
     if (errno != EAGAIN) break;
 
-    const WaitResult wait = wait_for_socket(socket, WaitFor::kReadable,
-                                            socket_timeout, OnSignal::kRestart);
-    if (wait == WaitResult::kTimeout) return "Timeout in socket_recv()";
+    const WaitResult wait =
+        wait_for_socket(socket, WaitFor::kReadable, socket_timeout,
+                        OnSignal::kRestart, deadline);
+    if (wait == WaitResult::kTimeout) return kReceiveTimedOut;
     if (wait == WaitResult::kError) break;
   }
   return os_failure("Unknown error in socket_recv()");
 }
 
 ErrorText socket_send(std::int32_t socket, const void* bytes,
-                      std::size_t length) {
+                      std::size_t length, Deadline deadline) {
   const char* next = static_cast<const char*>(bytes);
   do {
+    if (is_past(deadline)) return kSendTimedOut;
     const ssize_t result = ::write(socket, next, length);
     if (result >= 0) {
       const auto written = static_cast<std::size_t>(result);
@@ -130,13 +141,14 @@ ErrorText socket_send(std::int32_t socket, const void* bytes,
       length -= written;
       continue;
     }
-    if (errno == EPIPE) return "Other end closed connection";
+    if (errno == EPIPE) return {"Other end closed connection", EPIPE};
     if (errno == EINTR) continue;
     if (errno != EAGAIN) return os_failure("Unknown error in socket_send()");
 
-    const WaitResult wait = wait_for_socket(socket, WaitFor::kWritable,
-                                            socket_timeout, OnSignal::kReport);
-    if (wait == WaitResult::kTimeout) return "Timeout in socket_send()";
+    const WaitResult wait =
+        wait_for_socket(socket, WaitFor::kWritable, socket_timeout,
+                        OnSignal::kReport, deadline);
+    if (wait == WaitResult::kTimeout) return kSendTimedOut;
     if (wait == WaitResult::kError) {
       return os_failure("Unknown error in socket_send()");
     }

@@ -1,6 +1,10 @@
 // TCP connections over IPv4. On a non-blocking socket (CONNECT_NONBLOCKING) no
 // call waits without a limit; on a blocking one the system decides.
 //
+// A deadline bounds a whole call on a non-blocking socket, beside the limit of
+// each wait: once it has come, a call neither waits nor moves another byte, and
+// fails with the text of a time-out.
+//
 // A socket handle is an OS descriptor in a variable of the caller. Failures are
 // texts of format_error_text around the system's own.
 #ifndef VELPROBE_NET_TCP_H_
@@ -9,6 +13,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "../util/deadline.h"
 #include "../util/error_text.h"
 #include "address.h"
 
@@ -31,8 +36,9 @@ inline constexpr int kDefaultSocketTimeout = 600;
 ErrorText start_socket_subsystem();
 
 // set_socket_timeout bounds, in seconds, every single wait of socket_recv and
-// socket_send from now on; 0 restores the default. It bounds a wait, not a
-// call: a transfer that keeps moving never times out. Always returns 600.
+// socket_send in the calling thread from now on; 0 restores the default. It
+// bounds a wait, not a call: without a deadline a transfer that keeps moving
+// never times out. Always returns 600.
 int set_socket_timeout(int seconds);
 
 // socket_apply_flags gives a socket the mode that the connect flags name:
@@ -44,31 +50,33 @@ ErrorText socket_apply_flags(std::int32_t socket, std::uint32_t flags);
 // socket_connect opens a TCP connection and stores its handle in out_socket. It
 // stays in the mode that the flags chose. A failure closes the socket;
 // out_socket keeps the stale number.
-//   "Error creating socket: %s" (also for a descriptor that select cannot
-//   hold), "Error setting socket to nonblocking: %s",
+//   "Error creating socket: %s", "Error setting socket to nonblocking: %s",
 //   "Error setting TCP_NODELAY: %s", "Error setting TCP_CORK: %s",
 //   "Error connecting: %s", "Connection timed out",
 //   "Error waiting for connect: %s", "Error retrieving connection status: %s"
 ErrorText socket_connect(const Ipv4Address& address, std::uint16_t port,
-                         std::int32_t& out_socket, std::uint32_t flags);
+                         std::int32_t& out_socket, std::uint32_t flags,
+                         Deadline deadline = kNoDeadline);
 
-// socket_wait_readable waits at most so many seconds for incoming data, on
-// stream and datagram sockets alike. Signals restart it. False on a time-out
-// and on any error.
-bool socket_wait_readable(std::int32_t socket, int seconds);
+// socket_wait_readable waits at most so many seconds, and not beyond the
+// deadline, for incoming data, on stream and datagram sockets alike. Signals
+// restart it. False on a time-out and on any error.
+bool socket_wait_readable(std::int32_t socket, int seconds,
+                          Deadline deadline = kNoDeadline);
 
 // socket_recv stores what one read gives, 1 to capacity bytes, in buffer and
 // their count in out_received; a count of 0 means that the peer has closed.
 //   "Timeout in socket_recv()", "Unknown error in socket_recv(): %s"
 ErrorText socket_recv(std::int32_t socket, void* buffer, std::size_t capacity,
-                      std::size_t& out_received);
+                      std::size_t& out_received,
+                      Deadline deadline = kNoDeadline);
 
 // socket_send sends all bytes. Unlike a receive, a wait that a signal
 // interrupts is an error.
 //   "Timeout in socket_send()", "Other end closed connection" (EPIPE),
 //   "write() wrote too much", "Unknown error in socket_send(): %s"
 ErrorText socket_send(std::int32_t socket, const void* bytes,
-                      std::size_t length);
+                      std::size_t length, Deadline deadline = kNoDeadline);
 
 // socket_flush pushes corked bytes out by turning TCP_CORK off and on again.
 //   "Error setting TCP_CORK: %s"

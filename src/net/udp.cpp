@@ -10,8 +10,7 @@
 namespace velprobe {
 
 bool udp_open(std::int32_t& out_socket) {
-  out_socket =
-      waitable(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)).release();
+  out_socket = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   return out_socket >= 0;
 }
 
@@ -49,7 +48,7 @@ ErrorText udp_send(std::int32_t socket, const Ipv4Address& address,
                    std::uint16_t port, const void* bytes, std::size_t length) {
   const sockaddr_in peer = to_sockaddr(address, port);
   if (::sendto(socket, bytes, length, 0, as_sockaddr(&peer), sizeof peer) < 0) {
-    static char text[256];
+    thread_local char text[256];
     std::snprintf(text, sizeof text, "UDP send failed (%s)",
                   last_os_error_text());
     return text;
@@ -66,7 +65,7 @@ ErrorText udp_receive(std::int32_t socket, Ipv4Address& out_sender,
   out_sender = address_of(sender);
   out_port = port_of(sender);
   if (length < 0) {
-    static char text[128];
+    thread_local char text[128];
     std::snprintf(text, sizeof text, "UDP receive failed (%d).",
                   take_last_os_error());
     return text;

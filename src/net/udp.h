@@ -1,9 +1,9 @@
 // IPv4 datagrams: broadcast, multicast membership, sending and receiving.
 //
 // A socket handle is an OS descriptor in a variable of the caller. The texts
-// with a placeholder live in a buffer of the operation that forms them: they
-// stay valid until the same operation fails again. To wait for a datagram use
-// socket_wait_readable.
+// with a placeholder live in a buffer of the operation that forms them, one per
+// thread: they stay valid until the same operation fails again in that thread.
+// To wait for a datagram use socket_wait_readable.
 #ifndef VELPROBE_NET_UDP_H_
 #define VELPROBE_NET_UDP_H_
 
@@ -20,7 +20,7 @@
 namespace velprobe {
 
 // udp_open creates a datagram socket and stores its handle, or -1, in
-// out_socket. False when the system gives none, or one that select cannot hold.
+// out_socket. False when the system gives none.
 bool udp_open(std::int32_t& out_socket);
 
 // udp_close closes a socket. The handle 0 counts as no socket: it is left alone

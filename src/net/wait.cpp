@@ -1,62 +1,85 @@
 #include "wait.h"
 
-#include <sys/select.h>
-#include <sys/time.h>
+#include <poll.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
+#include <ctime>
+#include <memory>
+#include <new>
 
 namespace velprobe {
 
 namespace {
 
-// fill_set gives the highest descriptor in the set.
-int fill_set(std::span<const std::int32_t> sockets, fd_set& set) {
-  FD_ZERO(&set);
-  int highest = -1;
-  for (const std::int32_t socket : sockets) {
-    FD_SET(socket, &set);
-    highest = std::max(highest, socket);
+using std::chrono::nanoseconds;
+using std::chrono::seconds;
+
+// To the nanosecond: a wait that ended early by rounding would be taken for a
+// time-out before its time.
+timespec time_until(Deadline end) {
+  const nanoseconds left = std::max(
+      nanoseconds::zero(), nanoseconds(end - std::chrono::steady_clock::now()));
+  const auto whole = std::chrono::duration_cast<seconds>(left);
+  return {whole.count(), (left - whole).count()};
+}
+
+pollfd entry_for(std::int32_t socket, WaitFor what) {
+  return {socket,
+          static_cast<short>(what == WaitFor::kReadable ? POLLIN : POLLOUT), 0};
+}
+
+// poll passes over a negative descriptor and would wait for nothing.
+bool is_not_open(const pollfd& entry) {
+  return entry.fd < 0 || (entry.revents & POLLNVAL) != 0;
+}
+
+WaitResult wait_on(std::span<pollfd> entries, int limit, OnSignal on_signal,
+                   Deadline deadline) {
+  const Deadline end =
+      std::min(std::chrono::steady_clock::now() + seconds(limit), deadline);
+  int num_ready;
+  do {
+    const timespec left = time_until(end);
+    num_ready = ::ppoll(entries.data(), entries.size(), &left, nullptr);
+  } while (num_ready < 0 && errno == EINTR && on_signal == OnSignal::kRestart);
+
+  if (num_ready < 0) return WaitResult::kError;
+  if (std::any_of(entries.begin(), entries.end(), is_not_open)) {
+    errno = EBADF;
+    return WaitResult::kError;
   }
-  return highest;
+  return num_ready == 0 ? WaitResult::kTimeout : WaitResult::kReady;
 }
 
 }  // namespace
 
-bool fits_wait(std::int32_t socket) {
-  return socket >= 0 && socket < FD_SETSIZE;
-}
-
 WaitResult wait_for_any(std::span<const std::int32_t> sockets, WaitFor what,
-                        int seconds, OnSignal on_signal,
-                        std::size_t& out_first) {
-  if (!std::all_of(sockets.begin(), sockets.end(), fits_wait)) {
-    errno = EMFILE;
+                        int seconds, OnSignal on_signal, std::size_t& out_first,
+                        Deadline deadline) {
+  const std::unique_ptr<pollfd[]> entries(new (std::nothrow)
+                                              pollfd[sockets.size()]);
+  if (!entries) {
+    errno = ENOMEM;
     return WaitResult::kError;
   }
-
-  // The system counts the time-out down, so a restart waits for the rest only.
-  timeval time_left{seconds, 0};
-  fd_set set;
-  int num_ready;
-  do {
-    const int highest = fill_set(sockets, set);
-    num_ready = ::select(
-        highest + 1, what == WaitFor::kReadable ? &set : nullptr,
-        what == WaitFor::kWritable ? &set : nullptr, nullptr, &time_left);
-  } while (num_ready < 0 && errno == EINTR && on_signal == OnSignal::kRestart);
-
-  if (num_ready < 0) return WaitResult::kError;
-  if (num_ready == 0) return WaitResult::kTimeout;
-  out_first = 0;
-  while (!FD_ISSET(sockets[out_first], &set)) ++out_first;
-  return WaitResult::kReady;
+  for (std::size_t i = 0; i < sockets.size(); ++i) {
+    entries[i] = entry_for(sockets[i], what);
+  }
+  const WaitResult result =
+      wait_on({entries.get(), sockets.size()}, seconds, on_signal, deadline);
+  if (result == WaitResult::kReady) {
+    out_first = 0;
+    while (entries[out_first].revents == 0) ++out_first;
+  }
+  return result;
 }
 
 WaitResult wait_for_socket(std::int32_t socket, WaitFor what, int seconds,
-                           OnSignal on_signal) {
-  std::size_t first;
-  return wait_for_any({&socket, 1}, what, seconds, on_signal, first);
+                           OnSignal on_signal, Deadline deadline) {
+  pollfd entry = entry_for(socket, what);
+  return wait_on({&entry, 1}, seconds, on_signal, deadline);
 }
 
 }  // namespace velprobe

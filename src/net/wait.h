@@ -6,6 +6,8 @@
 #include <cstdint>
 #include <span>
 
+#include "../util/deadline.h"
+
 #pragma GCC visibility push(default)
 namespace velprobe {
 
@@ -17,21 +19,19 @@ enum class OnSignal { kRestart, kReport };
 
 enum class WaitResult { kReady, kTimeout, kError };
 
-// fits_wait tells whether a descriptor can be waited on at all: select's sets
-// end at FD_SETSIZE.
-bool fits_wait(std::int32_t socket);
-
-// wait_for_socket waits at most seconds (and no fraction) until the socket is
-// ready. On kError errno tells why; a descriptor outside select's sets is
-// EMFILE.
+// wait_for_socket waits until the socket is ready, at most so many seconds and
+// not beyond the deadline; once either has passed it still looks once. A socket
+// whose connection broke or whose peer closed counts as ready: the next call on
+// it tells. On kError errno tells why; EBADF for a descriptor that is not open.
 WaitResult wait_for_socket(std::int32_t socket, WaitFor what, int seconds,
-                           OnSignal on_signal);
+                           OnSignal on_signal, Deadline deadline = kNoDeadline);
 
 // wait_for_any waits in the same way for any of several sockets. On kReady
-// out_first is the index of the first ready one.
+// out_first is the index of the first ready one; else it is left alone. The
+// error ENOMEM joins those above.
 WaitResult wait_for_any(std::span<const std::int32_t> sockets, WaitFor what,
-                        int seconds, OnSignal on_signal,
-                        std::size_t& out_first);
+                        int seconds, OnSignal on_signal, std::size_t& out_first,
+                        Deadline deadline = kNoDeadline);
 
 }  // namespace velprobe
 #pragma GCC visibility pop

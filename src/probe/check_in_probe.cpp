@@ -1,7 +1,9 @@
 #include "check_in_probe.h"
 
 #include <array>
+#include <cerrno>
 #include <cstdio>
+#include <utility>
 
 #include "../net/resolver.h"
 #include "../net/tcp.h"
@@ -45,69 +47,82 @@ ErrorText write_request(BerStream& stream, const char* name,
   return write_end_of_contents(stream);
 }
 
+// verdict ends the story: the text, and what kind of failure it stands for.
+ErrorText verdict(ProbeResult& result, ProbeFailure failure, ErrorText text) {
+  result.failure = failure;
+  return text;
+}
+
 // The refusal, whose tag has been read; the status rises to kRefused only once
 // it is complete.
-ErrorText read_refusal(BerStream& stream, ProbeStatus& status) {
+ErrorText read_refusal(BerStream& stream, ProbeResult& result) {
   negotiate_nack nack;
   if (ErrorText error =
           read_negotiate_nack(stream, nack, kTagOf_negotiate_nack))
     return error;
-  status = ProbeStatus::kRefused;
-  return format_error_text("Veltra Server rejected us: %s", nack.reason.get());
+  result.status = ProbeStatus::kRefused;
+  return verdict(
+      result, ProbeFailure::kRefused,
+      format_error_text("Veltra Server rejected us: %s", nack.reason.get()));
 }
 
 // The offer, whose tag has been read. Its version is judged only after the
 // whole of it, so that a server without private-key authentication is reported
 // as such whatever its version.
-ErrorText read_offer(BerStream& stream) {
+ErrorText read_offer(BerStream& stream, ProbeResult& result) {
   server_offers offers;
   if (ErrorText error =
           read_server_offers_incomplete(stream, offers, kTagOf_server_offers))
     return error;
+  result.has_offer = true;
+  result.offered_version = static_cast<std::uint32_t>(offers.version);
+
   std::uint32_t tag = 0;
   if (ErrorText error = read_tag(stream, tag)) return error;
   if (tag != kTagOf_server_private_key) {
-    return "Veltra Server does not support private key authentication.  "
-           "Upgrade the Veltra Server.";
+    return verdict(
+        result, ProbeFailure::kAuthentication,
+        "Veltra Server does not support private key authentication.  "
+        "Upgrade the Veltra Server.");
   }
   server_private_key key;
   if (ErrorText error = read_server_private_key(stream, key, tag)) return error;
   if (ErrorText error = skip_to_eol(stream)) return error;
-  if (!same_major_version(static_cast<std::uint32_t>(offers.version),
-                          kProtocolVersion)) {
-    return "Veltra Server does not support our protocol version. Upgrade the "
-           "Veltra Server, or downgrade the Veltra Agent.";
+  if (!same_major_version(result.offered_version, kProtocolVersion)) {
+    return verdict(
+        result, ProbeFailure::kVersion,
+        "Veltra Server does not support our protocol version. Upgrade the "
+        "Veltra Server, or downgrade the Veltra Agent.");
   }
   return {};
 }
 
-ErrorText negotiate(BerStream& stream, const char* name, const char* domain,
-                    ProbeStatus& status) {
-  if (ErrorText error = write_request(stream, name, domain)) return error;
+ErrorText read_answer(BerStream& stream, ProbeResult& result) {
   std::uint32_t tag = 0;
   if (ErrorText error = read_tag(stream, tag)) return error;
-  if (tag == kTagOf_negotiate_nack) return read_refusal(stream, status);
-  if (tag != kTagOf_server_offers)
-    return "Veltra Server using incompatible protocol";
-  if (ErrorText error = read_offer(stream)) return error;
-
-  if (ErrorText error = write_negotiate_ack(stream)) return error;
-  if (ErrorText error = stream.operations.flush(&stream)) return error;
-  status = ProbeStatus::kAccepted;
-  return {};
+  if (tag == kTagOf_negotiate_nack) return read_refusal(stream, result);
+  if (tag == kTagOf_server_offers) return read_offer(stream, result);
+  return verdict(result, ProbeFailure::kProtocol,
+                 "Veltra Server using incompatible protocol");
 }
 
-ErrorText connect_to_server(const char* server, std::uint16_t port,
-                            BerStreamPtr& out_stream) {
-  Ipv4Address address{};
-  if (ErrorText error = resolve_host(server, address)) return error;
-  if (ErrorText error =
-          socket_stream_open(out_stream, address, port, CONNECT_NONBLOCKING))
-    return error;
-  if (!out_stream) {
-    return format_error_text("Couldn't open connection to server \"%s\"",
-                             server);
-  }
+ErrorText acknowledge(BerStream& stream) {
+  if (ErrorText error = write_negotiate_ack(stream)) return error;
+  return stream.operations.flush(&stream);
+}
+
+// Each step of the story says beforehand what its failure would mean;
+// failure_of corrects that where the error's number knows better.
+ErrorText negotiate(BerStream& stream, const char* name, const char* domain,
+                    ProbeResult& result) {
+  result.failure = ProbeFailure::kSystem;
+  if (ErrorText error = write_request(stream, name, domain)) return error;
+  result.failure = ProbeFailure::kDamaged;
+  if (ErrorText error = read_answer(stream, result)) return error;
+  result.failure = ProbeFailure::kClosed;
+  if (ErrorText error = acknowledge(stream)) return error;
+  result.failure = ProbeFailure::kNone;
+  result.status = ProbeStatus::kAccepted;
   return {};
 }
 
@@ -117,33 +132,90 @@ ErrorText keep_through_close(BerStreamPtr& stream, ErrorText result) {
   std::array<char, kErrorTextSize> kept;
   copy_bounded(kept.data(), result.c_str(), kept.size());
   stream.reset();
-  return format_error_text("%s", kept.data());
+  return result.wrapped(format_error_text("%s", kept.data()));
+}
+
+ErrorText connect_to_server(const char* server, std::uint16_t port,
+                            const ProbeOptions& options, ProbeResult& result,
+                            BerStreamPtr& out_stream) {
+  result.failure = ProbeFailure::kUnresolved;
+  Ipv4Address address{};
+  if (options.address != nullptr) {
+    address = *options.address;
+  } else if (ErrorText error = resolve_host(server, address)) {
+    return error;
+  }
+  result.failure = ProbeFailure::kConnect;
+  if (ErrorText error = socket_stream_open(
+          out_stream, address, port, CONNECT_NONBLOCKING, options.deadline))
+    return error;
+  if (!out_stream) {
+    return format_error_text("Couldn't open connection to server \"%s\"",
+                             server);
+  }
+  return {};
+}
+
+ErrorText run_probe(const char* server, std::uint16_t port,
+                    const ProbeOptions& options, ProbeResult& result) {
+  BerStreamPtr stream;
+  if (ErrorText error =
+          connect_to_server(server, port, options, result, stream))
+    return error;
+
+  const char* agent_name = options.agent_name;
+  if (is_absent_or_empty(agent_name)) {
+    const AddressText own_address = local_address_text(*stream);
+    result.agent_address_text = copy_text(own_address.data());
+    if (!result.agent_address_text)
+      return verdict(result, ProbeFailure::kSystem, kOutOfMemory);
+    agent_name = result.agent_address_text.get();
+  }
+  return keep_through_close(
+      stream, negotiate(*stream, agent_name, options.agent_domain, result));
+}
+
+// What the system's number tells about a failure, whatever the step. A number
+// that is not here means that the connection broke, or never came about.
+ProbeFailure failure_of(int error_number, ProbeFailure expected) {
+  switch (error_number) {
+    case 0:
+      return expected;
+    case ETIMEDOUT:
+      return ProbeFailure::kTimeout;
+    case EINTR:
+    case EMFILE:
+    case ENFILE:
+    case ENOBUFS:
+    case ENOMEM:
+      return ProbeFailure::kSystem;
+    default:
+      return expected == ProbeFailure::kConnect ? expected
+                                                : ProbeFailure::kClosed;
+  }
 }
 
 }  // namespace
 
 ErrorText probe_server(const char* server, std::uint16_t port,
+                       const ProbeOptions& options, ProbeResult& out_result) {
+  out_result = {};
+  const ErrorText error = run_probe(server, port, options, out_result);
+  out_result.failure = failure_of(error.error_number(), out_result.failure);
+  return error;
+}
+
+ErrorText probe_server(const char* server, std::uint16_t port,
                        const char* agent_name, const char* agent_domain,
                        Text* out_address_text, ProbeStatus* out_status) {
-  ProbeStatus own_status;
-  ProbeStatus& status = out_status != nullptr ? *out_status : own_status;
-  status = ProbeStatus::kNoAnswer;
-  if (out_address_text != nullptr) out_address_text->reset();
-
-  BerStreamPtr stream;
-  if (ErrorText error = connect_to_server(server, port, stream)) return error;
-
-  AddressText own_address{};
-  if (is_absent_or_empty(agent_name)) {
-    own_address = local_address_text(*stream);
-    agent_name = own_address.data();
-    if (out_address_text != nullptr) {
-      *out_address_text = copy_text(agent_name);
-      if (!*out_address_text) return kOutOfMemory;
-    }
-  }
-  return keep_through_close(
-      stream, negotiate(*stream, agent_name, agent_domain, status));
+  const ProbeOptions options = {.agent_name = agent_name,
+                                .agent_domain = agent_domain};
+  ProbeResult result;
+  const ErrorText error = probe_server(server, port, options, result);
+  if (out_address_text != nullptr)
+    *out_address_text = std::move(result.agent_address_text);
+  if (out_status != nullptr) *out_status = result.status;
+  return error;
 }
 
 }  // namespace velprobe

@@ -4,6 +4,8 @@
 
 #include <cstdint>
 
+#include "../net/address.h"
+#include "../util/deadline.h"
 #include "../util/error_text.h"
 #include "../util/text.h"
 
@@ -22,15 +24,52 @@ enum class ProbeStatus : std::uint32_t {
   kNoAnswer = 2,  // no usable answer
 };
 
+// ProbeFailure is the kind of failure, for programs; the text beside it tells
+// people more.
+enum class ProbeFailure : std::uint32_t {
+  kNone,            // accepted
+  kRefused,         // the status of that name
+  kUnresolved,      // the name has no address, or none could be asked for
+  kConnect,         // no connection: refused, unreachable
+  kTimeout,         // a time limit or the deadline, at the connect or later
+  kClosed,          // the connection ended before the answer was complete
+  kDamaged,         // the answer breaks the rules of its encoding or message
+  kProtocol,        // the first message is none that may stand there
+  kVersion,         // the offered version's major part is not ours
+  kAuthentication,  // no private-key authentication on offer
+  kSystem,  // this side: memory, descriptors, an interruption, or a name
+            // or domain longer than the protocol carries
+};
+
+struct ProbeOptions {
+  // Both may be null or empty. Without a name the agent calls itself by the
+  // local address of the connection.
+  const char* agent_name = nullptr;
+  const char* agent_domain = nullptr;
+  // Where to connect, if the caller has looked the server up; null: look it up.
+  const Ipv4Address* address = nullptr;
+  // Bounds connection and conversation, but not the look-up of a name, which
+  // nothing bounds.
+  Deadline deadline = kNoDeadline;
+};
+
+struct ProbeResult {
+  ProbeStatus status = ProbeStatus::kNoAnswer;
+  ProbeFailure failure = ProbeFailure::kSystem;
+  // The local address that stood in for the name, empty when the system did not
+  // tell; absent when a name was given or no connection came about.
+  Text agent_address_text;
+  // The version that the server offered, once it has been read.
+  bool has_offer = false;
+  std::uint32_t offered_version = 0;
+};
+
 // probe_server opens the agent protocol to one server for real: resolve,
 // connect, announce version and identity, read the answer, acknowledge, hang
 // up. It goes no further than the negotiation.
 //
-// server is a host name or dotted address, port in host order. agent_name and
-// agent_domain may be null or empty; without a name the agent calls itself by
-// the local address of the connection, and out_address_text then receives a
-// copy of that text (empty when the system did not tell). Either out place may
-// be null; they start as absent and kNoAnswer.
+// server is a host name or dotted address, port in host order. out_result is
+// overwritten in any case.
 //
 // No text exactly when the status is kAccepted. "Veltra Server rejected us: %s"
 // comes with kRefused. With kNoAnswer come the texts of resolver, stream and
@@ -43,7 +82,13 @@ enum class ProbeStatus : std::uint32_t {
 //   Server, or downgrade the Veltra Agent."
 //   "Out of memory"
 //
-// Blocks for up to 600 seconds at the connect and at each wait for data.
+// Without a deadline it blocks for up to 600 seconds at the connect and at each
+// wait for data.
+ErrorText probe_server(const char* server, std::uint16_t port,
+                       const ProbeOptions& options, ProbeResult& out_result);
+
+// The same without address and deadline. out_address_text receives
+// agent_address_text, out_status the status; either may be null.
 ErrorText probe_server(const char* server, std::uint16_t port,
                        const char* agent_name, const char* agent_domain,
                        Text* out_address_text, ProbeStatus* out_status);

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -220,7 +221,7 @@ ErrorText skip_open_list(BerStream& stream, const char* not_terminated) {
 
 // Reads length bytes into a buffer that grows as they arrive.
 ErrorText read_growing(BerStream& stream, std::uint32_t length,
-                       ByteBuffer& bytes, const char* out_of_memory) {
+                       ByteBuffer& bytes, ErrorText out_of_memory) {
   constexpr std::size_t kFirstPiece = 4096;
   while (bytes.size() < length) {
     const std::size_t piece = std::min<std::size_t>(
@@ -418,7 +419,7 @@ ErrorText read_string(BerStream& stream, std::uint32_t maximum, Text& out_text,
   if (ErrorText error = read_primitive_header(stream, rules, tag, length))
     return error;
   out_text.reset(new (std::nothrow) char[std::size_t{length} + 1]);
-  if (!out_text) return "Unable to allocate data in read_string";
+  if (!out_text) return {"Unable to allocate data in read_string", ENOMEM};
   // Both ends: a text whose bytes never came is an empty one.
   out_text[0] = '\0';
   out_text[length] = '\0';
@@ -513,7 +514,7 @@ ErrorText read_bignum(BerStream& stream, BigNumPtr& out_number,
                                      "Wrong tag, expected BE_INTEGER",
                                      std::numeric_limits<std::uint32_t>::max(),
                                      "data out of range in read_bignum"};
-  constexpr const char* kNoMemory = "Out of memory in read_bignum";
+  constexpr ErrorText kNoMemory{"Out of memory in read_bignum", ENOMEM};
   std::uint32_t length = 0;
   if (ErrorText error = read_primitive_header(stream, kRules, tag, length))
     return error;

@@ -2,6 +2,7 @@
 #ifndef VELPROBE_PROTOCOL_BER_STREAM_H_
 #define VELPROBE_PROTOCOL_BER_STREAM_H_
 
+#include <cerrno>
 #include <cstddef>
 #include <memory>
 
@@ -35,11 +36,11 @@ struct BerStream {
   void* state;
 };
 
-// The texts of every kind of stream for an end before the bytes asked for, and
-// for a shortage of memory.
-inline constexpr const char* kPeerClosed =
-    "Peer closed connection unexpectedly";
-inline constexpr const char* kNoStreamMemory = "Error allocating memory";
+// The failures of every kind of stream at an end before the bytes asked for,
+// and for a shortage of memory.
+inline constexpr ErrorText kPeerClosed{"Peer closed connection unexpectedly",
+                                       ECONNRESET};
+inline constexpr ErrorText kNoStreamMemory{"Error allocating memory", ENOMEM};
 
 struct BerStreamCloser {
   void operator()(BerStream* stream) const { stream->operations.close(stream); }

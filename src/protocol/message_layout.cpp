@@ -72,7 +72,8 @@ ErrorText read_field(BerStream& stream, const FieldLayout& field,
 
 ErrorText field_failure(const MessageLayout& layout, const FieldLayout& field,
                         ErrorText error) {
-  return format_error_text("%s.%s: %s", layout.name, field.name, error.c_str());
+  return error.wrapped(
+      format_error_text("%s.%s: %s", layout.name, field.name, error.c_str()));
 }
 
 const char* reader_suffix(const MessageLayout& layout) {

@@ -14,6 +14,7 @@ struct SocketStream : BerStream {
   // 1 after a write that no flush or read has pushed out yet.
   std::uint32_t output_pending;
   std::int32_t socket;
+  Deadline deadline;
 };
 
 SocketStream* own_state(BerStream* stream) {
@@ -22,15 +23,19 @@ SocketStream* own_state(BerStream* stream) {
 
 ErrorText socket_read(BerStream* stream, void* buffer, std::size_t size) {
   SocketStream* self = own_state(stream);
-  // A half-sent request would wait for its answer forever.
+  // The kernel holds back what is corked: a half-sent request would wait for
+  // its answer forever. Whether the flush worked, the read will show.
   if (self->output_pending != 0)
     static_cast<void>(stream->operations.flush(stream));
 
   auto* next = static_cast<char*>(buffer);
   while (size > 0) {
     std::size_t received = 0;
-    if (ErrorText error = socket_recv(self->socket, next, size, received))
-      return format_error_text("Error receiving data: %s", error.c_str());
+    if (ErrorText error =
+            socket_recv(self->socket, next, size, received, self->deadline)) {
+      return error.wrapped(
+          format_error_text("Error receiving data: %s", error.c_str()));
+    }
     if (received == 0) return kPeerClosed;
     next += received;
     size -= received;
@@ -42,9 +47,10 @@ ErrorText socket_read(BerStream* stream, void* buffer, std::size_t size) {
 ErrorText socket_write_buf(BerStream* stream, const void* bytes,
                            std::size_t size) {
   SocketStream* self = own_state(stream);
-  if (ErrorText error = socket_send(self->socket, bytes, size)) {
-    return format_error_text(
-        "socket_send returned error in socket_write_buf: %s", error.c_str());
+  if (ErrorText error =
+          socket_send(self->socket, bytes, size, self->deadline)) {
+    return error.wrapped(format_error_text(
+        "socket_send returned error in socket_write_buf: %s", error.c_str()));
   }
   self->output_pending = 1;
   return {};
@@ -53,14 +59,16 @@ ErrorText socket_write_buf(BerStream* stream, const void* bytes,
 ErrorText socket_flush_output(BerStream* stream) {
   SocketStream* self = own_state(stream);
   if (ErrorText error = socket_flush(self->socket)) {
-    return format_error_text("socket_flush returned error: %s", error.c_str());
+    return error.wrapped(
+        format_error_text("socket_flush returned error: %s", error.c_str()));
   }
   self->output_pending = 0;
   return {};
 }
 
 bool socket_await(BerStream* stream, int seconds) {
-  return socket_wait_readable(own_state(stream)->socket, seconds);
+  const SocketStream* self = own_state(stream);
+  return socket_wait_readable(self->socket, seconds, self->deadline);
 }
 
 void socket_hang_up(BerStream* stream) {
@@ -70,7 +78,7 @@ void socket_hang_up(BerStream* stream) {
   static_cast<void>(socket_close(self->socket));
 }
 
-std::unique_ptr<SocketStream> new_socket_stream() {
+std::unique_ptr<SocketStream> new_socket_stream(Deadline deadline) {
   std::unique_ptr<SocketStream> stream(new (std::nothrow) SocketStream);
   if (!stream) return nullptr;
   stream->operations = {socket_read, socket_write_buf, socket_flush_output,
@@ -78,6 +86,7 @@ std::unique_ptr<SocketStream> new_socket_stream() {
   stream->state = stream.get();
   stream->output_pending = 0;
   stream->socket = -1;
+  stream->deadline = deadline;
   return stream;
 }
 
@@ -85,20 +94,23 @@ std::unique_ptr<SocketStream> new_socket_stream() {
 
 ErrorText socket_stream_open(BerStreamPtr& out_stream,
                              const Ipv4Address& address, std::uint16_t port,
-                             std::uint32_t connect_flags) {
+                             std::uint32_t connect_flags, Deadline deadline) {
   out_stream.reset();
-  std::unique_ptr<SocketStream> stream = new_socket_stream();
+  std::unique_ptr<SocketStream> stream = new_socket_stream(deadline);
   if (!stream) return kNoStreamMemory;
+  connect_flags |= CONNECT_CORK;
+  if (deadline != kNoDeadline) connect_flags |= CONNECT_NONBLOCKING;
   if (ErrorText error = socket_connect(address, port, stream->socket,
-                                       connect_flags | CONNECT_CORK))
+                                       connect_flags, deadline))
     return error;
   out_stream.reset(stream.release());
   return {};
 }
 
-ErrorText socket_stream_adopt(BerStreamPtr& out_stream, std::int32_t socket) {
+ErrorText socket_stream_adopt(BerStreamPtr& out_stream, std::int32_t socket,
+                              Deadline deadline) {
   out_stream.reset();
-  std::unique_ptr<SocketStream> stream = new_socket_stream();
+  std::unique_ptr<SocketStream> stream = new_socket_stream(deadline);
   if (!stream) return kNoStreamMemory;
   if (ErrorText error =
           socket_apply_flags(socket, CONNECT_NONBLOCKING | CONNECT_CORK))

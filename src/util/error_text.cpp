@@ -10,8 +10,10 @@
 namespace velprobe {
 
 const char* format_error_text(const char* format, ...) {
-  static std::array<char, kErrorTextSize> buffers[2];
-  static unsigned last_used = 1;
+  // Two in turn: the text being wrapped, an argument here, must outlive the
+  // forming of the text that wraps it.
+  thread_local std::array<char, kErrorTextSize> buffers[2];
+  thread_local unsigned last_used = 1;
 
   last_used ^= 1;
   char* buffer = buffers[last_used].data();
@@ -33,7 +35,9 @@ const char* last_os_error_text() {
 }
 
 ErrorText os_failure(const char* what) {
-  return format_error_text("%s: %s", what, last_os_error_text());
+  const int error_number = take_last_os_error();
+  return {format_error_text("%s: %s", what, os_error_text(error_number)),
+          error_number};
 }
 
 const char* os_error_text(int error_number) {

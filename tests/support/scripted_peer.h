@@ -7,6 +7,7 @@
 #include <linux/tcp.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <string>
@@ -24,6 +25,8 @@ struct Script {
   // This often again, after the answer.
   std::string filler = {};
   std::size_t filler_times = 0;
+  // Microseconds before each filler.
+  useconds_t pause = 0;
   // Bytes a write, 0 for all at once; the writes do not gather.
   std::size_t piece = 0;
   // Leave the connection open, without another word.
@@ -85,6 +88,7 @@ class ScriptedPeer {
     }
     for (std::size_t i = 0; i < script_.filler_times; ++i) {
       const std::string& filler = script_.filler;
+      if (script_.pause != 0) usleep(script_.pause);
       if (send(client, filler.data(), filler.size(), MSG_NOSIGNAL) < 0) break;
     }
     if (script_.reset) {

@@ -123,7 +123,7 @@ ErrorText converse(BerStream& stream, Session& session,
 const char* end_text(const SessionLimit& limit, const Session& session,
                      ErrorText failure) {
   if (limit.cut_reason() != nullptr) return limit.cut_reason();
-  const bool hung_up = std::strcmp(failure.c_str(), kPeerClosed) == 0;
+  const bool hung_up = std::strcmp(failure.c_str(), kPeerClosed.c_str()) == 0;
   if (hung_up && session.answer == Answer::kRefusal) return "hung up";
   if (hung_up && session.answer == Answer::kOffer) {
     return "hung up without acknowledging";
