@@ -41,11 +41,11 @@ bool read_configuration(int socket, RequestList& out_list) {
 }
 
 // query leaves the answer of one of the system's questions about an interface
-// in out_answer.
+// in out_answer. The whole entry goes in: an interface may have several
+// addresses, and the system answers for the one that it finds there.
 bool query(int socket, const ifreq& entry, unsigned long question,
            ifreq& out_answer) {
-  out_answer = ifreq{};
-  std::memcpy(out_answer.ifr_name, entry.ifr_name, IFNAMSIZ);
+  out_answer = entry;
   return ::ioctl(socket, question, &out_answer) == 0;
 }
 

@@ -22,6 +22,7 @@ namespace velprobe {
 
 namespace {
 
+constexpr const char* kNoPlace = "found_servers must not be NULL";
 constexpr int kSilenceSeconds = 1;
 constexpr int kNumPasses = 3;
 constexpr std::size_t kReceiveSize = 4096;
@@ -56,7 +57,9 @@ ErrorText take_datagram(std::int32_t socket, FoundServers& found) {
   ssize_t length = bytes.size();
   Ipv4Address sender;
   std::uint16_t sender_port;
-  if (udp_receive(socket, sender, sender_port, bytes.data(), length)) return {};
+  if (ErrorText ignored =
+          udp_receive(socket, sender, sender_port, bytes.data(), length))
+    return {};
   if (!is_discovery_answer(bytes.data(), static_cast<std::size_t>(length)) ||
       found.addresses.contains(sender)) {
     return {};
@@ -86,6 +89,7 @@ std::unique_ptr<NicInfo[]> broadcast_only_list() {
 }  // namespace
 
 ErrorText scan_for_servers(std::uint16_t port, Text* found_servers) {
+  if (found_servers == nullptr) return kNoPlace;
   std::unique_ptr<NicInfo[]> nics = list_nics();
   if (!nics || nics[0].name[0] == '\0') nics = broadcast_only_list();
   if (!nics) return "No memory for small nic structure";
@@ -94,7 +98,7 @@ ErrorText scan_for_servers(std::uint16_t port, Text* found_servers) {
 
 ErrorText scan_interfaces(const NicInfo* nics, std::uint16_t port,
                           Text* found_servers) {
-  if (found_servers == nullptr) return "found_servers must not be NULL";
+  if (found_servers == nullptr) return kNoPlace;
   found_servers->reset();
   std::int32_t handle;
   if (!udp_open(handle)) return "Could not create socket";

@@ -1,15 +1,16 @@
 #include "ber_codec.h"
 
+#include <locale.h>
+
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <charconv>
 #include <cmath>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <limits>
-#include <new>
-#include <string_view>
+#include <system_error>
 
 #include "../util/byte_buffer.h"
 
@@ -23,6 +24,7 @@ constexpr std::uint32_t kFillerTag = 0x19 * 8;
 constexpr std::uint32_t kFirstHighTag = 31 * 8;
 constexpr std::uint32_t kLongestInteger = 5;
 constexpr std::uint32_t kLongestReal = 59;
+constexpr int kRealPrecision = 6;  // digits behind the point
 
 // Format bytes of reals (X.690 8.5): a decimal text, and the special values in
 // this protocol's own assignment.
@@ -217,6 +219,16 @@ ErrorText skip_open_list(BerStream& stream, const char* not_terminated) {
     }
   }
   return {};
+}
+
+// strtod takes more forms than std::from_chars, and peers may use them; its
+// point is the one of the thread's locale.
+double real_of(const char* text) {
+  static const locale_t c_locale = ::newlocale(LC_ALL_MASK, "C", nullptr);
+  const locale_t callers_locale = ::uselocale(c_locale);
+  const double value = std::strtod(text, nullptr);
+  ::uselocale(callers_locale);
+  return value;
 }
 
 // Reads length bytes into a buffer that grows as they arrive.
@@ -418,11 +430,10 @@ ErrorText read_string(BerStream& stream, std::uint32_t maximum, Text& out_text,
   std::uint32_t length = 0;
   if (ErrorText error = read_primitive_header(stream, rules, tag, length))
     return error;
-  out_text.reset(new (std::nothrow) char[std::size_t{length} + 1]);
+  // All zero: a text whose bytes did not all come ends with those that did, and
+  // shows nothing that stood in its memory before.
+  out_text = new_text(length);
   if (!out_text) return {"Unable to allocate data in read_string", ENOMEM};
-  // Both ends: a text whose bytes never came is an empty one.
-  out_text[0] = '\0';
-  out_text[length] = '\0';
   return read_bytes(stream, out_text.get(), length);
 }
 
@@ -433,12 +444,16 @@ ErrorText write_real(BerStream& stream, double value) {
     add_length(piece, 0);
   } else if (std::isfinite(value)) {
     std::array<char, kLongestReal> text;
-    const int length = std::snprintf(text.data(), text.size(), "%e", value);
-    if (length < 0 || static_cast<std::size_t>(length) >= text.size())
+    // As printf's "%e" in the C locale; the process may have another.
+    const auto [end, failure] =
+        std::to_chars(text.data(), text.data() + text.size(), value,
+                      std::chars_format::scientific, kRealPrecision);
+    if (failure != std::errc())
       return "String representation of double larger than buffer";
+    const auto length = static_cast<std::size_t>(end - text.data());
     add_length(piece, static_cast<std::uint32_t>(length) + 1);
     piece.add(kRealText);
-    piece.add(text.data(), static_cast<std::size_t>(length));
+    piece.add(text.data(), length);
   } else {
     add_length(piece, 1);
     piece.add(std::isnan(value) ? kRealNotANumber
@@ -463,7 +478,7 @@ ErrorText read_real(BerStream& stream, double& out_value, std::uint32_t tag) {
     return error;
   switch (static_cast<std::uint8_t>(contents[0])) {
     case kRealText:
-      out_value = std::strtod(&contents[1], nullptr);
+      out_value = real_of(&contents[1]);
       if (out_value == 0.0) return "Zero/non-zero real mismatch";
       return {};
     case kRealPlusInfinity:
@@ -524,13 +539,9 @@ ErrorText read_bignum(BerStream& stream, BigNumPtr& out_number,
 
   out_number = bn_new(0, (std::uint64_t{length} + 3) / 4);
   if (!out_number) return kNoMemory;
-  ErrorText error =
-      bn_set_data(out_number.get(),
-                  reinterpret_cast<const std::uint8_t*>(bytes.data()), length);
-  // The limb array of a number that could not be filled is kept on purpose:
-  // only its record goes.
-  if (error) std::free(out_number.release());
-  return error;
+  return bn_set_data(out_number.get(),
+                     reinterpret_cast<const std::uint8_t*>(bytes.data()),
+                     length);
 }
 
 }  // namespace velprobe

@@ -139,7 +139,7 @@ ErrorText write_string(BerStream& stream, std::uint32_t maximum,
                        const char* text);
 
 // read_string reads a text of at most maximum bytes. The caller owns it, also
-// when the read of its bytes fails.
+// when the read of its bytes fails: then it ends with the last one that came.
 //   "Wrong tag, expected BE_STRING"
 //   "data out of range in read_string": indefinite or longer than maximum
 //   "Unable to allocate data in read_string"
@@ -147,14 +147,14 @@ ErrorText read_string(BerStream& stream, std::uint32_t maximum, Text& out_text,
                       std::uint32_t tag);
 
 // write_real writes zero as no contents, infinities and not-a-number as one
-// format byte, anything else as text of seven significant digits ("%e"; the
-// process's LC_NUMERIC is to be "C").
+// format byte, anything else as text of seven significant digits ("%e" of
+// printf with a point, whatever the process's locale is).
 //   "String representation of double larger than buffer"
 ErrorText write_real(BerStream& stream, double value);
 
 //   "Wrong tag, expected BE_REAL"
-//   "data out of range in read_bool": indefinite or over 59 bytes. Peers know
-//   these words; they stay.
+//   "data out of range in read_bool": indefinite or over 59 bytes; the name
+//   is part of the text that users know
 //   "Zero/non-zero real mismatch": a text that converts to zero
 //   "Unsupported real number format revceived"
 ErrorText read_real(BerStream& stream, double& out_value, std::uint32_t tag);
@@ -178,7 +178,6 @@ ErrorText write_bignum(BerStream& stream, const BigNum* number);
 //   "Wrong tag, expected BE_INTEGER"
 //   "data out of range in read_bignum": indefinite length
 //   "Out of memory in read_bignum"
-//   the text of bn_set_data; the limbs' memory then stays taken
 ErrorText read_bignum(BerStream& stream, BigNumPtr& out_number,
                       std::uint32_t tag);
 

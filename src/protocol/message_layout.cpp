@@ -9,13 +9,13 @@ namespace {
 // The member of a record that a field describes.
 template <typename Member>
 Member& member_of(void* record, const FieldLayout& field) {
-  return *reinterpret_cast<Member*>(static_cast<char*>(record) + field.offset);
+  return *static_cast<Member*>(field.member(record));
 }
 
 template <typename Member>
 const Member& member_of(const void* record, const FieldLayout& field) {
-  return *reinterpret_cast<const Member*>(static_cast<const char*>(record) +
-                                          field.offset);
+  // The accessor itself only forms an address.
+  return *static_cast<const Member*>(field.member(const_cast<void*>(record)));
 }
 
 ErrorText write_field(BerStream& stream, const FieldLayout& field,

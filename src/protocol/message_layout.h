@@ -22,12 +22,12 @@ enum class FieldType {
   kBigNum,      // BigNumPtr
 };
 
-// FieldLayout describes one field of a message and where its member stands in
-// the record, in bytes from the record's start.
+// FieldLayout describes one field of a message.
 struct FieldLayout {
   const char* name;
   FieldType type;
-  std::size_t offset;
+  // member gives the address of the field's member in a record.
+  void* (*member)(void* record);
   std::int64_t minimum;
   std::int64_t maximum;
 };
@@ -38,7 +38,7 @@ enum class MessageKind {
 };
 
 // MessageLayout describes one message. A message without fields has no record:
-// its record_size is 0.
+// its record_size, in bytes, is 0.
 struct MessageLayout {
   const char* name;
   std::uint32_t tag;

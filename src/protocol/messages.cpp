@@ -26,8 +26,10 @@ void no_record(void*) {}
     using Record = name;          \
     constexpr FieldLayout kFields[] = {
 #define OPEN_MESSAGE(name, tag) CLOSED_MESSAGE(name, tag)
-#define FIELD(field, type, min, max) \
-  {#field, FieldType::type, offsetof(Record, field), min, max},
+#define FIELD(field, type, min, max)                                           \
+  {#field, FieldType::type,                                                    \
+   [](void* record) -> void* { return &static_cast<Record*>(record)->field; }, \
+   min, max},
 #define INT_FIELD(field, min, max) FIELD(field, kSigned, min, max)
 #define UNSIGNED_FIELD(field, min, max) FIELD(field, kUnsigned, min, max)
 #define STRING_FIELD(field, max) FIELD(field, kString, 0, max)

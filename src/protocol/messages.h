@@ -19,10 +19,13 @@
 //                                   std::uint32_t known_tag);
 //
 // The reader of an open message is called read_NAME_incomplete. A message
-// without fields has no record and its functions take none. known_tag is a tag
-// that the caller has already read, or 0. A record owns its texts and
-// numbers; what a failed read had already stored stays in it. write_message and
-// read_message (message_layout.h) tell the error texts.
+// without fields has no record and its functions take none. A record owns its
+// texts and numbers; what a failed read had already stored stays in it.
+// write_message and read_message (message_layout.h) tell the error texts.
+//
+// known_tag is the tag that the caller has already read, or 0 when the reader
+// is to read it. An end-of-contents reads as 0 too: compare a tag with
+// kTagOf_NAME before you hand it on.
 #ifndef VELPROBE_PROTOCOL_MESSAGES_H_
 #define VELPROBE_PROTOCOL_MESSAGES_H_
 
@@ -68,7 +71,7 @@ namespace velprobe {
   ErrorText write_##name(BerStream& stream);            \
   ErrorText read_##name##_incomplete(BerStream& stream, \
                                      std::uint32_t known_tag);
-// One pair an enumeration type; any unsigned 32-bit value is carried.
+// One pair for each enumeration type; any unsigned 32-bit value is carried.
 #define ENUMERATION(type)                                            \
   ErrorText write_##type(BerStream& stream, std::uint32_t value);    \
   ErrorText read_##type(BerStream& stream, std::uint32_t& out_value, \

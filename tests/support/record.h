@@ -25,8 +25,7 @@ class Record {
 
   template <typename Member>
   Member& member(const FieldLayout& field) {
-    return *reinterpret_cast<Member*>(reinterpret_cast<char*>(memory_.get()) +
-                                      field.offset);
+    return *static_cast<Member*>(field.member(memory_.get()));
   }
 
   // Sets a field to a number, a text of so many bytes, or 2 to so many bits.
