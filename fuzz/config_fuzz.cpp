@@ -23,12 +23,15 @@ using Values = std::vector<std::optional<std::string>>;
 
 // process runs an operation on values and leaves the list's new ones in them.
 bool process(ConfigMode mode, Values& values) {
-  for (std::size_t i = 0; i < kNumConfigKeys; ++i)
-    config_keys[i].value = values[i] ? copy_text(*values[i]) : nullptr;
-  if (process_config_file(kPath, config_keys, mode)) return false;
-  for (std::size_t i = 0; i < kNumConfigKeys; ++i) {
+  ConfigKeyList keys;
+  std::size_t i = 0;
+  for (ConfigKey* key = keys.head(); key; key = key->next, ++i)
+    key->value = values[i] ? copy_text(*values[i]) : nullptr;
+  if (process_config_file(kPath, keys.head(), mode)) return false;
+  i = 0;
+  for (ConfigKey* key = keys.head(); key; key = key->next, ++i) {
     values[i].reset();
-    if (config_keys[i].value) values[i] = config_keys[i].value.get();
+    if (key->value) values[i] = key->value.get();
   }
   return true;
 }

@@ -25,24 +25,26 @@ using Values = std::map<std::string, std::string>;  // by key
 const Values kAll = {
     {"domain", "D"}, {"name", "N"}, {"server_port", "1"}, {"server_list", "S"}};
 
+ConfigKeyList config_keys;
+
 void set_values(const Values& values) {
-  for (ConfigKey& key : config_keys) {
-    const auto value = values.find(key.key);
-    key.value = value == values.end() ? nullptr : copy_text(value->second);
+  for (ConfigKey* key = config_keys.head(); key; key = key->next) {
+    const auto value = values.find(key->key);
+    key->value = value == values.end() ? nullptr : copy_text(value->second);
   }
 }
 
 Values get_values() {
   Values values;
-  for (const ConfigKey& key : config_keys) {
-    if (key.value) values[key.key] = key.value.get();
+  for (ConfigKey* key = config_keys.head(); key; key = key->next) {
+    if (key->value) values[key->key] = key->value.get();
   }
   return values;
 }
 
 // process gives the error's text, empty on success.
 std::string process(const std::string& path, ConfigMode mode) {
-  return text_of(process_config_file(path.c_str(), config_keys, mode));
+  return text_of(process_config_file(path.c_str(), config_keys.head(), mode));
 }
 
 std::string rewrite(const std::string& path, const Values& values) {

@@ -2,8 +2,6 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <string_view>
-#include <utility>
 
 #include "../util/console.h"
 #include "assignments.h"
@@ -29,17 +27,6 @@ ErrorText offer_creation(const char* path, int open_error) {
   return answer[0] == 'y' ? ErrorText() : could_not_open(path, open_error);
 }
 
-ErrorText take_values(std::string_view file, ConfigKey* keys) {
-  AssignmentWalk walk{file, keys};
-  for (Assignment assignment; next_assignment(&walk, &assignment);) {
-    const std::size_t length = assignment.value_end - assignment.value_begin;
-    Text value = copy_text(file.substr(assignment.value_begin, length));
-    if (!value) return kOutOfMemory;
-    assignment.key->value = std::move(value);
-  }
-  return {};
-}
-
 ErrorText read_config_file(const char* path, ConfigKey* keys) {
   LoadedFile file;
   if (ErrorText error = load_config_file(path, FileUse::kRead, &file))
@@ -52,13 +39,6 @@ ErrorText read_config_file(const char* path, ConfigKey* keys) {
 }
 
 }  // namespace
-
-constinit ConfigKey config_keys[kNumConfigKeys] = {
-    {"domain", nullptr, &config_keys[kNameKey]},
-    {"name", nullptr, &config_keys[kServerPortKey]},
-    {"server_port", nullptr, &config_keys[kServerListKey]},
-    {"server_list", nullptr, nullptr},
-};
 
 ErrorText process_config_file(const char* path, ConfigKey* keys,
                               ConfigMode mode) {

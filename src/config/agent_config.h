@@ -14,29 +14,9 @@
 #define VELPROBE_CONFIG_AGENT_CONFIG_H_
 
 #include "../util/error_text.h"
-#include "../util/text.h"
+#include "config_keys.h"
 
 namespace velprobe {
-
-// ConfigKey is one entry of a list of known keys. value is absent (null) until
-// it is read or set; an empty text is a value.
-struct ConfigKey {
-  const char* key;
-  Text value;
-  ConfigKey* next;
-};
-
-// Where config_keys holds what.
-enum ConfigKeyPosition {
-  kDomainKey,
-  kNameKey,
-  kServerPortKey,
-  kServerListKey,
-  kNumConfigKeys
-};
-
-// config_keys is the one program-wide list, linked in the order of positions.
-extern ConfigKey config_keys[kNumConfigKeys];
 
 enum class ConfigMode { kRead, kWrite };
 

@@ -1,6 +1,7 @@
 #include "assignments.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace velprobe {
 namespace {
@@ -69,6 +70,17 @@ bool next_assignment(AssignmentWalk* walk, Assignment* out) {
     out->value_end = out->value_begin + value.size();
     return true;
   }
+}
+
+ErrorText take_values(std::string_view file, ConfigKey* keys) {
+  AssignmentWalk walk{file, keys};
+  for (Assignment assignment; next_assignment(&walk, &assignment);) {
+    const std::size_t length = assignment.value_end - assignment.value_begin;
+    Text value = copy_text(file.substr(assignment.value_begin, length));
+    if (!value) return kOutOfMemory;
+    assignment.key->value = std::move(value);
+  }
+  return {};
 }
 
 }  // namespace velprobe

@@ -5,7 +5,8 @@
 #include <cstddef>
 #include <string_view>
 
-#include "agent_config.h"
+#include "../util/error_text.h"
+#include "config_keys.h"
 
 namespace velprobe {
 
@@ -28,6 +29,12 @@ struct AssignmentWalk {
 // next_assignment moves the walk behind the next line that assigns a known key
 // and describes it. False at the end of the file.
 bool next_assignment(AssignmentWalk* walk, Assignment* out);
+
+// take_values sets the value of each of keys that the file assigns; the last
+// line with a key counts.
+//
+// Failure: "Out of memory".
+ErrorText take_values(std::string_view file, ConfigKey* keys);
 
 }  // namespace velprobe
 

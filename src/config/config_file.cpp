@@ -37,21 +37,6 @@ bool try_lock(const char* path, int descriptor, FileUse use) {
   return is_at(path, descriptor);
 }
 
-// read_whole appends everything up to the end of a file, pipe or device.
-// Returns 0 or a system error number.
-int read_whole(int descriptor, ByteBuffer* bytes) {
-  for (;;) {
-    if (!bytes->reserve(kChunkSize)) return ENOMEM;
-    const ssize_t length = ::read(descriptor, bytes->data() + bytes->size(),
-                                  bytes->capacity() - bytes->size());
-    if (length == 0) return 0;
-    if (length < 0 && errno == EINTR) continue;
-    if (length < 0) return errno;
-    bytes->resize(bytes->size() + static_cast<std::size_t>(length));
-    if (bytes->size() > kMaxFileSize) return EFBIG;
-  }
-}
-
 }  // namespace
 
 ErrorText load_config_file(const char* path, FileUse use, LoadedFile* out) {
@@ -70,10 +55,23 @@ ErrorText load_config_file(const char* path, FileUse use, LoadedFile* out) {
     }
   }
   if (!out->descriptor) return {};
-  if (int error = read_whole(out->descriptor.get(), &out->bytes)) {
+  if (int error = read_whole(out->descriptor.get(), out->bytes)) {
     return could_not_open(path, error);
   }
   return {};
+}
+
+int read_whole(int descriptor, ByteBuffer& bytes) {
+  for (;;) {
+    if (!bytes.reserve(kChunkSize)) return ENOMEM;
+    const ssize_t length = ::read(descriptor, bytes.data() + bytes.size(),
+                                  bytes.capacity() - bytes.size());
+    if (length == 0) return 0;
+    if (length < 0 && errno == EINTR) continue;
+    if (length < 0) return errno;
+    bytes.resize(bytes.size() + static_cast<std::size_t>(length));
+    if (bytes.size() > kMaxFileSize) return EFBIG;
+  }
 }
 
 ErrorText could_not_open(const char* path, int error_number) {

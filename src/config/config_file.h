@@ -32,6 +32,10 @@ struct LoadedFile {
 // more than 64 MiB.
 ErrorText load_config_file(const char* path, FileUse use, LoadedFile* out);
 
+// read_whole appends everything up to the end of a file, pipe or device.
+// Returns 0 or a system error number, EFBIG after 64 MiB.
+int read_whole(int descriptor, ByteBuffer& bytes);
+
 // could_not_open gives "Could not open configuration file %s: %s" with the
 // system's text for the number.
 ErrorText could_not_open(const char* path, int error_number);

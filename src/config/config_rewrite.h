@@ -2,7 +2,8 @@
 #ifndef VELPROBE_CONFIG_CONFIG_REWRITE_H_
 #define VELPROBE_CONFIG_CONFIG_REWRITE_H_
 
-#include "agent_config.h"
+#include "../util/error_text.h"
+#include "config_keys.h"
 
 namespace velprobe {
 

@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "../config/agent_config.h"
+#include "../config/settings.h"
 #include "../net/tcp.h"
 #include "../probe/check_in_probe.h"
 #include "../probe/discovery_scan.h"
@@ -25,11 +26,8 @@
 namespace velprobe {
 namespace {
 
-// Step tells whether the story goes on or has come to its end.
-enum class Step { kGoOn, kSucceed, kFail };
-
-// Run holds what one run knows.
 struct Run {
+  ConfigKeyList config_keys;
   const char* config_path = nullptr;
   Mode mode = Mode::kTest;
   std::uint16_t port = kDefaultServerPort;
@@ -42,44 +40,58 @@ struct Run {
   bool any_rejected = false;
 };
 
-const char* config_value(ConfigKeyPosition key) {
-  return config_keys[key].value.get();
-}
-
 const char* or_empty(const char* text) {
   return text != nullptr ? text : "";
 }
 
-// print_server_text prints a line that may hold a server's own words. They
-// must not steer a terminal or forge a line on it; into a pipe or a file the
-// bytes go out as they came.
-void print_server_text(const char* text) {
-  std::array<char, kErrorTextSize> shown;
-  copy_bounded(shown.data(), text, shown.size());
-  if (::isatty(STDOUT_FILENO) != 0) replace_control_bytes(shown.data());
-  std::puts(shown.data());
+// print_foreign prints what a server or the configuration file says, between
+// two texts of our own. It must not steer a terminal or forge a line on it;
+// into a pipe or a file the bytes go out as they came.
+void print_foreign(const char* before, std::string_view foreign,
+                   const char* after) {
+  std::fputs(before, stdout);
+  if (::isatty(STDOUT_FILENO) == 0) {
+    std::fwrite(foreign.data(), 1, foreign.size(), stdout);
+  } else {
+    const Text shown = copy_text(foreign);
+    if (shown) replace_control_bytes(shown.get());
+    std::fputs(shown ? shown.get() : kOutOfMemory, stdout);
+  }
+  std::fputs(after, stdout);
 }
 
-// ask asks a yes/no question; only a lower-case "y" is a yes. kFail: nobody
-// answers, and the user has been told.
-Step ask(bool& out_yes) {
+// The functions from here to the end are the story of a run. Each is true when
+// the story goes on, and otherwise has told the user why it ends with a
+// failure.
+
+// ask asks a yes/no question; only a lower-case "y" is a yes.
+bool ask(bool& out_yes) {
   std::array<char, 8> answer{};
   if (ErrorText error = input_line(answer.data(), answer.size(), "(y/N) ")) {
     std::printf("%s", error.c_str());
-    return Step::kFail;
+    return false;
   }
   out_yes = answer[0] == 'y';
-  return Step::kGoOn;
+  return true;
 }
 
 // --- Start-up -----------------------------------------------------------
 
-Step complain_about_usage() {
-  std::fputs("Usage: velprobe agent.conf (test|configure)\n", stderr);
-  return Step::kFail;
+bool start_up() {
+  // To write beyond the limit on file sizes is an error like a full disk.
+  std::signal(SIGXFSZ, SIG_IGN);
+  const ErrorText error = start_socket_subsystem();
+  if (!error) return true;
+  std::fprintf(stderr, "Error starting socket subsystem: %s\n", error.c_str());
+  return false;
 }
 
-Step read_command_line(int argc, char** argv, Run& run) {
+bool complain_about_usage() {
+  std::fputs("Usage: velprobe agent.conf (test|configure)\n", stderr);
+  return false;
+}
+
+bool read_command_line(int argc, char** argv, Run& run) {
   if (argc != 3) {
     std::fputs("Invalid number of arguments\n", stderr);
     return complain_about_usage();
@@ -94,70 +106,46 @@ Step read_command_line(int argc, char** argv, Run& run) {
     std::fprintf(stderr, "Operation \"%s\" not implemented\n", operation);
     return complain_about_usage();
   }
-  return Step::kGoOn;
+  return true;
 }
 
-Step start_up(int argc, char** argv, Run& run) {
-  // To write beyond the limit on file sizes is an error like a full disk.
-  std::signal(SIGXFSZ, SIG_IGN);
-  if (ErrorText error = start_socket_subsystem()) {
-    std::fprintf(stderr, "Error starting socket subsystem: %s\n",
-                 error.c_str());
-    return Step::kFail;
-  }
-  return read_command_line(argc, argv, run);
-}
-
-// The low 16 bits of the number are the port, whatever the file says.
-std::uint16_t configured_port() {
-  const char* text = config_value(kServerPortKey);
-  if (text == nullptr) return kDefaultServerPort;
-  return static_cast<std::uint16_t>(std::strtol(text, nullptr, 0));
-}
-
-Step read_configuration(Run& run) {
-  if (ErrorText error = process_config_file(run.config_path, config_keys,
-                                            ConfigMode::kRead)) {
+bool read_configuration(Run& run) {
+  if (ErrorText error = process_config_file(
+          run.config_path, run.config_keys.head(), ConfigMode::kRead)) {
     std::puts(error.c_str());
-    return Step::kFail;
+    return false;
   }
-  run.port = configured_port();
-  return Step::kGoOn;
+  run.port = parse_server_port(run.config_keys[kServerPortKey].get(),
+                               kDefaultServerPort);
+  return true;
 }
 
 // --- Choosing the servers -----------------------------------------------
 
-// One server a comma; no blanks are trimmed.
-Step take_configured_servers(Run& run) {
-  const char* list = or_empty(config_value(kServerListKey));
-  const std::size_t length = std::strlen(list);
-  run.server_names = new_text(length + 1);
-  if (!run.server_names) {
-    std::puts(kOutOfMemory);
-    return Step::kFail;
-  }
-  for (std::size_t i = 0; i < length; ++i)
-    run.server_names[i] = list[i] == ',' ? '\0' : list[i];
-  return Step::kGoOn;
+bool take_configured_servers(Run& run) {
+  run.server_names = split_server_list(run.config_keys[kServerListKey].get());
+  if (run.server_names) return true;
+  std::puts(kOutOfMemory);
+  return false;
 }
 
-Step scan_networks(Run& run) {
+bool scan_networks(Run& run) {
   std::printf("Will scan for a Veltra Server listening on port %i...\n",
               run.port);
   std::fflush(stdout);
   if (ErrorText error = scan_for_servers(run.port, &run.server_names)) {
     std::puts(error.c_str());
-    return Step::kFail;
+    return false;
   }
   const char* name = run.server_names.get();
   for (; *name != '\0'; name = next_text(name))
-    std::printf("Found Veltra server \"%s\"\n", name);
+    print_foreign("Found Veltra server \"", name, "\"\n");
   std::puts("");
-  return Step::kGoOn;
+  return true;
 }
 
-Step choose_servers_to_configure(Run& run) {
-  const char* list = config_value(kServerListKey);
+bool choose_servers_to_configure(Run& run) {
+  const char* list = run.config_keys[kServerListKey].get();
   const bool already_configured =
       !is_absent_or_empty(list) && std::strcmp(list, "localhost") != 0;
   if (!already_configured) return scan_networks(run);
@@ -165,35 +153,36 @@ Step choose_servers_to_configure(Run& run) {
   std::puts(
       "This Veltra agent is already configured to check in to the Veltra "
       "server:");
-  std::printf("\"%s\", do you want to scan for the Veltra server anyway? ",
-              list);
+  print_foreign("\"", list,
+                "\", do you want to scan for the Veltra server anyway? ");
   bool wants_scan = false;
-  if (const Step step = ask(wants_scan); step != Step::kGoOn) return step;
+  if (!ask(wants_scan)) return false;
   if (wants_scan) return scan_networks(run);
   std::puts("");
   return take_configured_servers(run);
 }
 
-Step choose_servers(Run& run) {
+bool choose_servers(Run& run) {
   return run.mode == Mode::kConfigure ? choose_servers_to_configure(run)
                                       : take_configured_servers(run);
 }
 
 // --- Probing ------------------------------------------------------------
 
-Step add_working_server(Run& run, const char* server) {
+bool add_working_server(Run& run, const char* server) {
   const bool first = run.working_servers.size() == 0;
   if ((first || run.working_servers.append(",")) &&
       run.working_servers.append(server))
-    return Step::kGoOn;
+    return true;
   std::printf("%s", kOutOfMemory);
-  return Step::kFail;
+  return false;
 }
 
 // Without a configured name the agent goes by its address; the last server's
 // view of it wins.
 void take_proposed_name(Run& run, Text address_text) {
-  if (!address_text || !is_absent_or_empty(config_value(kNameKey))) return;
+  if (!address_text || !is_absent_or_empty(run.config_keys[kNameKey].get()))
+    return;
   std::printf(
       "Agent name not specified in %s.\n"
       "Will use IP address as agent name \"%s\"\n",
@@ -201,18 +190,17 @@ void take_proposed_name(Run& run, Text address_text) {
   run.proposed_name = std::move(address_text);
 }
 
-Step try_server(Run& run, const char* server) {
-  std::printf("Trying to connect to Veltra server \"%s\" on port %d ...\n",
-              server, run.port);
+bool try_server(Run& run, const char* server) {
+  print_foreign("Trying to connect to Veltra server \"", server, "\" on port ");
+  std::printf("%d ...\n", run.port);
   Text address_text;
   ProbeStatus status = ProbeStatus::kNoAnswer;
   const ErrorText error =
-      probe_server(server, run.port, config_value(kNameKey),
-                   config_value(kDomainKey), &address_text, &status);
+      probe_server(server, run.port, run.config_keys[kNameKey].get(),
+                   run.config_keys[kDomainKey].get(), &address_text, &status);
   take_proposed_name(run, std::move(address_text));
   if (status != ProbeStatus::kNoAnswer) {
-    if (const Step step = add_working_server(run, server); step != Step::kGoOn)
-      return step;
+    if (!add_working_server(run, server)) return false;
     if (error) {
       run.any_rejected = true;
     } else {
@@ -220,28 +208,27 @@ Step try_server(Run& run, const char* server) {
     }
   }
   if (error) {
-    print_server_text(error.c_str());
+    print_foreign("", error.c_str(), "\n");
   } else {
     std::puts("Connecting to server: OK.");
   }
-  return Step::kGoOn;
+  return true;
 }
 
-Step propose_configured_name(Run& run) {
-  const char* name = config_value(kNameKey);
-  if (run.proposed_name || name == nullptr) return Step::kGoOn;
+bool propose_configured_name(Run& run) {
+  const char* name = run.config_keys[kNameKey].get();
+  if (run.proposed_name || name == nullptr) return true;
   run.proposed_name = copy_text(name);
-  if (run.proposed_name) return Step::kGoOn;
+  if (run.proposed_name) return true;
   std::puts(kOutOfMemory);
-  return Step::kFail;
+  return false;
 }
 
-Step try_all_servers(Run& run) {
+bool try_all_servers(Run& run) {
   const char* server = run.server_names.get();
   const bool any = *server != '\0';
   for (; *server != '\0'; server = next_text(server)) {
-    if (const Step step = try_server(run, server); step != Step::kGoOn)
-      return step;
+    if (!try_server(run, server)) return false;
   }
   if (any) std::puts("");
   return propose_configured_name(run);
@@ -249,63 +236,60 @@ Step try_all_servers(Run& run) {
 
 // --- Outcome ------------------------------------------------------------
 
-Step write_configuration(Run& run) {
+bool write_configuration(Run& run) {
   std::printf("Updating \"%s\" ...\n", run.config_path);
-  config_keys[kServerListKey].value = copy_text(run.working_servers.view());
-  config_keys[kNameKey].value = std::move(run.proposed_name);
-  if (!config_keys[kServerListKey].value) {
+  run.config_keys[kServerListKey] = copy_text(run.working_servers.view());
+  run.config_keys[kNameKey] = std::move(run.proposed_name);
+  if (!run.config_keys[kServerListKey]) {
     std::printf("Error: %s\n", kOutOfMemory);
-    return Step::kFail;
+    return false;
   }
-  if (ErrorText error = process_config_file(run.config_path, config_keys,
-                                            ConfigMode::kWrite)) {
+  if (ErrorText error = process_config_file(
+          run.config_path, run.config_keys.head(), ConfigMode::kWrite)) {
     std::printf("Error: %s\n", error.c_str());
-    return Step::kFail;
+    return false;
   }
   std::puts("Configuration succesfully updated.");
-  return Step::kSucceed;
+  return true;
 }
 
-Step offer_update(Run& run) {
-  Text& domain = config_keys[kDomainKey].value;
+bool offer_update(Run& run) {
+  Text& domain = run.config_keys[kDomainKey];
   if (is_absent_or_empty(domain.get())) domain = copy_text(".");
   if (!domain) {
     std::puts(kOutOfMemory);
-    return Step::kFail;
+    return false;
   }
-  const std::string_view servers = run.working_servers.view();
-  std::printf("\nVeltra server name: \"%.*s\"\n",
-              static_cast<int>(servers.size()), servers.data());
-  std::printf("Veltra agent name: \"%s\"\n", or_empty(run.proposed_name.get()));
-  std::printf("Veltra agent domain: \"%s\"\n\n", domain.get());
+  print_foreign("\nVeltra server name: \"", run.working_servers.view(), "\"\n");
+  print_foreign("Veltra agent name: \"", or_empty(run.proposed_name.get()),
+                "\"\n");
+  print_foreign("Veltra agent domain: \"", domain.get(), "\"\n\n");
 
   std::puts(
       "Do you want to update the configuration file of this Veltra agent");
   std::printf("with the above information? ");
   bool wants_update = false;
-  if (const Step step = ask(wants_update); step != Step::kGoOn) return step;
-  return wants_update ? write_configuration(run) : Step::kSucceed;
+  if (!ask(wants_update)) return false;
+  return !wants_update || write_configuration(run);
 }
 
-Step conclude(Run& run) {
+bool conclude(Run& run) {
   const bool any_answered = run.working_servers.size() > 0;
   const Verdict verdict =
       judge(any_answered, run.any_accepted, run.any_rejected);
   print_outcome(verdict, run.mode);
   if (any_answered && run.mode == Mode::kConfigure) return offer_update(run);
-  return Step::kSucceed;
+  return true;
 }
 
 }  // namespace
 
 int run_velprobe(int argc, char** argv) {
   Run run;
-  Step step = start_up(argc, argv, run);
-  if (step == Step::kGoOn) step = read_configuration(run);
-  if (step == Step::kGoOn) step = choose_servers(run);
-  if (step == Step::kGoOn) step = try_all_servers(run);
-  if (step == Step::kGoOn) step = conclude(run);
-  return step == Step::kFail ? EXIT_FAILURE : EXIT_SUCCESS;
+  const bool success = start_up() && read_command_line(argc, argv, run) &&
+                       read_configuration(run) && choose_servers(run) &&
+                       try_all_servers(run) && conclude(run);
+  return success ? EXIT_SUCCESS : EXIT_FAILURE;
 }
 
 }  // namespace velprobe
