@@ -17,6 +17,7 @@
 #include "net/listener.h"
 #include "net/tcp.h"
 #include "probe/check_in_probe.h"
+#include "probe/crc32.h"
 #include "probe/discovery_datagram.h"
 #include "protocol/ber_codec.h"
 #include "protocol/memory_stream.h"

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "modules/Crypto/base_bignum_c.h"
 #include "modules/Crypto/primes.h"
 #include "support/big_numbers.h"
 #include "support/vectors.h"

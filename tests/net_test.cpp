@@ -20,9 +20,11 @@
 #include <thread>
 #include <vector>
 
+#include "net/interface_name.h"
 #include "net/interfaces.h"
 #include "net/listener.h"
 #include "net/resolver.h"
+#include "net/resolver_failure.h"
 #include "net/system_socket.h"
 #include "net/tcp.h"
 #include "net/udp.h"

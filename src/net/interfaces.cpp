@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "../util/owners.h"
+#include "interface_name.h"
 #include "system_socket.h"
 
 namespace velprobe {

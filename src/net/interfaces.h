@@ -2,7 +2,6 @@
 #ifndef VELPROBE_NET_INTERFACES_H_
 #define VELPROBE_NET_INTERFACES_H_
 
-#include <net/if.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 
@@ -34,10 +33,6 @@ std::unique_ptr<NicInfo[]> list_nics();
 // 255.255.255.255 when the mask is unknown (zero).
 Ipv4Address directed_broadcast(const Ipv4Address& address,
                                const Ipv4Address& netmask);
-
-// set_nic_name stores an interface's name as the system gave it, with or
-// without a NUL at its end; an empty one becomes "no name(%d)" with index.
-void set_nic_name(NicInfo& nic, const char (&system_name)[IFNAMSIZ], int index);
 
 }  // namespace velprobe
 #pragma GCC visibility pop

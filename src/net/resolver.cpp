@@ -11,6 +11,7 @@
 #include <cstring>
 
 #include "../util/byte_buffer.h"
+#include "resolver_failure.h"
 
 namespace velprobe {
 

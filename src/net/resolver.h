@@ -32,10 +32,6 @@ ErrorText resolve_host_all(const char* name,
                            std::span<Ipv4Address> out_addresses,
                            std::size_t& out_count);
 
-// resolver_failure is the text of resolve_host for one error code of the
-// resolver (h_errno).
-ErrorText resolver_failure(const char* name, int code);
-
 // reverse_resolve stores a reference to the official name of an address, which
 // stays valid until the thread's next call of reverse_resolve. False when there
 // is none or out_name is null.

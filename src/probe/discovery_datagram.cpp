@@ -1,6 +1,7 @@
 #include "discovery_datagram.h"
 
 #include "../util/byte_order.h"
+#include "crc32.h"
 
 namespace velprobe {
 

@@ -30,10 +30,6 @@ bool is_discovery_query(const std::uint8_t* bytes, std::size_t length);
 // least the sixteen bytes up to the checksum, which is not verified.
 bool is_discovery_answer(const std::uint8_t* bytes, std::size_t length);
 
-// crc32 is the reflected CRC-32 of IEEE 802.3: polynomial 0xEDB88320, register
-// started at all ones, result complemented.
-std::uint32_t crc32(const std::uint8_t* bytes, std::size_t length);
-
 }  // namespace velprobe
 #pragma GCC visibility pop
 

@@ -5,7 +5,6 @@
 #include <cstddef>
 #include <string_view>
 
-#pragma GCC visibility push(default)
 namespace velprobe {
 
 // ByteBuffer is a growing run of bytes whose growth can fail. Its capacity
@@ -40,6 +39,5 @@ class ByteBuffer {
 };
 
 }  // namespace velprobe
-#pragma GCC visibility pop
 
 #endif  // VELPROBE_UTIL_BYTE_BUFFER_H_

@@ -6,7 +6,6 @@
 
 #include "error_text.h"
 
-#pragma GCC visibility push(default)
 namespace velprobe {
 
 // input_line prints prompt as it stands on standard output, flushes it, and
@@ -32,6 +31,5 @@ ErrorText input_line_noecho(char* buffer, std::size_t length,
                             const char* prompt);
 
 }  // namespace velprobe
-#pragma GCC visibility pop
 
 #endif  // VELPROBE_UTIL_CONSOLE_H_

@@ -1,8 +1,8 @@
 // The AES block transform (FIPS 197) and its modes, on whole blocks, behind one
 // table that two paths fill: a portable one and one on the processor's own AES
 // instructions. Internal to this folder and its tests: it checks nothing.
-#ifndef VELPROBE_MODULES_CRYPTO_C_AES_BLOCK_H_
-#define VELPROBE_MODULES_CRYPTO_C_AES_BLOCK_H_
+#ifndef VELPROBE_MODULES_CRYPTO_AES_BLOCK_H_
+#define VELPROBE_MODULES_CRYPTO_AES_BLOCK_H_
 
 #include <cstddef>
 #include <cstdint>
@@ -82,4 +82,4 @@ void invert_aes_schedule(const std::uint32_t (&encryption)[kAesScheduleWords],
 
 }  // namespace velprobe
 
-#endif  // VELPROBE_MODULES_CRYPTO_C_AES_BLOCK_H_
+#endif  // VELPROBE_MODULES_CRYPTO_AES_BLOCK_H_

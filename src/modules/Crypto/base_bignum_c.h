@@ -3,22 +3,14 @@
 // A limb is 32 bits, least significant limb first. An operand is an array and
 // its length in limbs. Nothing here allocates, and running times depend on the
 // values.
-#ifndef VELPROBE_MODULES_CRYPTO_C_BASE_BIGNUM_C_H_
-#define VELPROBE_MODULES_CRYPTO_C_BASE_BIGNUM_C_H_
+#ifndef VELPROBE_MODULES_CRYPTO_BASE_BIGNUM_C_H_
+#define VELPROBE_MODULES_CRYPTO_BASE_BIGNUM_C_H_
 
 #include <cstdint>
 
-#pragma GCC visibility push(default)
-namespace velprobe {
+#include "bignum_value.h"
 
-// BigNum is an unsigned integer of any length: len limbs in use of size
-// allocated. The limbs from len up to size are zero; a normalised number has a
-// top limb other than zero, or len 0 for the value zero.
-struct BigNum {
-  std::uint32_t* data;
-  std::uint64_t len;
-  std::uint64_t size;
-};
+namespace velprobe {
 
 // base_significant_limbs gives the length without the zero limbs at the top.
 std::uint64_t base_significant_limbs(const std::uint32_t* data,
@@ -145,6 +137,5 @@ int base_power_modulo(BigNum* res, const BigNum* base, const BigNum* exponent,
                       const BigNum* modulus, BigNum* mbuf, BigNum* altbuf);
 
 }  // namespace velprobe
-#pragma GCC visibility pop
 
-#endif  // VELPROBE_MODULES_CRYPTO_C_BASE_BIGNUM_C_H_
+#endif  // VELPROBE_MODULES_CRYPTO_BASE_BIGNUM_C_H_

@@ -6,6 +6,7 @@
 #include <limits>
 
 #include "../../util/byte_order.h"
+#include "base_bignum_c.h"
 #include "crypto_assert.h"
 #include "wipe.h"
 

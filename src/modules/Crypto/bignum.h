@@ -7,15 +7,15 @@
 // are not null unless a comment says otherwise; operands may be the same number
 // where nothing else is said; a number described as result or scratch is one of
 // its own. Running times depend on the values.
-#ifndef VELPROBE_MODULES_CRYPTO_C_BIGNUM_H_
-#define VELPROBE_MODULES_CRYPTO_C_BIGNUM_H_
+#ifndef VELPROBE_MODULES_CRYPTO_BIGNUM_H_
+#define VELPROBE_MODULES_CRYPTO_BIGNUM_H_
 
 #include <cstdint>
 #include <memory>
 
 #include "../../util/error_text.h"
 #include "../../util/text.h"
-#include "base_bignum_c.h"
+#include "bignum_value.h"
 
 #pragma GCC visibility push(default)
 namespace velprobe {
@@ -149,4 +149,4 @@ std::uint64_t bn_strip_twos(const BigNum* a, BigNumPtr& out);
 }  // namespace velprobe
 #pragma GCC visibility pop
 
-#endif  // VELPROBE_MODULES_CRYPTO_C_BIGNUM_H_
+#endif  // VELPROBE_MODULES_CRYPTO_BIGNUM_H_

@@ -1,5 +1,6 @@
 #include <algorithm>
 
+#include "base_bignum_c.h"
 #include "bignum.h"
 #include "crypto_assert.h"
 #include "wipe.h"

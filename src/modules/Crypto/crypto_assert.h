@@ -1,7 +1,7 @@
 // Assertions of the cryptography module: active in every build type, because a
 // broken invariant in arithmetic must never turn into a wrong key.
-#ifndef VELPROBE_MODULES_CRYPTO_C_CRYPTO_ASSERT_H_
-#define VELPROBE_MODULES_CRYPTO_C_CRYPTO_ASSERT_H_
+#ifndef VELPROBE_MODULES_CRYPTO_CRYPTO_ASSERT_H_
+#define VELPROBE_MODULES_CRYPTO_CRYPTO_ASSERT_H_
 
 namespace velprobe {
 
@@ -24,4 +24,4 @@ namespace velprobe {
        ? (void)0                            \
        : ::velprobe::crypto_assert_failed(#expression, source, __func__))
 
-#endif  // VELPROBE_MODULES_CRYPTO_C_CRYPTO_ASSERT_H_
+#endif  // VELPROBE_MODULES_CRYPTO_CRYPTO_ASSERT_H_

@@ -1,5 +1,6 @@
 #include "key_agreement.h"
 
+#include "base_bignum_c.h"
 #include "primes.h"
 
 namespace velprobe {

@@ -2,8 +2,8 @@
 // protocol has always used. Kept for compatibility: the exponents are short,
 // received groups are not validated, and running times depend on secrets. Not
 // advised for new designs.
-#ifndef VELPROBE_MODULES_CRYPTO_C_KEY_AGREEMENT_H_
-#define VELPROBE_MODULES_CRYPTO_C_KEY_AGREEMENT_H_
+#ifndef VELPROBE_MODULES_CRYPTO_KEY_AGREEMENT_H_
+#define VELPROBE_MODULES_CRYPTO_KEY_AGREEMENT_H_
 
 #include <cstdint>
 
@@ -35,4 +35,4 @@ ErrorText dh_generate_key(BigNumPtr& public_out, BigNumPtr& private_out,
 }  // namespace velprobe
 #pragma GCC visibility pop
 
-#endif  // VELPROBE_MODULES_CRYPTO_C_KEY_AGREEMENT_H_
+#endif  // VELPROBE_MODULES_CRYPTO_KEY_AGREEMENT_H_

@@ -1,7 +1,7 @@
 // Two limbs at a time: how the limb routines use the full width of a 64-bit
 // machine on arrays of 32-bit limbs.
-#ifndef VELPROBE_MODULES_CRYPTO_C_LIMB_PAIRS_H_
-#define VELPROBE_MODULES_CRYPTO_C_LIMB_PAIRS_H_
+#ifndef VELPROBE_MODULES_CRYPTO_LIMB_PAIRS_H_
+#define VELPROBE_MODULES_CRYPTO_LIMB_PAIRS_H_
 
 #include <bit>
 #include <cstdint>
@@ -62,4 +62,4 @@ inline std::uint64_t divide_pair(std::uint64_t high, std::uint64_t low,
 
 }  // namespace velprobe
 
-#endif  // VELPROBE_MODULES_CRYPTO_C_LIMB_PAIRS_H_
+#endif  // VELPROBE_MODULES_CRYPTO_LIMB_PAIRS_H_

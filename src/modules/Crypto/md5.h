@@ -1,7 +1,7 @@
 // The MD5 message digest (RFC 1321). Its collisions are cheap to make: kept for
 // compatibility, not for new designs.
-#ifndef VELPROBE_MODULES_CRYPTO_C_MD5_H_
-#define VELPROBE_MODULES_CRYPTO_C_MD5_H_
+#ifndef VELPROBE_MODULES_CRYPTO_MD5_H_
+#define VELPROBE_MODULES_CRYPTO_MD5_H_
 
 #include <cstddef>
 #include <cstdint>
@@ -33,4 +33,4 @@ void md5_finish(Md5* md5, std::uint8_t (&digest)[kMd5Size]);
 }  // namespace velprobe
 #pragma GCC visibility pop
 
-#endif  // VELPROBE_MODULES_CRYPTO_C_MD5_H_
+#endif  // VELPROBE_MODULES_CRYPTO_MD5_H_

@@ -4,7 +4,9 @@
 #include <bit>
 #include <utility>
 
+#include "base_bignum_c.h"
 #include "limb_pairs.h"
+#include "small_primes.h"
 
 namespace velprobe {
 namespace {

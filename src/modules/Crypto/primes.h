@@ -1,35 +1,12 @@
 // Probable primes: trial division, the Miller-Rabin test, and a search.
-#ifndef VELPROBE_MODULES_CRYPTO_C_PRIMES_H_
-#define VELPROBE_MODULES_CRYPTO_C_PRIMES_H_
-
-#include <array>
-#include <cstddef>
-#include <cstdint>
+#ifndef VELPROBE_MODULES_CRYPTO_PRIMES_H_
+#define VELPROBE_MODULES_CRYPTO_PRIMES_H_
 
 #include "bignum.h"
 #include "random.h"
 
 #pragma GCC visibility push(default)
 namespace velprobe {
-
-inline constexpr std::uint32_t kSmallPrimeLimit = 8192;
-inline constexpr std::size_t kNumSmallPrimes = 1028;
-
-// kSmallPrimes are all primes below kSmallPrimeLimit, ended by a 0.
-inline constexpr std::array<std::uint32_t, kNumSmallPrimes + 1> kSmallPrimes =
-    [] {
-      std::array<std::uint32_t, kNumSmallPrimes + 1> primes{};
-      std::array<bool, kSmallPrimeLimit> composite{};
-      std::size_t count = 0;
-      for (std::uint32_t i = 2; i < kSmallPrimeLimit; ++i) {
-        if (composite[i]) continue;
-        primes[count++] = i;
-        for (std::uint32_t j = i * i; j < kSmallPrimeLimit; j += i) {
-          composite[j] = true;
-        }
-      }
-      return primes;
-    }();
 
 // bn_is_small_prime_free divides n by the small primes. True when none of them
 // divides n, n itself aside: n is then prime if it is below 8192 (or 0 or 1),
@@ -50,4 +27,4 @@ bool bn_miller_rabin(const BigNum* n, const BigNum* witness);
 }  // namespace velprobe
 #pragma GCC visibility pop
 
-#endif  // VELPROBE_MODULES_CRYPTO_C_PRIMES_H_
+#endif  // VELPROBE_MODULES_CRYPTO_PRIMES_H_

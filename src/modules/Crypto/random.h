@@ -1,6 +1,6 @@
 // Random bytes and random numbers.
-#ifndef VELPROBE_MODULES_CRYPTO_C_RANDOM_H_
-#define VELPROBE_MODULES_CRYPTO_C_RANDOM_H_
+#ifndef VELPROBE_MODULES_CRYPTO_RANDOM_H_
+#define VELPROBE_MODULES_CRYPTO_RANDOM_H_
 
 #include <cstddef>
 #include <cstdint>
@@ -54,4 +54,4 @@ void urandom_bytes(void* buffer, std::size_t count);
 }  // namespace velprobe
 #pragma GCC visibility pop
 
-#endif  // VELPROBE_MODULES_CRYPTO_C_RANDOM_H_
+#endif  // VELPROBE_MODULES_CRYPTO_RANDOM_H_

@@ -13,8 +13,8 @@
 // overlaps are not allowed. The callers own the objects and wipe them; what the
 // operations themselves keep of keys and plain text in memory is wiped before
 // they return.
-#ifndef VELPROBE_MODULES_CRYPTO_C_RIJNDAEL_API_FST_H_
-#define VELPROBE_MODULES_CRYPTO_C_RIJNDAEL_API_FST_H_
+#ifndef VELPROBE_MODULES_CRYPTO_RIJNDAEL_API_FST_H_
+#define VELPROBE_MODULES_CRYPTO_RIJNDAEL_API_FST_H_
 
 #include <cstdint>
 
@@ -120,4 +120,4 @@ int cipherUpdateRounds(const cipherInstance* cipher, const keyInstance* key,
 }  // namespace velprobe
 #pragma GCC visibility pop
 
-#endif  // VELPROBE_MODULES_CRYPTO_C_RIJNDAEL_API_FST_H_
+#endif  // VELPROBE_MODULES_CRYPTO_RIJNDAEL_API_FST_H_

@@ -1,6 +1,6 @@
 // Wiping of secrets from working memory.
-#ifndef VELPROBE_MODULES_CRYPTO_C_WIPE_H_
-#define VELPROBE_MODULES_CRYPTO_C_WIPE_H_
+#ifndef VELPROBE_MODULES_CRYPTO_WIPE_H_
+#define VELPROBE_MODULES_CRYPTO_WIPE_H_
 
 #include <cstddef>
 #include <cstring>
@@ -48,4 +48,4 @@ class ClearsStack {
 
 }  // namespace velprobe
 
-#endif  // VELPROBE_MODULES_CRYPTO_C_WIPE_H_
+#endif  // VELPROBE_MODULES_CRYPTO_WIPE_H_
