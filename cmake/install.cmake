@@ -3,10 +3,17 @@
 
 include(CMakePackageConfigHelpers)
 
-install(TARGETS velprobe velstandin COMPONENT programs)
+get_property(programs GLOBAL PROPERTY VELPROBE_PROGRAMS)
+install(TARGETS ${programs} COMPONENT programs)
 install(TARGETS velprobe_shared EXPORT velprobe
-  LIBRARY COMPONENT library NAMELINK_COMPONENT development)
-install(TARGETS velprobe_static EXPORT velprobe COMPONENT development)
+  LIBRARY COMPONENT library NAMELINK_COMPONENT development
+  FILE_SET HEADERS COMPONENT development
+  FILE_SET lists COMPONENT development
+    DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(TARGETS velprobe_static EXPORT velprobe COMPONENT development
+  FILE_SET HEADERS COMPONENT development
+  FILE_SET lists COMPONENT development
+    DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 
 set(config_dir ${CMAKE_INSTALL_LIBDIR}/cmake/velprobe)
 install(EXPORT velprobe FILE velprobeTargets.cmake NAMESPACE velprobe::
