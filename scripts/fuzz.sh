@@ -1,9 +1,12 @@
 #!/usr/bin/env bash
-# Builds the fuzz targets and runs each for some seconds, from fresh seeds.
+# Builds the fuzz targets and runs each for some seconds, from fresh seeds and
+# past findings.
 #
 #   scripts/fuzz.sh [SECONDS [TARGET...]]    10 seconds, all targets
 #
-# Ends at the first crash; the input that caused it is left in build/fuzz.
+# Ends at the first crash; the input that caused it is left in build/fuzz. Once
+# the fault is mended, it goes into fuzz/seeds/TARGET under a name that tells
+# what it found, and every test run tries it from then on.
 set -euo pipefail
 
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
@@ -24,9 +27,11 @@ fi
 # In memory: a target that rewrites files waits for the disk each time.
 work=$(mktemp -d -p /dev/shm)
 trap 'rm -rf "$work"' EXIT
+findings=$PWD/fuzz/seeds
 cd "$work"
 for target in "$@"; do
   mkdir "$target"
+  [ ! -d "$findings/$target" ] || cp "$findings/$target"/* "$target"
   "$build/fuzz/$target" -max_total_time="$seconds" -max_len=4096 \
     -rss_limit_mb=512 -timeout=10 -artifact_prefix="$build/crash-$target-" \
     "$target" >log 2>&1 || {
