@@ -3,8 +3,16 @@
 --
 --   wireshark -X lua_script:tools/wireshark/velprobe.lua
 --
--- or copy the file into the folder of personal Lua plugins. The port is a
--- preference of each of the two protocols.
+-- or copy the file into the folder of personal Lua plugins. Not as root: since
+-- version 4.4 Wireshark runs no Lua for root. The port is a preference of each
+-- of the two protocols. Filters, for example:
+--
+--   veltra.message == "negotiate_nack"
+--   veltra.client_private_key.testing == 1
+--   veltra.incomplete or veltra.malformed
+--
+-- Written for the Lua 5.2 of Wireshark 4.0 and the Lua 5.4 of 4.4: its module
+-- "bit" is the one that both have.
 
 local session = Proto("veltra", "Veltra Agent Protocol")
 local discovery = Proto("veltra_discovery", "Veltra Server Discovery")
@@ -12,41 +20,41 @@ local discovery = Proto("veltra_discovery", "Veltra Server Discovery")
 -- By tag value (tag number * 8 + class * 2 + constructed bit): a message's name
 -- and its fields in order. check_dissector.sh compares it with the page.
 local messages = {
-  [3] = {"client_wants", "version"},
-  [11] = {"server_offers", "version"},
+  [3] = {"client_wants", "version int"},
+  [11] = {"server_offers", "version int"},
   [19] = {"negotiate_ack"},
-  [27] = {"negotiate_nack", "reason"},
-  [67] = {"configure_req", "packageId", "majorVersion", "minorVersion", "buildNumber", "agentCaps"},
-  [75] = {"configure_resp", "id", "checkinFrequency"},
+  [27] = {"negotiate_nack", "reason text"},
+  [67] = {"configure_req", "packageId int", "majorVersion int", "minorVersion int", "buildNumber int", "agentCaps int"},
+  [75] = {"configure_resp", "id text", "checkinFrequency int"},
   [83] = {"checkin_req"},
-  [91] = {"checkin_resp", "checkinAck", "confChanged", "upgradeAvailable"},
-  [99] = {"upgrade_req", "packageId", "majorVersion", "minorVersion", "buildNumber", "agentCaps"},
-  [107] = {"upgrade_resp", "requiredCaps", "data"},
-  [187] = {"server_time_req", "agentTimeSec", "agentTimeUSec"},
-  [195] = {"server_time_resp", "serverTimeSec", "serverTimeUSec"},
-  [235] = {"g_s_l_keep_alive", "interval"},
-  [243] = {"downtime_req", "downtimeInMinutes"},
-  [251] = {"downtime_resp", "success", "message"},
+  [91] = {"checkin_resp", "checkinAck bool", "confChanged bool", "upgradeAvailable bool"},
+  [99] = {"upgrade_req", "packageId int", "majorVersion int", "minorVersion int", "buildNumber int", "agentCaps int"},
+  [107] = {"upgrade_resp", "requiredCaps int", "data text"},
+  [187] = {"server_time_req", "agentTimeSec int", "agentTimeUSec int"},
+  [195] = {"server_time_resp", "serverTimeSec int", "serverTimeUSec int"},
+  [235] = {"g_s_l_keep_alive", "interval int"},
+  [243] = {"downtime_req", "downtimeInMinutes int"},
+  [251] = {"downtime_resp", "success bool", "message text"},
   [259] = {"h_w_scan_req"},
-  [267] = {"h_w_scan_resp", "nack"},
-  [35] = {"diffie_hellmann_parameters", "modulus", "generator"},
-  [43] = {"sporadic_bignum", "num"},
-  [51] = {"auth_challenge", "num"},
-  [59] = {"auth_response", "num"},
-  [211] = {"g_s_l_nonce", "nonce"},
-  [219] = {"g_s_l_signed_nonce", "snonce"},
+  [267] = {"h_w_scan_resp", "nack bool"},
+  [35] = {"diffie_hellmann_parameters", "modulus big number", "generator big number"},
+  [43] = {"sporadic_bignum", "num big number"},
+  [51] = {"auth_challenge", "num big number"},
+  [59] = {"auth_response", "num big number"},
+  [211] = {"g_s_l_nonce", "nonce big number"},
+  [219] = {"g_s_l_signed_nonce", "snonce big number"},
 }
 
 -- Context-class messages have their meaning from the one around them.
 local inner_messages = {
   client_wants = {
     [5] = {"client_no_auth"},
-    [13] = {"client_private_key", "name", "domain", "id", "hasMasterKey", "hasHallmark", "testing"},
+    [13] = {"client_private_key", "name text", "domain text", "id text", "hasMasterKey bool", "hasHallmark bool", "testing bool"},
     [21] = {"client_password"},
   },
   server_offers = {
     [5] = {"server_no_auth"},
-    [13] = {"server_private_key", "hasMasterKey", "hasHallmark"},
+    [13] = {"server_private_key", "hasMasterKey bool", "hasHallmark bool"},
     [21] = {"server_password"},
   },
 }
@@ -59,21 +67,50 @@ local END_OF_CONTENTS, FILLER = 0, 0x19
 -- Deeper values are shown as bytes.
 local DEEPEST = 32
 
--- Every named field can be filtered for: veltra.client_private_key.name.
-local fields = {}
+-- --- Fields to filter for -----------------------------------------------------
+
+local message_field = ProtoField.string("veltra.message", "Message")
+session.fields = {message_field}
+
+local function new_field(abbreviation, name, kind)
+  if name == "version" then
+    return ProtoField.uint32(abbreviation, name, base.HEX)
+  elseif kind == "bool" then
+    return ProtoField.bool(abbreviation, name)
+  elseif kind == "text" then
+    return ProtoField.string(abbreviation, name)
+  elseif kind == "big number" then
+    return ProtoField.bytes(abbreviation, name)
+  end
+  return ProtoField.int32(abbreviation, name)
+end
+
+-- declare turns each "name kind" of the messages into a field, such as
+-- veltra.client_private_key.name.
 local function declare(of)
   for _, message in pairs(of) do
     for i = 2, #message do
-      local name = message[1] .. "." .. message[i]
-      fields[name] = ProtoField.string("veltra." .. name, message[i])
-      table.insert(session.fields, fields[name])
+      local name, kind = message[i]:match("^(%S+) (.+)$")
+      local field = new_field("veltra." .. message[1] .. "." .. name, name, kind)
+      message[i] = {kind = kind, field = field}
+      table.insert(session.fields, field)
     end
   end
 end
-session.fields = {}
+declare(messages)
+for _, inner in pairs(inner_messages) do declare(inner) end
+
 local malformed = ProtoExpert.new("veltra.malformed", "Malformed value",
   expert.group.MALFORMED, expert.severity.ERROR)
-session.experts = {malformed}
+local unexpected = ProtoExpert.new("veltra.unexpected",
+  "Not the kind of value that stands here", expert.group.PROTOCOL,
+  expert.severity.WARN)
+local incomplete = ProtoExpert.new("veltra.incomplete",
+  "The message does not end in this segment", expert.group.PROTOCOL,
+  expert.severity.NOTE)
+session.experts = {malformed, unexpected, incomplete}
+
+-- --- Sessions -----------------------------------------------------------------
 
 -- header_at reads identifier and length: nil when more bytes are needed. A
 -- missing length means an indefinite one; -1 a length that cannot be.
@@ -132,49 +169,79 @@ local function value_end(tvb, at)
   return at
 end
 
-local function value_text(kind, range, name)
-  if kind == "null" then return "" end
-  if not range then return (kind == "text") and "" or "0" end
-  if kind == "text" then return range:string() end
-  if kind == "bool" then return range:uint() ~= 0 and "true" or "false" end
-  if (kind == "int" or kind == "enum") and range:len() <= 4 then
-    if name == "version" then return string.format("0x%04X", range:uint()) end
-    return tostring(range:int())
+-- value_of gives a value in the form in which Wireshark takes the field of its
+-- kind, nil when it cannot. Numbers and texts may be empty.
+local function value_of(range, kind)
+  if kind == "text" then
+    return range:len() > 0 and range:string(ENC_UTF_8) or ""
+  elseif kind == "bool" and range:len() == 1 then
+    return range:uint() ~= 0
+  elseif (kind == "int" or kind == "enum") and range:len() <= 4 then
+    return range:len() > 0 and range:int() or 0
   end
-  return range:bytes():tohex()
+  return nil
 end
 
-local function show_primitive(tvb, at, stop, header, tree, name, field)
-  local range = header.length > 0 and tvb(header.contents, header.length)
+-- add_field is whether the value could be shown as the field expected.
+local function add_field(tree, whole, contents, kind, expected)
+  if kind == "int" and expected.kind == "big number" then
+    tree:add(expected.field, contents)  -- bytes are taken from the range only
+    return true
+  end
+  if kind ~= expected.kind then return false end
+  local value = value_of(contents, kind)
+  if value == nil then return false end
+  tree:add(expected.field, whole, value)
+  return true
+end
+
+local function show_primitive(tvb, at, stop, header, tree, expected)
+  local contents = tvb(header.contents, header.length)
   local kind = kinds[header.tag] or string.format("tag %d", header.tag)
-  local text = value_text(kind, range, name)
-  if field then
-    tree:add(field, tvb(at, stop - at), text)
-  else
-    tree:add(tvb(at, stop - at), kind .. ": " .. text)
-  end
+  local whole = tvb(at, stop - at)
+  if expected and add_field(tree, whole, contents, kind, expected) then return end
+  local value = value_of(contents, kind)
+  if value == nil then value = contents:bytes():tohex() end
+  local item = tree:add(whole, kind .. ": " .. tostring(value))
+  if expected then item:add_proto_expert_info(unexpected) end
 end
 
--- show adds the complete value at a place to the tree. around is the message
--- in which it stands, index its place there. Returns the value's end and the
--- name of a message.
+-- begin_element adds the item of an element to the tree and tells what it is: a
+-- message, or just its name.
+local function begin_element(range, tag, around, tree)
+  local inner = around and inner_messages[around[1]] or {}
+  local message = inner[tag] or messages[tag]
+  if not message then
+    local name = kinds[tag] or string.format("element, tag %d", tag)
+    return tree:add(range, name), {name}
+  end
+  local branch = tree:add(message_field, range, message[1])
+  branch:set_text(message[1])
+  return branch, message
+end
+
+-- show adds the value at a place, as far as it is there, to the tree. around is
+-- the message in which it stands, index its place there. Returns the value's
+-- end, nil when it is cut off or malformed, and the name of an element.
 local function show(tvb, at, tree, around, index, depth)
   local header = header_at(tvb, at)
+  if not header or header.length == -1 then return nil end
   local stop = value_end(tvb, at)
+  if stop == -1 then stop = nil end
   if header.length then
-    local name = around and around[index + 1]
-    show_primitive(tvb, at, stop, header, tree, name,
-      name and fields[around[1] .. "." .. name])
+    if stop then
+      show_primitive(tvb, at, stop, header, tree, around and around[index + 1])
+    end
     return stop
   end
 
-  local inner = around and inner_messages[around[1]] or {}
-  local message = inner[header.tag] or messages[header.tag] or
-    {kinds[header.tag] or string.format("element, tag %d", header.tag)}
-  local branch = tree:add(tvb(at, stop - at), message[1])
-  if depth == DEEPEST then return stop end
+  local branch, message = begin_element(
+    tvb(at, (stop or tvb:len()) - at), header.tag, around, tree)
+  if depth == DEEPEST then return stop, message[1] end
   local child, place = header.contents, 1
-  while header_at(tvb, child).tag ~= END_OF_CONTENTS do
+  while child do
+    local next_header = header_at(tvb, child)
+    if next_header and next_header.tag == END_OF_CONTENTS then break end
     child = show(tvb, child, branch, message, place, depth + 1)
     place = place + 1
   end
@@ -186,27 +253,26 @@ local function begins_session(tvb)
   return tvb(0, 1):uint() >= 0x60 and tvb(0, 1):uint() <= 0x7F
 end
 
-declare(messages)
-for _, inner in pairs(inner_messages) do declare(inner) end
-
+-- A message that does not end here is shown as far as it goes: the session may
+-- end inside it. When it goes on, it is shown again as a whole.
 function session.dissector(tvb, pinfo, root)
   if not begins_session(tvb) then return 0 end
   pinfo.cols.protocol = "Veltra"
-  local names, at, tree = {}, 0, nil
+  local tree = root:add(session, tvb())
+  local names, at = {}, 0
   while at < tvb:len() do
     local stop = value_end(tvb, at)
+    local _, name = show(tvb, at, tree, nil, 0, 0)
+    table.insert(names, name)
     if not stop then
+      tree:add_proto_expert_info(incomplete)
       pinfo.desegment_offset = at
       pinfo.desegment_len = DESEGMENT_ONE_MORE_SEGMENT
       break
-    end
-    tree = tree or root:add(session, tvb())
-    if stop == -1 then
+    elseif stop == -1 then
       tree:add_proto_expert_info(malformed)
       break
     end
-    local _, name = show(tvb, at, tree, nil, 0, 0)
-    table.insert(names, name)
     at = stop
   end
   if #names > 0 then pinfo.cols.info = table.concat(names, ", ") end
@@ -232,13 +298,13 @@ discovery.experts = {wrong_checksum}
 local function crc32(range)
   local crc = 0xFFFFFFFF
   for i = 0, range:len() - 1 do
-    crc = bit32.bxor(crc, range(i, 1):uint())
+    crc = bit.bxor(crc, range(i, 1):uint())
     for _ = 1, 8 do
       local mask = crc % 2 == 1 and 0xEDB88320 or 0
-      crc = bit32.bxor(bit32.rshift(crc, 1), mask)
+      crc = bit.bxor(bit.rshift(crc, 1), mask)
     end
   end
-  return bit32.bnot(crc)
+  return bit.bnot(crc) % 0x100000000  -- its results are signed
 end
 
 function discovery.dissector(tvb, pinfo, root)
