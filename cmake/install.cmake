@@ -28,24 +28,23 @@ install(FILES
   ${PROJECT_BINARY_DIR}/velprobeConfigVersion.cmake
   DESTINATION ${config_dir} COMPONENT development)
 
-# Relative to the .pc file, so that the tree can move.
-file(RELATIVE_PATH pc_to_prefix
-  /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
-configure_file(cmake/velprobe.pc.in velprobe.pc @ONLY)
+# The prefix is known only when it is installed. A tree that has moved since
+# is found with pkg-config --define-prefix.
+set(pc_prefix "@CMAKE_INSTALL_PREFIX@")
+configure_file(cmake/velprobe.pc.in velprobe.pc.in @ONLY)
+install(CODE "configure_file(${PROJECT_BINARY_DIR}/velprobe.pc.in
+    ${PROJECT_BINARY_DIR}/velprobe.pc @ONLY)" COMPONENT development)
 install(FILES ${PROJECT_BINARY_DIR}/velprobe.pc
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
 
-install(FILES docs/man/velprobe.1 docs/man/velstandin.1
-  DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT programs)
-install(FILES docs/man/agent.conf.5
-  DESTINATION ${CMAKE_INSTALL_MANDIR}/man5 COMPONENT programs)
-install(FILES docs/man/libvelprobe.3
-  DESTINATION ${CMAKE_INSTALL_MANDIR}/man3 COMPONENT development)
+include(cmake/manual.cmake)
 
 install(FILES CHANGELOG.md docs/agent.conf.sample docs/troubleshooting.md
   tools/wireshark/velprobe.lua
   DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT programs)
 install(FILES docs/protocol.md
+  DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT development)
+install(DIRECTORY examples
   DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT development)
 
 set(VELPROBE_ZSH_COMPLETION_DIR ${CMAKE_INSTALL_DATADIR}/zsh/site-functions

@@ -28,7 +28,7 @@ check_files() {
   local file
   for file in bin/velprobe bin/velstandin share/man/man1/velprobe.1 \
     share/man/man1/velstandin.1 share/man/man3/libvelprobe.3 \
-    share/man/man5/agent.conf.5 \
+    share/man/man5/agent.conf.5 share/man/man7/velprobe-troubleshooting.7 \
     share/doc/velprobe/{agent.conf.sample,CHANGELOG.md,troubleshooting.md} \
     "$libdir/libvelprobe.a" "$libdir/pkgconfig/velprobe.pc"; do
     [ -f "$file" ] || { echo "not installed: $file" >&2; return 1; }
@@ -39,7 +39,7 @@ check_manual_pages() {
   local page lint
   for page in share/man/man?/*; do
     # The other pages are not installed on the system yet.
-    lint=$(mandoc -T lint "$page" |
+    lint=$(mandoc -T lint -W style "$page" |
       grep -v 'referenced manual not found' || true)
     lint+=$(man --warnings -Tutf8 -l "$page" 2>&1 >/dev/null)
     [ -z "$lint" ] || { echo "$lint" >&2; return 1; }
@@ -118,7 +118,7 @@ check_examples() {
   export PKG_CONFIG_PATH=$libdir/pkgconfig
   [ "velstandin $(pkg-config --modversion velprobe)" = \
     "$(bin/velstandin --version)" ]
-  flags=$(pkg-config --cflags --libs velprobe)
+  flags=$(pkg-config --define-prefix --cflags --libs velprobe)
   # shellcheck disable=SC2086  # the flags are words
   g++ -std=c++20 -o "$work/example/by_pkg_config" \
     "$root/examples/say_hello.cpp" $flags -Wl,-rpath,"$libdir"
