@@ -8,18 +8,17 @@ cd "$(dirname "${BASH_SOURCE[0]}")/.."
 . scripts/packages.sh
 need_packages "${build_packages[@]}" lintian pkg-config
 
+# A symbol of the library that comes or goes unsaid fails the build.
+export DPKG_GENSYMBOLS_CHECK_LEVEL=4
 mapfile -t packages < <(./scripts/build_packages.sh)
-[ ${#packages[@]} -eq 3 ]
-
-# CPack calls ldconfig beside the trigger; that is harmless.
-lintian --fail-on error,warning --allow-root \
-  --suppress-tags maintscript-calls-ldconfig "${packages[@]}"
+[ ${#packages[@]} -ge 3 ]
+lintian --fail-on error,warning --allow-root "${packages[@]}"
 
 skip() {
   echo "SKIPPED: packages not installed and tried: $1" >&2
   exit 0
 }
-names=(velprobe libvelprobe0 libvelprobe-dev)
+mapfile -t names < <(printf '%s\n' "${packages[@]##*/}" | sed 's/_.*//')
 [ "$(id -u)" -eq 0 ] || skip "not root"
 [ -z "$(dpkg-query -W "${names[@]}" 2>/dev/null)" ] ||
   skip "velprobe is installed here"
@@ -49,7 +48,8 @@ for _ in $(seq 100); do
 done
 port=$(sed -n '1s/.*://p' standin)
 printf 'name=a\nserver_list=127.0.0.1\nserver_port=%s\n' "$port" >agent.conf
-velprobe agent.conf test | grep -q 'All OK'
+velprobe agent.conf test | tail -n 2 |
+  grep -qx 'Test completed successfully. All OK.'
 [ "$(./say_hello 127.0.0.1 "$port")" = 'offered: version 0x0202' ]
 wait
 

@@ -8,6 +8,16 @@
 # status are velprobe's; everything else goes to standard error.
 set -euo pipefail
 
+usage() {
+  sed -n '2,8s/^# \{0,1\}//p' "${BASH_SOURCE[0]}"
+}
+# Here velprobe's own complaint would come after the build.
+case $#:${1-}:${2-} in
+  1:-h: | 1:--help:) usage && exit ;;
+  0:: | 2:*:test | 2:*:configure) ;;
+  *) usage >&2 && exit 1 ;;
+esac
+
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 . "$root/scripts/packages.sh"
 
@@ -21,6 +31,7 @@ quietly() {
 
 build() {
   need_packages "${build_packages[@]}"
+  echo "Building in build/run; the first time takes a minute or two." >&2
   quietly cmake -S "$root" --preset release -B "$root/build/run" \
     -DVELPROBE_TESTS=OFF
   quietly cmake --build "$root/build/run" --target velprobe velstandin
@@ -28,6 +39,7 @@ build() {
 
 rehearse() {
   # It ends with the session, and after a while without one.
+  : >"$work/standin"
   timeout 30 velstandin --port 0 --no-discovery --sessions 1 >"$work/standin" &
   local standin=$! line=
   until grep -q '^Listening' "$work/standin"; do
