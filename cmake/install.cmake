@@ -50,6 +50,7 @@ install(DIRECTORY examples
 set(VELPROBE_ZSH_COMPLETION_DIR ${CMAKE_INSTALL_DATADIR}/zsh/site-functions
   CACHE STRING "Folder of zsh completion functions")
 install(FILES tools/completion/velprobe tools/completion/velstandin
+  tools/completion/velcheck
   DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions
   COMPONENT programs)
 install(FILES tools/completion/_velprobe

@@ -73,6 +73,8 @@ check_completion() {
   [ "$(bash_offers velprobe agent.conf c)" = configure ]
   [ "$(bash_offers velstandin --of)" = --offer-version ]
   [ "$(bash_offers velstandin --auth p)" = 'private-key password' ]
+  [ "$(bash_offers velstandin --auth = p)" = 'private-key password' ]
+  [ -z "$(bash_offers velstandin --port '')" ]
   command -v zsh >/dev/null || {
     echo "SKIPPED: completion not tried in zsh: no zsh here" >&2
     return
@@ -80,6 +82,8 @@ check_completion() {
   zsh_offers 'velprobe agent.conf c' 'velprobe agent.conf configure'
   zsh_offers 'velprobe agent.conf ' 'probe the configured servers'
   zsh_offers 'velstandin --of' '--offer-version'
+  zsh_offers 'velstandin --auth ' 'none*password*private-key'
+  zsh_offers 'velstandin --auth=pa' '--auth=password'
 }
 
 # What the headers show is there to be linked, under the soname's version, and
