@@ -7,8 +7,8 @@
 # The same sources give the same bytes, wherever they are built: version, date
 # and Debian's changelog come from CMakeLists.txt and CHANGELOG.md.
 #
-# When the library's symbols change, the build's log shows the difference to
-# debian/libvelprobe1.symbols. Apply it; a symbol that went needs a new soname.
+# A symbol of the library that is in debian/libvelprobe1.symbols and no longer
+# there fails the build: it needs a new soname, or a new list before a release.
 set -euo pipefail
 
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)

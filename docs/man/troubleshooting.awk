@@ -52,9 +52,14 @@ BEGIN {
   print ".Dd November 21, 2026\n.Dt VELPROBE-TROUBLESHOOTING 7"
   print ".Os velprobe " version
   print ".Sh NAME\n.Nm velprobe-troubleshooting"
-  print ".Nd every text of velprobe and velstandin, and what to do"
+  print ".Nd every text of the programs, and what to do"
   print ".Sh DESCRIPTION"
   first_in_section = 1
+}
+/^(\||```)/ {
+  print FILENAME ":" FNR ": neither table nor block can be shown" >"/dev/stderr"
+  failed = 1
+  exit 1
 }
 /^# / { next }
 /^$/ {
@@ -88,6 +93,7 @@ paragraph == "" && !/^ / {
   first_in_section = 0
 }
 END {
+  if (failed) exit 1
   flush()
   end_list()
   print ".Sh SEE ALSO\n.Xr velprobe 1 ,\n.Xr velstandin 1 ,\n.Xr agent.conf 5"
