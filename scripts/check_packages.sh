@@ -6,18 +6,35 @@ set -euo pipefail
 
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 . scripts/packages.sh
-need_packages "${build_packages[@]}" lintian pkg-config
+need_packages "${build_packages[@]}" binutils lintian pkg-config
 
 mapfile -t packages < <(./scripts/build_packages.sh)
 [ ${#packages[@]} -ge 3 ]
 lintian --fail-on error,warning --allow-root "${packages[@]}"
 
-# No symbol of the library comes or goes unsaid.
-symbols=build/package/sources/debian/libvelprobe1/DEBIAN/symbols
-diff -u debian/libvelprobe1.symbols $symbols || {
-  echo "If that is meant: cp $symbols debian/libvelprobe1.symbols" >&2
-  exit 1
+# listed_symbols LIBRARY VERSION: Debian's list as it should be, where a symbol
+# that is new came with VERSION.
+listed_symbols() {
+  head -n 1 debian/libvelprobe1.symbols
+  nm -D --defined-only --with-symbol-versions "$1" |
+    sed 's/.* //; s/@@/@/; /@/!s/.*/&@&/' | LC_ALL=C sort |
+    awk -v version="$2" 'NR == FNR { since[$1] = $2; next }
+      { print " " $1, $1 in since ? since[$1] : version }' \
+      debian/libvelprobe1.symbols -
 }
+
+# No symbol of the library comes or goes unsaid.
+check_symbols() {
+  local built=build/package version
+  version=$(dpkg-deb -f $built/libvelprobe1_*.deb Version)
+  listed_symbols $built/sources/debian/tmp/usr/lib/*/libvelprobe.so.1 \
+    "$version" >$built/symbols
+  diff -u debian/libvelprobe1.symbols $built/symbols || {
+    echo "If that is meant: cp $built/symbols debian/libvelprobe1.symbols" >&2
+    return 1
+  }
+}
+check_symbols
 
 skip() {
   echo "SKIPPED: packages not installed and tried: $1" >&2
