@@ -32,8 +32,8 @@ install(FILES
 # is found with pkg-config --define-prefix.
 set(pc_prefix "@CMAKE_INSTALL_PREFIX@")
 configure_file(cmake/velprobe.pc.in velprobe.pc.in @ONLY)
-install(CODE "configure_file(${PROJECT_BINARY_DIR}/velprobe.pc.in
-    ${PROJECT_BINARY_DIR}/velprobe.pc @ONLY)" COMPONENT development)
+install(CODE "configure_file(\"${PROJECT_BINARY_DIR}/velprobe.pc.in\"
+    \"${PROJECT_BINARY_DIR}/velprobe.pc\" @ONLY)" COMPONENT development)
 install(FILES ${PROJECT_BINARY_DIR}/velprobe.pc
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
 
