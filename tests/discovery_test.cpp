@@ -3,13 +3,17 @@
 
 #include <cstdint>
 #include <functional>
+#include <random>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "net/resolver.h"
 #include "net/system_socket.h"
 #include "net/tcp.h"
 #include "net/udp.h"
+#include "probe/address_set.h"
 #include "probe/discovery_datagram.h"
 #include "probe/discovery_scan.h"
 #include "util/owners.h"
@@ -61,6 +65,24 @@ TEST(DiscoveryDatagram, AnswersNeedMagicWordAndKindButQueriesEverything) {
               is_discovery_answer(bytes.data(), bytes.size()))
         << i;
   }
+}
+
+TEST(AddressSet, HoldsWhatAPlainSetHolds) {
+  AddressSet addresses;
+  std::set<Ipv4Address> plain;
+  std::mt19937 random(20261121);
+  for (int i = 0; i < 20000; ++i) {
+    // Few networks of neighbours, so that places collide and hosts come twice.
+    Ipv4Address address;
+    for (std::uint8_t& byte : address)
+      byte = static_cast<std::uint8_t>(random() % 2 ? 255 : random() % 64);
+    ASSERT_EQ(plain.contains(address), addresses.contains(address)) << i;
+    if (plain.insert(address).second) {
+      ASSERT_TRUE(addresses.add(address));
+    }
+  }
+  for (const Ipv4Address& address : plain)
+    EXPECT_TRUE(addresses.contains(address)) << address_text(address);
 }
 
 FileDescriptor open_on(const Ipv4Address& address) {
@@ -149,6 +171,11 @@ TEST(DiscoveryScan, ListsEachServerOnceInTheOrderOfFirstAnswers) {
   expected.push_back("127.2.0.1");
   EXPECT_EQ(expected, found);
   EXPECT_EQ(std::vector<Bytes>(6, kQuery), network.received);
+}
+
+TEST(DiscoveryScan, ComplainsAboutAMissingPlace) {
+  EXPECT_STREQ("found_servers must not be NULL",
+               scan_for_servers(1, nullptr).c_str());
 }
 
 TEST(DiscoveryScan, ForeignDatagramsRestartTheSecond) {

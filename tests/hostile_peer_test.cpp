@@ -3,11 +3,8 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 
-#include <algorithm>
 #include <chrono>
-#include <csignal>
 #include <string>
-#include <utility>
 
 #include "net/tcp.h"
 #include "probe/check_in_probe.h"
@@ -79,57 +76,6 @@ TEST(HostilePeer, WearsOutNeitherTimeNorMemory) {
     EXPECT_NE(result.output.find(" ...\n" + row.text + "\n"), std::string::npos)
         << result.output;
   }
-}
-
-TEST(HostilePeer, LeavesByteByByteAtAnyByte) {
-  const std::string accept = kOffer + kKey + bytes_of("00 00 00 00");
-  const std::string refusal = bytes_of("63 80 04 02 6E 6F 00 00");
-  const std::string ends[] = {kClosed, "Connection reset by peer",
-                              "Other end closed connection"};
-  for (const std::string& answer : {accept, refusal}) {
-    for (std::size_t i = 0; i < 4 * answer.size(); ++i) {
-      const std::size_t cut = i / 4;
-      // Before or after the request, with a farewell or a reset.
-      ScriptedPeer peer({.hear = i % 2,
-                         .answer = answer.substr(0, cut),
-                         .piece = 1,
-                         .reset = i % 4 > 1});
-      const Finished result = limited_test(peer);
-      EXPECT_EQ(result.status, 0);
-      EXPECT_TRUE(std::any_of(ends, std::end(ends),
-                              [&](const auto& end) {
-                                return result.output.find(end + "\n") !=
-                                       std::string::npos;
-                              }))
-          << cut << result.output;
-    }
-  }
-}
-
-TEST(HostilePeer, GetsNoMoreSilenceThanTheLimit) {
-  const std::string late = "Error receiving data: Timeout in socket_recv()";
-  const std::pair<std::string, std::string> rows[] = {
-      {"", late},
-      {kOffer.substr(0, 5), "server_offers.version: " + late},
-      {kOffer + kKey + bytes_of("04 05 61"), late},
-  };
-  set_socket_timeout(1);
-  // A wait goes on after a signal, for the rest of its time.
-  std::signal(SIGALRM, [](int) {});
-  ualarm(100'000, 100'000);
-  for (const auto& [answer, text] : rows) {
-    ScriptedPeer peer({.answer = answer, .stay = true});
-    const auto start = std::chrono::steady_clock::now();
-    const ErrorText error =
-        probe_server("127.0.0.1", peer.port(), "a", nullptr, nullptr, nullptr);
-    const std::chrono::duration<double> took =
-        std::chrono::steady_clock::now() - start;
-    EXPECT_EQ(error.c_str(), text);
-    EXPECT_GT(took.count(), 0.9);
-    EXPECT_LT(took.count(), 5);
-  }
-  ualarm(0, 0);
-  set_socket_timeout(0);
 }
 
 // All of these would keep a caller for a minute that has no deadline.

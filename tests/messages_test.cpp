@@ -45,6 +45,7 @@ TEST_P(EveryMessage, ComesBackAsItWasSentAlsoFromANewerPeer) {
   if (closed) newer.insert(bytes.size() - 2, bytes_of("30 80 04 01 61 00 00"));
   for (const std::string& sent : {bytes, newer}) {
     Record back(layout);
+    back.fill(70);  // of something else
     EXPECT_EQ(decode(layout, sent, back), "");
     EXPECT_EQ(hex_of(encode(layout, back)), hex_of(bytes));
   }
@@ -127,6 +128,25 @@ TEST_P(EveryMessage, CutAnywhereIsAnError) {
     EXPECT_NE(error.find("Peer closed connection unexpectedly"),
               std::string::npos)
         << cut << ": " << error;
+  }
+}
+
+TEST(Enumerations, CarryAnyNumber) {
+  const struct {
+    ErrorText (*write)(BerStream&, std::uint32_t);
+    ErrorText (*read)(BerStream&, std::uint32_t&, std::uint32_t);
+  } types[] = {
+#define ENUMERATION(type) {write_##type, read_##type},
+#include "protocol/messages.def"
+  };
+  for (const auto& type : types) {
+    for (const std::uint32_t value : {0U, 7U, UINT32_MAX}) {
+      const BerStreamPtr stream = stream_of();
+      EXPECT_FALSE(type.write(*stream, value));
+      std::uint32_t back = ~value;
+      EXPECT_FALSE(type.read(*stream, back, 0));
+      EXPECT_EQ(back, value);
+    }
   }
 }
 

@@ -1,19 +1,23 @@
 // Sockets, interfaces and the resolver, on loopback only.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <linux/rtnetlink.h>
 #include <netdb.h>
 #include <netinet/tcp.h>
+#include <poll.h>
 #include <sched.h>
 #include <sys/ioctl.h>
+#include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/select.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <csignal>
-#include <cstdio>
+#include <chrono>
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -29,11 +33,36 @@
 #include "net/tcp.h"
 #include "net/udp.h"
 #include "support/streams.h"
+#include "support/temp_folder.h"
 
 namespace velprobe {
 namespace {
 
 constexpr Ipv4Address kLoopback{127, 0, 0, 1};
+
+// The waits of this thread: how long each was to last in seconds, and how those
+// that do not really take place are to end (0: its time has passed).
+thread_local std::vector<double> waits;
+thread_local std::vector<int> ends_of_waits;
+
+extern "C" int wait_of_test(pollfd*, nfds_t, const timespec*,
+                            const sigset_t*) asm("ppoll");
+int wait_of_test(pollfd* entries, nfds_t count, const timespec* limit,
+                 const sigset_t*) {
+  timespec left = *limit;
+  waits.push_back(static_cast<double>(left.tv_sec) +
+                  static_cast<double>(left.tv_nsec) / 1e9);
+  if (waits.size() > ends_of_waits.size())
+    return static_cast<int>(
+        ::syscall(SYS_ppoll, entries, count, &left, nullptr, 0));
+  errno = ends_of_waits[waits.size() - 1];
+  return errno == 0 ? 0 : -1;
+}
+
+void script_waits(std::vector<int> ends) {
+  waits.clear();
+  ends_of_waits = std::move(ends);
+}
 
 int option_of(int socket, int level, int option) {
   int value = -1;
@@ -68,7 +97,10 @@ struct Connection : testing::Test {
     ASSERT_EQ("", text_of(listen_on(kLoopback, 0, listener)));
     connect(CONNECT_NONBLOCKING);
   }
-  void TearDown() override { set_socket_timeout(0); }
+  void TearDown() override {
+    set_socket_timeout(0);
+    script_waits({});
+  }
 
   void connect(std::uint32_t flags) {
     std::int32_t socket;
@@ -85,14 +117,73 @@ struct Connection : testing::Test {
   FileDescriptor listener, client, server;
 };
 
-TEST_F(Connection, FullPeerOrASignalEndsTheSendWait) {
-  EXPECT_EQ(600, set_socket_timeout(1));
-  const std::string much(64 << 20, 'x');
-  EXPECT_EQ("Timeout in socket_send()", send(client, much));
-  std::signal(SIGALRM, [](int) {});
-  ::ualarm(100'000, 0);
-  EXPECT_EQ("Unknown error in socket_send(): Interrupted system call",
-            send(client, much));
+// The texts, and how long each wait was to last: the limit the first time, then
+// what is left of it.
+TEST_F(Connection, WaitsOnceForTheLimitAndGoesOnAfterASignalOnlyToReceive) {
+  const std::string full(64 << 20, 'x');
+  const auto connect_again = [&](Deadline deadline = kNoDeadline) {
+    std::int32_t socket;
+    return text_of(socket_connect(kLoopback, port_of_socket(listener.get()),
+                                  socket, CONNECT_NONBLOCKING, deadline));
+  };
+  const auto soon = [] {
+    return std::chrono::steady_clock::now() + std::chrono::seconds(7);
+  };
+  const struct {
+    const char* text;
+    std::vector<int> ends;
+    int limit, expected;
+    std::function<std::string()> call;
+  } rows[] = {
+      {"Timeout in socket_recv()",
+       {0},
+       0,
+       600,
+       [&] { return receive(client); }},
+      {"Timeout in socket_recv()",
+       {EINTR, EINTR, 0},
+       30,
+       30,
+       [&] { return receive(client); }},
+      {"Unknown error in socket_recv(): Cannot allocate memory",
+       {ENOMEM},
+       0,
+       600,
+       [&] { return receive(client); }},
+      {"Timeout in socket_send()",
+       {0},
+       0,
+       600,
+       [&] { return send(client, full); }},
+      {"Unknown error in socket_send(): Interrupted system call",
+       {EINTR},
+       30,
+       30,
+       [&] { return send(client, full); }},
+      {"Connection timed out", {0}, 30, 600, [&] { return connect_again(); }},
+      {"Error waiting for connect: Interrupted system call",
+       {EINTR},
+       30,
+       600,
+       [&] { return connect_again(); }},
+      {"Connection timed out",
+       {0},
+       0,
+       7,
+       [&] { return connect_again(soon()); }},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.text);
+    EXPECT_EQ(600, set_socket_timeout(row.limit));
+    std::thread([] { set_socket_timeout(5); }).join();  // the other's own
+    script_waits(row.ends);
+    EXPECT_EQ(row.text, row.call());
+    EXPECT_EQ(row.ends.size(), waits.size());
+    for (std::size_t i = 0; i < waits.size(); ++i) {
+      EXPECT_LE(waits[i], i == 0 ? row.expected : waits[i - 1]);
+      EXPECT_GT(waits[i], row.expected - 2);
+    }
+  }
 }
 
 TEST_F(Connection, APeerThatLeftIsAnErrorAndNoSignal) {
@@ -100,6 +191,15 @@ TEST_F(Connection, APeerThatLeftIsAnErrorAndNoSignal) {
   std::string error;
   for (int i = 0; i < 100 && error.empty(); ++i) error = send(client, "x");
   EXPECT_EQ("Other end closed connection", error);
+}
+
+TEST_F(Connection, ACloseWithADeadlineWaitsForNobody) {
+  const linger minutes = {1, 120};
+  ::setsockopt(client.get(), SOL_SOCKET, SO_LINGER, &minutes, sizeof minutes);
+  const std::string much(64 << 20, 'x');
+  script_waits({0});
+  EXPECT_EQ("Timeout in socket_send()", send(client, much));
+  EXPECT_EQ("", text_of(socket_close(client.release(), Deadline{})));
 }
 
 TEST_F(Connection, SendsAllInOrderHoweverSlowlyThePeerReads) {
@@ -141,11 +241,24 @@ TEST_F(Connection, DescriptorsBeyondASelectsSetAreWaitedOn) {
   while (fillers.empty() || fillers.back().get() < FD_SETSIZE) {
     fillers.emplace_back(::dup(client.get()));
   }
-  set_socket_timeout(1);
-  EXPECT_EQ("Timeout in socket_recv()", receive(fillers.back()));
+  EXPECT_FALSE(socket_wait_readable(fillers.back().get(), 0));
   EXPECT_EQ("", send(server, "x"));
   EXPECT_TRUE(socket_wait_readable(fillers.back().get(), 1));
-  EXPECT_FALSE(socket_wait_readable(-1, 1));
+  for (const int closed : {-1, 2000})
+    EXPECT_FALSE(socket_wait_readable(closed, 1));
+}
+
+TEST_F(Connection, DescriptorZeroIsOneLikeAnyOther) {
+  const FileDescriptor kept(::dup(0));
+  {
+    const FileDescriptor zero(::dup2(client.get(), 0));
+    EXPECT_TRUE(zero);
+    EXPECT_EQ("", send(server, "x"));
+    EXPECT_TRUE(socket_wait_readable(0, 1));
+    EXPECT_EQ("x", receive(zero));
+  }
+  EXPECT_LT(::fcntl(0, F_GETFD), 0) << "left open";
+  ::dup2(kept.get(), 0);
 }
 
 TEST(Datagrams, BroadcastIsAlwaysEnabledAndHandleZeroNeverClosed) {
@@ -172,36 +285,52 @@ std::string nic_list() {
   const std::unique_ptr<NicInfo[]> nics = list_nics();
   for (const NicInfo* nic = nics.get(); nic && nic->name[0] != '\0'; ++nic) {
     list += std::string(nic->name) + " " +
-            address_text(address_of(nic->address)) + "\n";
-    EXPECT_NE(0u, nic->broadcast.sin_addr.s_addr);
+            address_text(address_of(nic->address)) + " ";
+    list += address_text(address_of(nic->broadcast)) + std::string("\n");
     EXPECT_NE(0u, nic->mtu);
   }
   return list;
 }
 
-// With a network of its own the process may give loopback further addresses:
-// more than the system's first answer has room for.
-TEST(Interfaces, AllThatAreUpAreListed) {
-  EXPECT_NE(std::string::npos, nic_list().find("lo 127.0.0.1\n"));
+// Gives the loopback interface a further address.
+void add_address(const Ipv4Address& address, std::uint8_t num_mask_bits) {
+  struct {
+    nlmsghdr header;
+    ifaddrmsg message;
+    rtattr attribute;
+    Ipv4Address address;
+  } const request = {
+      {sizeof request, RTM_NEWADDR, NLM_F_REQUEST | NLM_F_CREATE, 0, 0},
+      {AF_INET, num_mask_bits, 0, RT_SCOPE_HOST, 1},
+      {sizeof(rtattr) + sizeof address, IFA_LOCAL},
+      address};
+  const FileDescriptor socket(::socket(AF_NETLINK, SOCK_RAW, NETLINK_ROUTE));
+  EXPECT_GT(::send(socket.get(), &request, sizeof request, 0), 0);
+}
+
+// With a network of its own the process may give one interface many addresses:
+// more than the system's first answer holds.
+TEST(Interfaces, EveryAddressIsListedWithTheBroadcastOfItsOwnNetwork) {
+  constexpr const char* kLoopbackLine = "lo 127.0.0.1 127.255.255.255\n";
+  EXPECT_NE(std::string::npos, nic_list().find(kLoopbackLine));
   if (::unshare(CLONE_NEWUSER | CLONE_NEWNET) < 0)
     GTEST_SKIP() << "no network namespace: " << std::strerror(errno);
-  const FileDescriptor socket(::socket(AF_INET, SOCK_DGRAM, 0));
-  std::string expected;
-  ifreq request{};
-  for (std::uint8_t i = 0; i < 9; ++i) {
-    const sockaddr_in address = to_sockaddr({127, 1, 1, i}, 0);
-    std::snprintf(request.ifr_name, IFNAMSIZ, "lo:%d", i);
-    std::memcpy(&request.ifr_addr, &address, sizeof address);
-    ASSERT_EQ(0, ::ioctl(socket.get(), SIOCSIFADDR, &request));
-    expected +=
-        std::string(request.ifr_name) + " 127.1.1." + std::to_string(i) + "\n";
-  }
-  expected += "lo 127.0.0.1\n";  // comes with the start of the interface
+  add_address({10, 2, 2, 3}, 24);
+  add_address({10, 9, 0, 1}, 16);
+  add_address({10, 77, 1, 1}, 12);
+  add_address({10, 2, 2, 77}, 32);
   EXPECT_EQ("", nic_list()) << "none is up";
+  ifreq request{};
   std::strcpy(request.ifr_name, "lo");
   request.ifr_flags = IFF_UP;
+  const FileDescriptor socket(::socket(AF_INET, SOCK_DGRAM, 0));
   ASSERT_EQ(0, ::ioctl(socket.get(), SIOCSIFFLAGS, &request));
-  EXPECT_EQ(expected, nic_list());
+  EXPECT_EQ(std::string("lo 10.2.2.3 10.2.2.255\n"
+                        "lo 10.9.0.1 10.9.255.255\n"
+                        "lo 10.77.1.1 10.79.255.255\n"
+                        "lo 10.2.2.77 10.2.2.77\n") +
+                kLoopbackLine,
+            nic_list());
 }
 
 TEST(Interfaces, BroadcastIsComputedFromTheMask) {
@@ -232,6 +361,40 @@ TEST(Resolver, FailuresAreNamedAndTouchNothing) {
   EXPECT_STREQ("192.0.2.7", address_text(address));
   EXPECT_STREQ("255.0.10.255", address_text({255, 0, 10, 255}));
   EXPECT_FALSE(reverse_resolve(kLoopback, nullptr));
+}
+
+// In a namespace of its own the process has its own hosts file, with more
+// addresses of one name than a first answer holds.
+TEST(Resolver, GivesAllAddressesOfANameInTheirOrder) {
+  TempFolder etc;
+  etc.write("nsswitch.conf", "hosts: files\n");
+  etc.write("host.conf", "multi on\n");
+  std::string hosts = "192.0.2.1 first.example alias.example\n";
+  for (int i = 0; i < 200; ++i)
+    hosts += "10.0.0." + std::to_string(i) + " many.example\n";
+  etc.write("hosts", hosts);
+  if (::unshare(CLONE_NEWUSER | CLONE_NEWNS) < 0 ||
+      ::mount(etc.path("").c_str(), "/etc", nullptr, MS_BIND, nullptr) < 0)
+    GTEST_SKIP() << "no mount namespace: " << std::strerror(errno);
+
+  std::vector<Ipv4Address> addresses(300);
+  std::size_t count = 0;
+  EXPECT_EQ("", text_of(resolve_host_all("many.example", addresses, count)));
+  ASSERT_EQ(200u, count);
+  for (std::uint8_t i = 0; i < count; ++i)
+    EXPECT_EQ((Ipv4Address{10, 0, 0, i}), addresses[i]);
+  EXPECT_FALSE(resolve_host_all("many.example", {&addresses[7], 2}, count));
+  EXPECT_EQ(2u, count);
+  EXPECT_EQ((Ipv4Address{10, 0, 0, 1}), addresses[8]);
+  EXPECT_EQ((Ipv4Address{10, 0, 0, 9}), addresses[9]);
+  EXPECT_EQ("", text_of(resolve_host("alias.example", addresses[0])));
+  EXPECT_STREQ("192.0.2.1", address_text(addresses[0]));
+  const char* name = nullptr;
+  EXPECT_TRUE(reverse_resolve(addresses[0], &name));
+  EXPECT_STREQ("first.example", name);
+  EXPECT_EQ("Error resolving \"no.example\": Host name not found",
+            text_of(resolve_host_all("no.example", addresses, count)));
+  EXPECT_EQ(2u, count);
 }
 
 }  // namespace

@@ -1,18 +1,21 @@
 // The value codec and the streams under it.
 #include <gtest/gtest.h>
 #include <linux/sockios.h>
+#include <locale.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <cmath>
+#include <cstdlib>
+#include <cstring>
 #include <functional>
-#include <utility>
 
 #include "protocol/ber_codec.h"
 #include "protocol/socket_stream.h"
 #include "support/bytes.h"
 #include "support/scripted_peer.h"
 #include "support/streams.h"
+#include "support/temp_folder.h"
 
 namespace velprobe {
 namespace {
@@ -23,6 +26,12 @@ std::string written(const Operation& write, const std::string& error = "") {
   const BerStreamPtr stream = stream_of();
   EXPECT_EQ(text_of(write(*stream)), error);
   return hex_of(memory_stream_bytes(*stream));
+}
+
+Operation integer(std::int32_t value) {
+  return [=](BerStream& s) {
+    return write_signed_int(s, INT32_MIN, INT32_MAX, value);
+  };
 }
 
 TEST(Codec, WritesTheBytesOfTheWire) {
@@ -53,6 +62,20 @@ TEST(Codec, WritesTheBytesOfTheWire) {
       {[](BerStream& s) { return write_real(s, -HUGE_VAL); }, "09 01 41"},
       {[](BerStream& s) { return write_enumerated(s, UINT32_MAX, 80); },
        "0A 05 00 FF FF FF FF"},
+      // Integers in as few bytes as their sign allows.
+      {integer(0), "02 00"},
+      {integer(127), "02 01 7F"},
+      {integer(128), "02 02 00 80"},
+      {integer(32768), "02 03 00 80 00"},
+      {integer(INT32_MAX), "02 04 7F FF FF FF"},
+      {[](BerStream& s) {
+         return write_unsigned_int(s, 0, UINT32_MAX, 1U << 31);
+       },
+       "02 05 00 80 00 00 00"},
+      {integer(-1), "02 01 FF"},
+      {integer(-128), "02 01 80"},
+      {integer(-129), "02 02 FF 7F"},
+      {integer(INT32_MIN), "02 04 80 00 00 00"},
       // What is out of range.
       {[](BerStream& s) { return write_unsigned_int(s, 1, 5, 0); }, "",
        "data out of range in write_unsigned_int"},
@@ -61,34 +84,6 @@ TEST(Codec, WritesTheBytesOfTheWire) {
   };
   for (const auto& row : rows)
     EXPECT_EQ(written(row.write, row.error), row.hex);
-}
-
-TEST(Codec, IntegersAreMinimal) {
-  const std::pair<std::int64_t, const char*> rows[] = {
-      {0, "02 00"},
-      {127, "02 01 7F"},
-      {128, "02 02 00 80"},
-      {32767, "02 02 7F FF"},
-      {32768, "02 03 00 80 00"},
-      {INT32_MAX, "02 04 7F FF FF FF"},
-      {0x80000000, "02 05 00 80 00 00 00"},
-      {UINT32_MAX, "02 05 00 FF FF FF FF"},
-      {-1, "02 01 FF"},
-      {-128, "02 01 80"},
-      {-129, "02 02 FF 7F"},
-      {INT32_MIN, "02 04 80 00 00 00"},
-  };
-  for (const auto& [value, hex] : rows) {
-    BerStreamPtr stream = stream_of();
-    if (value > INT32_MAX) {
-      const auto number = static_cast<std::uint32_t>(value);
-      EXPECT_FALSE(write_unsigned_int(*stream, 0, UINT32_MAX, number));
-    } else {
-      const auto number = static_cast<std::int32_t>(value);
-      EXPECT_FALSE(write_signed_int(*stream, INT32_MIN, INT32_MAX, number));
-    }
-    EXPECT_EQ(hex_of(memory_stream_bytes(*stream)), hex);
-  }
 }
 
 // One reader of each type under the limits that the rows below poke.
@@ -181,21 +176,83 @@ TEST(Codec, WritesAgainWhatItRead) {
   for (const char* hex :
        {"09 00", "09 01 40", "09 01 41",
         "09 0F 00 2D 32 2E 35 30 30 30 30 30 65 2D 33 30 30"}) {
-    double value = 1;
+    double value = -7e77;
     EXPECT_FALSE(read_real(*stream_of(bytes_of(hex)), value, 0));
     EXPECT_EQ(written([=](BerStream& s) { return write_real(s, value); }), hex);
   }
-  // Bare magnitudes.
-  for (const char* hex : {"02 00", "02 01 80", "02 05 01 00 00 00 00"}) {
-    BigNumPtr number;
+  // Bare magnitudes, each over the one before.
+  BigNumPtr number = bn_power_of_two(700);
+  for (const char* hex : {"02 05 01 00 00 00 00", "02 00", "02 01 80"}) {
     ASSERT_FALSE(read_bignum(*stream_of(bytes_of(hex)), number, 0));
     EXPECT_EQ(
         written([&](BerStream& s) { return write_bignum(s, number.get()); }),
         hex);
   }
-  int flag = 0;
+  int flag = 0xAA;
   EXPECT_FALSE(read_bool(*stream_of(bytes_of("01 01 80")), flag, 0));
   EXPECT_EQ(flag, 1);
+  Text text = copy_text("longer than the new one");
+  EXPECT_FALSE(read_string(*stream_of(bytes_of("04 01 61")), 9, text, 0));
+  EXPECT_STREQ(text.get(), "a");
+}
+
+TEST(Codec, RealsHaveAPointInEveryLocale) {
+  const std::string bytes =
+      bytes_of("09 0D 00 31 2E 35 30 30 30 30 30 65 2B 30 30");
+  TempFolder locales;
+  const std::string make = "localedef -i de_DE -f ISO-8859-1 " +
+                           locales.path("de_DE") + " 2>/dev/null";
+  const int status = std::system(make.c_str());
+  setenv("LOCPATH", locales.path("").c_str(), 1);
+  if (setlocale(LC_NUMERIC, "de_DE") == nullptr)
+    GTEST_SKIP() << "no locale with a decimal comma: localedef gave " << status;
+  double value = 0;
+  EXPECT_FALSE(read_real(*stream_of(bytes), value, 0));
+  EXPECT_EQ(value, 1.5);
+  EXPECT_EQ(written([=](BerStream& s) { return write_real(s, value); }),
+            hex_of(bytes));
+  EXPECT_STREQ(localeconv()->decimal_point, ",");
+  setlocale(LC_NUMERIC, "C");
+}
+
+TEST(Codec, ReadsBigNumbersLongerThanItWrites) {
+  std::string bytes(20 * 1024, '\0');
+  for (std::size_t i = 0; i < bytes.size(); ++i)
+    bytes[i] = static_cast<char>(i * i % 251 + 1);
+  BigNumPtr number;
+  ASSERT_FALSE(
+      read_bignum(*stream_of(bytes_of("02 82 50 00") + bytes), number, 0));
+  std::string back(bytes.size(), '\0');
+  std::uint64_t length = back.size();
+  EXPECT_FALSE(bn_get_data(
+      number.get(), reinterpret_cast<std::uint8_t*>(back.data()), length));
+  EXPECT_TRUE(length == bytes.size() && back == bytes);
+}
+
+TEST(MemoryStream, ForgetsWhatItIsToldTo) {
+  const BerStreamPtr stream = stream_of("abc");
+  char byte = 0;
+  EXPECT_FALSE(stream->operations.read(stream.get(), &byte, 1));
+  EXPECT_EQ(memory_stream_bytes(*stream), "bc");
+  memory_stream_clear(*stream);
+  EXPECT_FALSE(stream->operations.wait_readable(stream.get(), 0));
+  EXPECT_FALSE(stream->operations.write(stream.get(), "de", 2));
+  EXPECT_TRUE(stream->operations.wait_readable(stream.get(), 0));
+  EXPECT_EQ(memory_stream_bytes(*stream), "de");
+}
+
+TEST(SocketStream, ACutTextShowsOnlyWhatCame) {
+  constexpr std::size_t kClaimed = 256;
+  std::memset(new_text(kClaimed).get(), 'x', kClaimed);  // what lay there
+  ScriptedPeer peer({.answer = bytes_of("04 82 01 00 41")});
+  BerStreamPtr stream;
+  ASSERT_FALSE(socket_stream_open(stream, {127, 0, 0, 1}, peer.port(), 1));
+  ASSERT_FALSE(stream->operations.write(stream.get(), "x", 1));
+  Text text;
+  EXPECT_EQ(text_of(read_string(*stream, kClaimed, text, 0)),
+            "Peer closed connection unexpectedly");
+  EXPECT_EQ(std::string(text.get(), kClaimed + 1),
+            "A" + std::string(kClaimed, '\0'));
 }
 
 TEST(SocketStream, WritesGatherUntilAFlushAReadOrTheClose) {

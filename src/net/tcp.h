@@ -83,9 +83,11 @@ ErrorText socket_send(std::int32_t socket, const void* bytes,
 ErrorText socket_flush(std::int32_t socket);
 
 // socket_close makes the socket blocking, shuts both directions down and closes
-// it; only the close can fail.
+// it; only the close can fail. With a deadline, whichever, it does not wait for
+// a peer that takes no more: an SO_LINGER with a time is turned off, and the
+// system sends in the background what is left.
 //   "Error closing socket: %s"
-ErrorText socket_close(std::int32_t socket);
+ErrorText socket_close(std::int32_t socket, Deadline deadline = kNoDeadline);
 
 // socket_local_address stores the local end of a socket where the caller wants
 // it (either place may be null). False when the system does not tell.

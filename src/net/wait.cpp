@@ -30,13 +30,25 @@ pollfd entry_for(std::int32_t socket, WaitFor what) {
           static_cast<short>(what == WaitFor::kReadable ? POLLIN : POLLOUT), 0};
 }
 
-// poll passes over a negative descriptor and would wait for nothing.
+WaitResult not_open() {
+  errno = EBADF;
+  return WaitResult::kError;
+}
+
+// A negative descriptor poll passes over: it would wait for nothing.
+bool is_negative(const pollfd& entry) {
+  return entry.fd < 0;
+}
+
 bool is_not_open(const pollfd& entry) {
-  return entry.fd < 0 || (entry.revents & POLLNVAL) != 0;
+  return (entry.revents & POLLNVAL) != 0;
 }
 
 WaitResult wait_on(std::span<pollfd> entries, int limit, OnSignal on_signal,
                    Deadline deadline) {
+  if (std::any_of(entries.begin(), entries.end(), is_negative)) {
+    return not_open();
+  }
   const Deadline end =
       std::min(std::chrono::steady_clock::now() + seconds(limit), deadline);
   int num_ready;
@@ -47,8 +59,7 @@ WaitResult wait_on(std::span<pollfd> entries, int limit, OnSignal on_signal,
 
   if (num_ready < 0) return WaitResult::kError;
   if (std::any_of(entries.begin(), entries.end(), is_not_open)) {
-    errno = EBADF;
-    return WaitResult::kError;
+    return not_open();
   }
   return num_ready == 0 ? WaitResult::kTimeout : WaitResult::kReady;
 }

@@ -75,7 +75,7 @@ void socket_hang_up(BerStream* stream) {
   const std::unique_ptr<SocketStream> self(own_state(stream));
   if (self->output_pending != 0)
     static_cast<void>(stream->operations.flush(stream));
-  static_cast<void>(socket_close(self->socket));
+  static_cast<void>(socket_close(self->socket, self->deadline));
 }
 
 std::unique_ptr<SocketStream> new_socket_stream(Deadline deadline) {
