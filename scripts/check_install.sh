@@ -133,6 +133,25 @@ check_examples() {
     [ "$(talk "$work/example/$program" --node x --reason no)" = 'refused: no' ]
   done
   [ "$(wc -l <"$root/examples/say_hello.cpp")" -lt 60 ]
+  for program in show_message show_message_static; do
+    [ "$("$work/example/$program" x 3241)" = \
+      $'30 80 04 01 78 02 02 0C A9 00 00 \nx port 3241' ]
+  done
+  [ "$(check_in "$work/example/serve_agents")" = 'Connecting to server: OK.' ]
+  [ "$(wc -l <"$root/examples/serve_agents.cpp")" -lt 80 ]
+}
+
+# check_in SERVER: what velprobe says to a server on loopback.
+check_in() {
+  timeout 20 "$1" 0 >"$work/server" &
+  for _ in $(seq 100); do
+    [ -s "$work/server" ] && break
+    sleep 0.05
+  done
+  printf 'name=a\nserver_list=127.0.0.1\nserver_port=%s\n' \
+    "$(sed -n '1s/.*://p' "$work/server")" >"$work/agent.conf"
+  bin/velprobe "$work/agent.conf" test | sed -n 2p
+  kill %%
 }
 
 build_and_install
