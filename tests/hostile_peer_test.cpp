@@ -104,6 +104,13 @@ TEST(HostilePeer, EndsAtTheDeadlineWhateverItDoes) {
   }
 }
 
+// The numbers are published.
+static_assert(static_cast<int>(ProbeStatus::kAccepted) == 0 &&
+              static_cast<int>(ProbeStatus::kRefused) == 1 &&
+              static_cast<int>(ProbeStatus::kNoAnswer) == 2 &&
+              static_cast<int>(ProbeFailure::kNone) == 0 &&
+              static_cast<int>(ProbeFailure::kSystem) == 10);
+
 TEST(HostilePeer, EveryEndHasItsKind) {
   const std::string version_three = bytes_of("61 80 02 02 03 00");
   const std::string end = bytes_of("00 00 00 00");

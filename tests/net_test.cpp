@@ -14,6 +14,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
@@ -37,6 +38,8 @@
 
 namespace velprobe {
 namespace {
+
+using std::string_literals::operator""s;
 
 constexpr Ipv4Address kLoopback{127, 0, 0, 1};
 
@@ -63,6 +66,9 @@ void script_waits(std::vector<int> ends) {
   waits.clear();
   ends_of_waits = std::move(ends);
 }
+
+static_assert(CONNECT_NONBLOCKING == 1 && CONNECT_NODELAY == 2 &&
+              CONNECT_CORK == 4);
 
 int option_of(int socket, int level, int option) {
   int value = -1;
@@ -117,72 +123,50 @@ struct Connection : testing::Test {
   FileDescriptor listener, client, server;
 };
 
-// The texts, and how long each wait was to last: the limit the first time, then
-// what is left of it.
+// How long each wait was to last: the limit, then what is left of it.
 TEST_F(Connection, WaitsOnceForTheLimitAndGoesOnAfterASignalOnlyToReceive) {
+  using Call = std::function<std::string()>;
   const std::string full(64 << 20, 'x');
-  const auto connect_again = [&](Deadline deadline = kNoDeadline) {
+  const auto connect_until = [&](Deadline deadline) {
     std::int32_t socket;
     return text_of(socket_connect(kLoopback, port_of_socket(listener.get()),
                                   socket, CONNECT_NONBLOCKING, deadline));
   };
-  const auto soon = [] {
-    return std::chrono::steady_clock::now() + std::chrono::seconds(7);
+  const Call receives = [&] { return receive(client); };
+  const Call sends = [&] { return send(client, full); };
+  const Call connects = [&] { return connect_until(kNoDeadline); };
+  const Call connects_soon = [&] {
+    return connect_until(std::chrono::steady_clock::now() +
+                         std::chrono::seconds(7));
   };
   const struct {
-    const char* text;
+    const Call& call;
+    int limit;
     std::vector<int> ends;
-    int limit, expected;
-    std::function<std::string()> call;
+    const char* text;
+    int expected;
   } rows[] = {
-      {"Timeout in socket_recv()",
-       {0},
-       0,
-       600,
-       [&] { return receive(client); }},
-      {"Timeout in socket_recv()",
-       {EINTR, EINTR, 0},
-       30,
-       30,
-       [&] { return receive(client); }},
-      {"Unknown error in socket_recv(): Cannot allocate memory",
-       {ENOMEM},
-       0,
-       600,
-       [&] { return receive(client); }},
-      {"Timeout in socket_send()",
-       {0},
-       0,
-       600,
-       [&] { return send(client, full); }},
-      {"Unknown error in socket_send(): Interrupted system call",
-       {EINTR},
-       30,
-       30,
-       [&] { return send(client, full); }},
-      {"Connection timed out", {0}, 30, 600, [&] { return connect_again(); }},
-      {"Error waiting for connect: Interrupted system call",
-       {EINTR},
-       30,
-       600,
-       [&] { return connect_again(); }},
-      {"Connection timed out",
-       {0},
-       0,
-       7,
-       [&] { return connect_again(soon()); }},
+      {receives, 0, {0}, "Timeout in socket_recv()", 600},
+      {receives, 30, {EINTR, EINTR, 0}, "Timeout in socket_recv()", 30},
+      {receives, 0, {ENOMEM}, "Unknown error in socket_recv(): ", 600},
+      {sends, 0, {0}, "Timeout in socket_send()", 600},
+      {sends, 30, {EINTR}, "Unknown error in socket_send(): ", 30},
+      {connects, 30, {0}, "Connection timed out", 600},
+      {connects, 30, {EINTR}, "Error waiting for connect: ", 600},
+      {connects_soon, 30, {0}, "Connection timed out", 7},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.text);
-    EXPECT_EQ(600, set_socket_timeout(row.limit));
-    std::thread([] { set_socket_timeout(5); }).join();  // the other's own
+    set_socket_timeout(row.limit);
+    std::thread([] { EXPECT_EQ(600, set_socket_timeout(5)); }).join();
     script_waits(row.ends);
-    EXPECT_EQ(row.text, row.call());
-    EXPECT_EQ(row.ends.size(), waits.size());
-    for (std::size_t i = 0; i < waits.size(); ++i) {
-      EXPECT_LE(waits[i], i == 0 ? row.expected : waits[i - 1]);
-      EXPECT_GT(waits[i], row.expected - 2);
-    }
+    const std::string text = row.call();
+    const bool failed = row.ends.back() != 0;
+    EXPECT_EQ(row.text + (failed ? std::strerror(row.ends.back()) : ""s), text);
+    ASSERT_EQ(row.ends.size(), waits.size());
+    EXPECT_TRUE(std::is_sorted(waits.rbegin(), waits.rend()));
+    EXPECT_LE(waits.front(), row.expected);
+    EXPECT_GT(waits.back(), row.expected - 2);
   }
 }
 

@@ -1,10 +1,10 @@
 // The value codec and the streams under it.
 #include <gtest/gtest.h>
 #include <linux/sockios.h>
-#include <locale.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include <clocale>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>

@@ -21,14 +21,14 @@ struct RequestList {
   int count = 0;
 };
 
-// read_configuration asks with ever more room: an answer that fills all of it
-// may have been cut. False when the system fails or memory is short.
+// read_configuration asks for ever more entries: an answer that fills the whole
+// list may have been cut. False when the system fails or memory runs out.
 bool read_configuration(int socket, RequestList& out_list) {
-  for (std::size_t room = 2;; room *= 2) {
-    std::unique_ptr<ifreq[]> requests(new (std::nothrow) ifreq[room]());
+  for (std::size_t capacity = 2;; capacity *= 2) {
+    std::unique_ptr<ifreq[]> requests(new (std::nothrow) ifreq[capacity]());
     if (!requests) return false;
 
-    const int size = static_cast<int>(room * sizeof(ifreq));
+    const int size = static_cast<int>(capacity * sizeof(ifreq));
     ifconf configuration{};
     configuration.ifc_len = size;
     configuration.ifc_req = requests.get();

@@ -26,7 +26,7 @@ struct NicInfo {
 
 // list_nics lists the interfaces that are up and have an IPv4 address, loopback
 // included, in the system's order; a record with an empty name ends the list.
-// Null when the system cannot be asked or memory is short.
+// Null when the system cannot be asked or memory runs out.
 std::unique_ptr<NicInfo[]> list_nics();
 
 // directed_broadcast is the broadcast address of an interface's network;

@@ -14,8 +14,10 @@ namespace velprobe {
 // listen_on opens a non-blocking TCP socket that listens on an address and a
 // port; for port 0 the system chooses one, which socket_local_address tells. A
 // failure leaves out_listener alone.
-//   "Error creating socket: %s", "Error setting SO_REUSEADDR: %s",
-//   "Error binding socket: %s", "Error listening: %s"
+//   "Error creating socket: %s"
+//   "Error setting SO_REUSEADDR: %s"
+//   "Error binding socket: %s"
+//   "Error listening: %s"
 ErrorText listen_on(const Ipv4Address& address, std::uint16_t port,
                     FileDescriptor& out_listener);
 

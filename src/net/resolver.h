@@ -19,15 +19,18 @@ namespace velprobe {
 
 // resolve_host stores the first address of a host name or dotted-decimal text.
 // A failure leaves out_address untouched.
-//   "No addresses found when resolving \"%s\"", or "Error resolving \"%s\""
-//   followed by ": Host name not found", ": Temporary error from name server",
-//   ": Unrecoverable error from name server",
-//   ": Name server returned no address" or ": Unknown error: %d"
+//   "No addresses found when resolving \"%s\""
+//   "Error resolving \"%s\": Host name not found"
+//   "Error resolving \"%s\": Temporary error from name server"
+//   "Error resolving \"%s\": Unrecoverable error from name server"
+//   "Error resolving \"%s\": Name server returned no address"
+//   "Error resolving \"%s\": Unknown error: %d": -1 for a shortage of memory
 ErrorText resolve_host(const char* name, Ipv4Address& out_address);
 
 // resolve_host_all stores all addresses of a name in the system's order, as
-// many as there is space for, and their number in out_count. A failure, with a
-// text of resolve_host, leaves both untouched.
+// many as there is space for, and their number in out_count. A failure leaves
+// both untouched.
+//   the texts of resolve_host
 ErrorText resolve_host_all(const char* name,
                            std::span<Ipv4Address> out_addresses,
                            std::size_t& out_count);

@@ -26,9 +26,15 @@ constexpr ErrorText kConnectTimedOut{"Connection timed out", ETIMEDOUT};
 constexpr ErrorText kReceiveTimedOut{"Timeout in socket_recv()", ETIMEDOUT};
 constexpr ErrorText kSendTimedOut{"Timeout in socket_send()", ETIMEDOUT};
 
+// A signal ends the waits of a connect and a send, whose caller has to know
+// what became of its request. A receive, which has nothing to lose, goes on for
+// the rest of its time.
+constexpr OnSignal kOnSignalToSend = OnSignal::kReport;
+constexpr OnSignal kOnSignalToReceive = OnSignal::kRestart;
+
 ErrorText finish_connect(int socket, Deadline deadline) {
   switch (wait_for_socket(socket, WaitFor::kWritable, kConnectTimeout,
-                          OnSignal::kReport, deadline)) {
+                          kOnSignalToSend, deadline)) {
     case WaitResult::kTimeout:
       return kConnectTimedOut;
     case WaitResult::kError:
@@ -113,7 +119,7 @@ ErrorText socket_connect(const Ipv4Address& address, std::uint16_t port,
 
 bool socket_wait_readable(std::int32_t socket, int seconds, Deadline deadline) {
   return wait_for_socket(socket, WaitFor::kReadable, seconds,
-                         OnSignal::kRestart, deadline) == WaitResult::kReady;
+                         kOnSignalToReceive, deadline) == WaitResult::kReady;
 }
 
 ErrorText socket_recv(std::int32_t socket, void* buffer, std::size_t capacity,
@@ -131,7 +137,7 @@ ErrorText socket_recv(std::int32_t socket, void* buffer, std::size_t capacity,
 
     const WaitResult wait =
         wait_for_socket(socket, WaitFor::kReadable, socket_timeout,
-                        OnSignal::kRestart, deadline);
+                        kOnSignalToReceive, deadline);
     if (wait == WaitResult::kTimeout) return kReceiveTimedOut;
     if (wait == WaitResult::kError) break;
   }
@@ -155,9 +161,8 @@ ErrorText socket_send(std::int32_t socket, const void* bytes,
     if (errno == EINTR) continue;
     if (errno != EAGAIN) return os_failure("Unknown error in socket_send()");
 
-    const WaitResult wait =
-        wait_for_socket(socket, WaitFor::kWritable, socket_timeout,
-                        OnSignal::kReport, deadline);
+    const WaitResult wait = wait_for_socket(
+        socket, WaitFor::kWritable, socket_timeout, kOnSignalToSend, deadline);
     if (wait == WaitResult::kTimeout) return kSendTimedOut;
     if (wait == WaitResult::kError) {
       return os_failure("Unknown error in socket_send()");
@@ -167,7 +172,8 @@ ErrorText socket_send(std::int32_t socket, const void* bytes,
 }
 
 ErrorText socket_flush(std::int32_t socket) {
-  // Taking the cork out sends what the system holds back.
+  // Taking the cork out sends what the system holds back; putting it in again
+  // lets the next small writes gather.
   if (!set_tcp_option(socket, TCP_CORK, 0) ||
       !set_tcp_option(socket, TCP_CORK, 1)) {
     return os_failure("Error setting TCP_CORK");

@@ -20,7 +20,7 @@
 #pragma GCC visibility push(default)
 namespace velprobe {
 
-// Connect flags, to be added up.
+// Connect flags, to be combined with |.
 inline constexpr std::uint32_t CONNECT_NONBLOCKING = 1;
 inline constexpr std::uint32_t CONNECT_NODELAY = 2;  // TCP_NODELAY
 inline constexpr std::uint32_t CONNECT_CORK = 4;     // TCP_CORK
@@ -43,17 +43,20 @@ int set_socket_timeout(int seconds);
 
 // socket_apply_flags gives a socket the mode that the connect flags name:
 // non-blocking or, without that flag, blocking, and the TCP options.
-//   "Error setting socket to nonblocking: %s",
-//   "Error setting TCP_NODELAY: %s", "Error setting TCP_CORK: %s"
+//   "Error setting socket to nonblocking: %s"
+//   "Error setting TCP_NODELAY: %s"
+//   "Error setting TCP_CORK: %s"
 ErrorText socket_apply_flags(std::int32_t socket, std::uint32_t flags);
 
 // socket_connect opens a TCP connection and stores its handle in out_socket. It
 // stays in the mode that the flags chose. A failure closes the socket;
 // out_socket keeps the stale number.
-//   "Error creating socket: %s", "Error setting socket to nonblocking: %s",
-//   "Error setting TCP_NODELAY: %s", "Error setting TCP_CORK: %s",
-//   "Error connecting: %s", "Connection timed out",
-//   "Error waiting for connect: %s", "Error retrieving connection status: %s"
+//   "Error creating socket: %s"
+//   the texts of socket_apply_flags
+//   "Error connecting: %s"
+//   "Connection timed out": after 600 seconds, or at the deadline
+//   "Error waiting for connect: %s": a signal too
+//   "Error retrieving connection status: %s"
 ErrorText socket_connect(const Ipv4Address& address, std::uint16_t port,
                          std::int32_t& out_socket, std::uint32_t flags,
                          Deadline deadline = kNoDeadline);
@@ -66,19 +69,21 @@ bool socket_wait_readable(std::int32_t socket, int seconds,
 
 // socket_recv stores what one read gives, 1 to capacity bytes, in buffer and
 // their count in out_received; a count of 0 means that the peer has closed.
-//   "Timeout in socket_recv()", "Unknown error in socket_recv(): %s"
+//   "Timeout in socket_recv()"
+//   "Unknown error in socket_recv(): %s"
 ErrorText socket_recv(std::int32_t socket, void* buffer, std::size_t capacity,
                       std::size_t& out_received,
                       Deadline deadline = kNoDeadline);
 
-// socket_send sends all bytes. Unlike a receive, a wait that a signal
-// interrupts is an error.
-//   "Timeout in socket_send()", "Other end closed connection" (EPIPE),
-//   "write() wrote too much", "Unknown error in socket_send(): %s"
+// socket_send sends all bytes. Unlike in a receive, a signal ends its wait.
+//   "Timeout in socket_send()"
+//   "Other end closed connection": EPIPE
+//   "write() wrote too much"
+//   "Unknown error in socket_send(): %s": a signal too
 ErrorText socket_send(std::int32_t socket, const void* bytes,
                       std::size_t length, Deadline deadline = kNoDeadline);
 
-// socket_flush pushes corked bytes out by turning TCP_CORK off and on again.
+// socket_flush sends what TCP_CORK holds back, by turning it off and on again.
 //   "Error setting TCP_CORK: %s"
 ErrorText socket_flush(std::int32_t socket);
 
@@ -89,8 +94,8 @@ ErrorText socket_flush(std::int32_t socket);
 //   "Error closing socket: %s"
 ErrorText socket_close(std::int32_t socket, Deadline deadline = kNoDeadline);
 
-// socket_local_address stores the local end of a socket where the caller wants
-// it (either place may be null). False when the system does not tell.
+// socket_local_address stores the local end of a socket in the places given;
+// either may be null. False when the system does not tell.
 bool socket_local_address(std::int32_t socket, Ipv4Address* out_address,
                           std::uint16_t* out_port);
 

@@ -23,7 +23,7 @@ bool udp_close(std::int32_t socket) {
 ErrorText udp_set_broadcast(std::int32_t socket, bool /*enable*/) {
   const int on = 1;
   if (::setsockopt(socket, SOL_SOCKET, SO_BROADCAST, &on, sizeof on) < 0) {
-    return "UDP set allow broadcast failed";
+    return {"UDP set allow broadcast failed", take_last_os_error()};
   }
   return {};
 }
@@ -33,13 +33,14 @@ ErrorText udp_set_multicast(std::int32_t socket, const ip_mreq& request,
   const int off = 0;
   if (::setsockopt(socket, IPPROTO_IP, IP_MULTICAST_LOOP, &off, sizeof off) <
       0) {
-    return "UDP set multicast no loop mode failed.";
+    return {"UDP set multicast no loop mode failed.", take_last_os_error()};
   }
   const int membership = join ? IP_ADD_MEMBERSHIP : IP_DROP_MEMBERSHIP;
   if (::setsockopt(socket, IPPROTO_IP, membership, &request, sizeof request) <
       0) {
-    return join ? "UDP set multicast membership failed."
-                : "UDP unset multicast membership failed.";
+    return {join ? "UDP set multicast membership failed."
+                 : "UDP unset multicast membership failed.",
+            take_last_os_error()};
   }
   return {};
 }
@@ -48,10 +49,11 @@ ErrorText udp_send(std::int32_t socket, const Ipv4Address& address,
                    std::uint16_t port, const void* bytes, std::size_t length) {
   const sockaddr_in peer = to_sockaddr(address, port);
   if (::sendto(socket, bytes, length, 0, as_sockaddr(&peer), sizeof peer) < 0) {
+    const int error_number = take_last_os_error();
     thread_local char text[256];
     std::snprintf(text, sizeof text, "UDP send failed (%s)",
-                  last_os_error_text());
-    return text;
+                  os_error_text(error_number));
+    return {text, error_number};
   }
   return {};
 }
@@ -65,10 +67,10 @@ ErrorText udp_receive(std::int32_t socket, Ipv4Address& out_sender,
   out_sender = address_of(sender);
   out_port = port_of(sender);
   if (length < 0) {
+    const int error_number = take_last_os_error();
     thread_local char text[128];
-    std::snprintf(text, sizeof text, "UDP receive failed (%d).",
-                  take_last_os_error());
-    return text;
+    std::snprintf(text, sizeof text, "UDP receive failed (%d).", error_number);
+    return {text, error_number};
   }
   return {};
 }

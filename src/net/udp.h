@@ -34,21 +34,21 @@ ErrorText udp_set_broadcast(std::int32_t socket, bool enable);
 
 // udp_set_multicast turns multicast loop-back off, then joins the requested
 // group or leaves it.
-//   "UDP set multicast no loop mode failed.",
-//   "UDP set multicast membership failed.",
+//   "UDP set multicast no loop mode failed."
+//   "UDP set multicast membership failed."
 //   "UDP unset multicast membership failed."
 ErrorText udp_set_multicast(std::int32_t socket, const ip_mreq& request,
                             bool join);
 
 // udp_send sends length bytes as one datagram.
-//   "UDP send failed (%s)" with the system's text
+//   "UDP send failed (%s)": the system's text
 ErrorText udp_send(std::int32_t socket, const Ipv4Address& address,
                    std::uint16_t port, const void* bytes, std::size_t length);
 
 // udp_receive receives one datagram of at most length bytes, cutting a longer
 // one, and stores its sender. Length becomes the count received, or -1; after a
 // failure the sender means nothing.
-//   "UDP receive failed (%d)." with the system's error number
+//   "UDP receive failed (%d).": the system's error number
 ErrorText udp_receive(std::int32_t socket, Ipv4Address& out_sender,
                       std::uint16_t& out_port, void* buffer, ssize_t& length);
 

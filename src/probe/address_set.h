@@ -16,8 +16,8 @@ class AddressSet {
   // contains tells whether an address has been added.
   bool contains(const Ipv4Address& address) const;
 
-  // add adds an address that the set does not contain. False when memory is
-  // short: the set is then as it was.
+  // add adds an address that the set does not contain. False when memory
+  // runs out: the set is then as it was.
   [[nodiscard]] bool add(const Ipv4Address& address);
 
  private:

@@ -37,7 +37,7 @@ ErrorText write_request(BerStream& stream, const char* name,
   client_private_key key;
   key.name = copy_text(name);
   if (domain != nullptr) key.domain = copy_text(domain);
-  if (!key.name || (domain != nullptr && !key.domain)) return kOutOfMemory;
+  if (!key.name || (domain != nullptr && !key.domain)) return kNoMemory;
   key.hasMasterKey = 1;
   key.hasHallmark = 1;
   key.testing = 1;
@@ -167,8 +167,7 @@ ErrorText run_probe(const char* server, std::uint16_t port,
   if (is_absent_or_empty(agent_name)) {
     const AddressText own_address = local_address_text(*stream);
     result.agent_address_text = copy_text(own_address.data());
-    if (!result.agent_address_text)
-      return verdict(result, ProbeFailure::kSystem, kOutOfMemory);
+    if (!result.agent_address_text) return kNoMemory;
     agent_name = result.agent_address_text.get();
   }
   return keep_through_close(

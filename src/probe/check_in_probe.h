@@ -71,9 +71,11 @@ struct ProbeResult {
 // server is a host name or dotted address, port in host order. out_result is
 // overwritten in any case.
 //
-// No text exactly when the status is kAccepted. "Veltra Server rejected us: %s"
-// comes with kRefused. With kNoAnswer come the texts of resolver, stream and
-// messages unchanged, and
+// No text exactly when the status is kAccepted.
+//   "Veltra Server rejected us: %s": the status is kRefused; with all others it
+//   is kNoAnswer
+//   the texts of resolve_host, of socket_stream_open and its operations, and of
+//   the messages' writers and readers
 //   "Couldn't open connection to server \"%s\""
 //   "Veltra Server using incompatible protocol"
 //   "Veltra Server does not support private key authentication.  Upgrade the

@@ -3,6 +3,7 @@
 #include <netinet/in.h>
 
 #include <array>
+#include <cerrno>
 #include <cstddef>
 #include <cstring>
 #include <memory>
@@ -64,7 +65,7 @@ ErrorText take_datagram(std::int32_t socket, FoundServers& found) {
       found.addresses.contains(sender)) {
     return {};
   }
-  if (!append(found, sender)) return kOutOfMemory;
+  if (!append(found, sender)) return kNoMemory;
   return {};
 }
 
@@ -92,7 +93,7 @@ ErrorText scan_for_servers(std::uint16_t port, Text* found_servers) {
   if (found_servers == nullptr) return kNoPlace;
   std::unique_ptr<NicInfo[]> nics = list_nics();
   if (!nics || nics[0].name[0] == '\0') nics = broadcast_only_list();
-  if (!nics) return "No memory for small nic structure";
+  if (!nics) return {"No memory for small nic structure", ENOMEM};
   return scan_interfaces(nics.get(), port, found_servers);
 }
 
@@ -113,7 +114,7 @@ ErrorText scan_interfaces(const NicInfo* nics, std::uint16_t port,
 
   // The copy's own NUL ends the list.
   *found_servers = copy_text(found.texts.view());
-  if (!*found_servers) return kOutOfMemory;
+  if (!*found_servers) return kNoMemory;
   return {};
 }
 

@@ -18,13 +18,17 @@ namespace velprobe {
 // It stores a text list (see next_text) of dotted-decimal addresses in the
 // order of their first answers, each once; empty when nobody answered. After a
 // failure found_servers holds nothing.
-//   "found_servers must not be NULL", "Out of memory",
-//   "No memory for small nic structure", "Could not create socket", and the
-//   texts of udp_set_broadcast and udp_send
+//   "found_servers must not be NULL"
+//   "Out of memory"
+//   "No memory for small nic structure"
+//   "Could not create socket"
+//   the texts of udp_set_broadcast and of udp_send, which a single network that
+//   takes no broadcast is enough for
 ErrorText scan_for_servers(std::uint16_t port, Text* found_servers);
 
 // scan_interfaces is the scan over a given list of interfaces, ended by a
-// record without a name; only their broadcast addresses count.
+// record without a name, of which only the broadcast addresses count.
+//   the texts of scan_for_servers
 ErrorText scan_interfaces(const NicInfo* nics, std::uint16_t port,
                           Text* found_servers);
 

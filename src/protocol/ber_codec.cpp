@@ -1,11 +1,10 @@
 #include "ber_codec.h"
 
-#include <locale.h>
-
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <charconv>
+#include <clocale>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
@@ -529,16 +528,16 @@ ErrorText read_bignum(BerStream& stream, BigNumPtr& out_number,
                                      "Wrong tag, expected BE_INTEGER",
                                      std::numeric_limits<std::uint32_t>::max(),
                                      "data out of range in read_bignum"};
-  constexpr ErrorText kNoMemory{"Out of memory in read_bignum", ENOMEM};
+  constexpr ErrorText kNoNumberMemory{"Out of memory in read_bignum", ENOMEM};
   std::uint32_t length = 0;
   if (ErrorText error = read_primitive_header(stream, kRules, tag, length))
     return error;
   ByteBuffer bytes;
-  if (ErrorText error = read_growing(stream, length, bytes, kNoMemory))
+  if (ErrorText error = read_growing(stream, length, bytes, kNoNumberMemory))
     return error;
 
   out_number = bn_new(0, (std::uint64_t{length} + 3) / 4);
-  if (!out_number) return kNoMemory;
+  if (!out_number) return kNoNumberMemory;
   return bn_set_data(out_number.get(),
                      reinterpret_cast<const std::uint8_t*>(bytes.data()),
                      length);

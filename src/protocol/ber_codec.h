@@ -98,6 +98,8 @@ ErrorText write_unsigned_int(BerStream& stream, std::uint32_t minimum,
 ErrorText write_signed_int(BerStream& stream, std::int32_t minimum,
                            std::int32_t maximum, std::int32_t value);
 
+// read_unsigned_int reads an integer from minimum to maximum. A failure leaves
+// out_value alone, as with all readers of numbers but read_real.
 //   "Wrong tag, expected BE_INTEGER"
 //   "data out of range in read_unsigned_int": indefinite or over 5 bytes,
 //   negative, or outside [minimum, maximum]
@@ -105,6 +107,7 @@ ErrorText read_unsigned_int(BerStream& stream, std::uint32_t minimum,
                             std::uint32_t maximum, std::uint32_t& out_value,
                             std::uint32_t tag);
 
+// read_signed_int reads an integer from minimum to maximum.
 //   "Wrong tag, expected BE_INTEGER"
 //   "data out of range in read_signed_int": indefinite or over 4 bytes, or
 //   outside [minimum, maximum]
@@ -117,6 +120,7 @@ ErrorText read_signed_int(BerStream& stream, std::int32_t minimum,
 ErrorText write_enumerated(BerStream& stream, std::uint32_t value,
                            std::uint32_t type_tag);
 
+// read_enumerated reads any unsigned value under the given type tag.
 //   "Wrong tag, expected another type"
 //   "data out of range in read_enumerated": indefinite or over 5 bytes, or
 //   negative
@@ -152,6 +156,8 @@ ErrorText read_string(BerStream& stream, std::uint32_t maximum, Text& out_text,
 //   "String representation of double larger than buffer"
 ErrorText write_real(BerStream& stream, double value);
 
+// read_real reads what write_real writes, and any decimal text that strtod
+// takes.
 //   "Wrong tag, expected BE_REAL"
 //   "data out of range in read_bool": indefinite or over 59 bytes; the name
 //   is part of the text that users know
@@ -159,6 +165,7 @@ ErrorText write_real(BerStream& stream, double value);
 //   "Unsupported real number format revceived"
 ErrorText read_real(BerStream& stream, double& out_value, std::uint32_t tag);
 
+// write_null and read_null carry the value that has no contents.
 ErrorText write_null(BerStream& stream);
 
 //   "Wrong tag, expected BE_NULL"

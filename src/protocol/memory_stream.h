@@ -11,9 +11,13 @@
 #pragma GCC visibility push(default)
 namespace velprobe {
 
-// memory_stream_open makes an empty stream and fills it with the given bytes.
-// Reading past the last byte is "Peer closed connection unexpectedly"; a write
-// for which memory is short, as the opening itself, "Error allocating memory".
+// memory_stream_open makes a stream with the given bytes to be read. On failure
+// out_stream is null.
+//   "Error allocating memory"
+//
+// The stream's operations fail with
+//   "Peer closed connection unexpectedly": a read past the last byte
+//   "Error allocating memory": a write
 ErrorText memory_stream_open(BerStreamPtr& out_stream,
                              std::string_view bytes = {});
 

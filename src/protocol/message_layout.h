@@ -52,16 +52,21 @@ struct MessageLayout {
 };
 
 // write_message writes tag, indefinite length and fields, and closes a closed
-// message. A field that fails is named: "client_private_key.domain: %s".
+// message.
+//   "client_private_key.domain: %s", by the names of message and field: a text
+//   of the codec's writer for the field
+//   the stream's texts
 ErrorText write_message(BerStream& stream, const MessageLayout& layout,
                         const void* record);
 
 // read_message reads what write_message writes; unknown fields at the end of a
 // closed message are passed over. tag is the message's tag if the caller has
 // read it, else 0. Fields read before a failure stay in the record.
-//   "Wrong tag (%d) encountered in read_NAME", with "_incomplete" behind the
-//   name of an open message, as in "Definite length read in read_NAME"; the
-//   field labels of write_message; the texts of the codec
+//   "Wrong tag (%d) encountered in read_NAME": "read_NAME_incomplete" for an
+//   open message
+//   "Definite length read in read_NAME": likewise
+//   a field's failure, labelled as in write_message
+//   the texts of skip_to_eol
 ErrorText read_message(BerStream& stream, const MessageLayout& layout,
                        void* record, std::uint32_t tag);
 

@@ -40,10 +40,14 @@ ErrorText socket_read(BerStream* stream, void* buffer, std::size_t size) {
     next += received;
     size -= received;
   }
+  // Only now: until an answer comes, a flush that failed is tried again.
   self->output_pending = 0;
   return {};
 }
 
+// The codec writes a message in many small pieces. The corked socket makes full
+// segments of them, so that no buffer is needed here; the kernel holds the last
+// one back for up to 200 milliseconds unless a flush comes first.
 ErrorText socket_write_buf(BerStream* stream, const void* bytes,
                            std::size_t size) {
   SocketStream* self = own_state(stream);

@@ -3,6 +3,7 @@
 #ifndef VELPROBE_UTIL_ERROR_TEXT_H_
 #define VELPROBE_UTIL_ERROR_TEXT_H_
 
+#include <cerrno>
 #include <cstddef>
 
 #pragma GCC visibility push(default)
@@ -53,8 +54,10 @@ class [[nodiscard]] ErrorText {
 // character less.
 inline constexpr std::size_t kErrorTextSize = 256;
 
-// The text for a shortage of memory, but where a room has its own.
+// The text for a shortage of memory, but where a room has its own, and the
+// failure with it.
 inline constexpr char kOutOfMemory[] = "Out of memory";
+inline constexpr ErrorText kNoMemory{kOutOfMemory, ENOMEM};
 
 // format_error_text formats as printf does into one of the calling thread's two
 // buffers, used in turn, cut at 255 characters. The text stays valid across
