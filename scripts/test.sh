@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Builds everything and runs all tests. Missing packages are installed first.
 #
-#   scripts/test.sh [PRESET]    release (default), debug, sanitizers or clang
+#   scripts/test.sh [PRESET]    release (default), debug, sanitizers, threads or
+#                               clang
 #
 # VELPROBE_VECTORS names a folder of public test vectors; without it the tests
 # that read them are skipped and say so.
