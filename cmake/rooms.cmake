@@ -81,7 +81,7 @@ function(velprobe_program name)
   set_property(GLOBAL APPEND PROPERTY VELPROBE_PROGRAMS ${name})
 
   foreach(room IN LISTS ROOM_BENEATH)
-    get_target_property(folder ${room} VELPROBE_FOLDER)
+    get_property(folder TARGET ${room} PROPERTY VELPROBE_FOLDER)
     if(folder STREQUAL CMAKE_CURRENT_SOURCE_DIR)
       return()
     endif()
@@ -104,15 +104,13 @@ function(velprobe_check_includes name beneath)
   set(folders ${CMAKE_CURRENT_SOURCE_DIR})
   set(shown)
   foreach(room IN LISTS beneath)
-    get_target_property(folder ${room} VELPROBE_FOLDER)
-    get_target_property(headers ${room} VELPROBE_HEADERS)
+    # A library from elsewhere has no folder here.
+    get_property(folder TARGET ${room} PROPERTY VELPROBE_FOLDER)
+    get_property(headers TARGET ${room} PROPERTY VELPROBE_HEADERS)
     list(APPEND folders ${folder})
     list(APPEND shown ${headers})
   endforeach()
-  get_target_property(headers ${name} VELPROBE_HEADERS)
-  if(NOT headers)
-    set(headers)
-  endif()
+  get_property(headers TARGET ${name} PROPERTY VELPROBE_HEADERS)
   add_custom_command(OUTPUT ${stamp}
     COMMAND ${CMAKE_COMMAND} "-DFILES=${files}" "-DFOLDERS=${folders}"
       "-DHEADERS=${headers}" "-DSHOWN=${shown}"
