@@ -1,8 +1,9 @@
 // A library to preload into a program under test: it counts calls of the system
-// by kind and lets a chosen one fail, or ends the process there.
+// by kind and lets a chosen one fail, or stops or ends the process before it.
 //
 //   VELPROBE_FAULT="KIND NTH ERROR FOREVER"   from the NTH call on when FOREVER
-//                                             is 1; ERROR 0: killed instead
+//                                             is 1; ERROR 0: killed instead,
+//                                             -1: stopped, and then goes on
 //   VELPROBE_FAULT_REPORT=FILE                "KIND CALLS" a line at the end,
 //                                             and "left-open DESCRIPTORS"
 //
@@ -36,7 +37,7 @@ struct Fault {
   int forever;
 };
 
-constexpr int kMaxKinds = 32;
+constexpr int kMaxKinds = 64;
 Kind kinds[kMaxKinds];
 Fault fault;
 bool armed;
@@ -52,15 +53,19 @@ bool strikes(const char* name) {
   if (strcmp(name, fault.kind) != 0) return false;
   if (kind->calls != fault.nth && !(fault.forever && kind->calls > fault.nth))
     return false;
+  if (fault.error < 0) {
+    kill(getpid(), 19);
+    return false;
+  }
   if (fault.error == 0) kill(getpid(), 9);
   errno = fault.error;
   return true;
 }
 
-// haste shortens the time-out of a ppoll, which is its third argument.
-long haste(const char* name, long third) {
-  if (strcmp(name, "ppoll") != 0 || third == 0) return third;
-  const long* const given = reinterpret_cast<const long*>(third);
+// haste shortens the time that an argument of a waiting call points at.
+long haste(long time) {
+  if (time == 0) return 0;
+  const long* const given = reinterpret_cast<const long*>(time);
   constexpr long kSecond = 1000000000;
   const long nanoseconds = (given[0] * kSecond + given[1]) / 50;
   static long shortened[2];
@@ -71,12 +76,12 @@ long haste(const char* name, long third) {
 
 }  // namespace
 
-// FAULTY(NAME, FAILURE) replaces a function. Whatever its type, its arguments
-// are in the first six registers for whole numbers and pointers, and its result
-// in one of them.
+// FAULTY(NAME, KIND, A, C, FAILURE) replaces a function, whose first and third
+// argument become A and C. Whatever its type, its arguments are in the first
+// six registers for whole numbers and pointers, and its result in one of them.
 using Any = long;
 using Function = Any (*)(Any, Any, Any, Any, Any, Any);
-#define FAULTY(name, failure)                                          \
+#define FAULTY(name, kind, first, third, failure)                      \
   extern "C" Any shim_##name(Any, Any, Any, Any, Any, Any) asm(#name); \
   Any shim_##name(Any a, Any b, Any c, Any d, Any e, Any f) {          \
     static Function real;                                              \
@@ -85,24 +90,29 @@ using Function = Any (*)(Any, Any, Any, Any, Any, Any);
     if (real == nullptr)                                               \
       real = reinterpret_cast<Function>(dlsym(RTLD_NEXT, #name));      \
     armed = was_armed;                                                 \
-    if (strikes(#name)) return failure;                                \
-    return real(a, b, haste(#name, c), d, e, f);                       \
+    if (strikes(kind)) return failure;                                 \
+    return real(first, b, third, d, e, f);                             \
   }
 // clang-format off
 #define FAULTY_EACH(X)                                                     \
   X(socket) X(ioctl) X(setsockopt) X(getsockopt) X(getsockname) X(connect) \
-  X(shutdown) X(sendto) X(recvfrom) X(ppoll) X(open) X(read) X(write)     \
-  X(fchown) X(fchmod) X(fsync) X(stat) X(rename) X(unlink) X(sigaction)    \
-  X(setvbuf) X(fflush) X(flock)
+  X(shutdown) X(sendto) X(recvfrom) X(open) X(openat) X(read) X(write)     \
+  X(fstat) X(fstatat) X(fstatfs) X(fchown) X(fchmod) X(fgetxattr)          \
+  X(fsetxattr) X(fremovexattr) X(fsync) X(renameat) X(unlinkat)            \
+  X(sigaction) X(setvbuf) X(fflush) X(flock)
 // clang-format on
-#define FAULTY_MINUS_ONE(name) FAULTY(name, -1)
+#define FAULTY_MINUS_ONE(name) FAULTY(name, #name, a, c, -1)
 
 FAULTY_EACH(FAULTY_MINUS_ONE)
-FAULTY(fgets, 0)
+// What a checking C library calls for flags that the compiler does not know.
+FAULTY(__openat_2, "openat", a, c, -1)
+FAULTY(ppoll, "ppoll", a, haste(c), -1)
+FAULTY(nanosleep, "nanosleep", haste(a), c, -1)
+FAULTY(fgets, "fgets", a, c, 0)
 // Asking for a descriptor's flags (1) cannot fail but for one that is not open.
-FAULTY(fcntl, b == 1 ? real(a, b, c, d, e, f) : -1)
+FAULTY(fcntl, b == 1 ? "getfd" : "fcntl", a, c, -1)
 // A close that fails has closed all the same.
-FAULTY(close, (real(a, b, c, d, e, f), errno = fault.error, -1))
+FAULTY(close, "close", a, c, (real(a, b, c, d, e, f), errno = fault.error, -1))
 
 #define FAULTY_MEMORY(name, parameters, arguments)                \
   extern "C" void* shim_##name parameters asm(#name);             \
@@ -135,7 +145,8 @@ int count_descriptors() {
 [[gnu::destructor]] void report() {
   armed = false;
   const int left_open = count_descriptors() - inherited;
-  FILE* file = fopen(getenv("VELPROBE_FAULT_REPORT"), "w");
+  const char* name = getenv("VELPROBE_FAULT_REPORT");
+  FILE* file = name != nullptr ? fopen(name, "w") : nullptr;
   if (file == nullptr) return;
   fprintf(file, "left-open %d\n", left_open);
   for (const Kind* kind = kinds; kind->name != nullptr; ++kind)

@@ -6,12 +6,13 @@
 #include "../util/console.h"
 #include "assignments.h"
 #include "config_file.h"
+#include "config_paths.h"
 #include "config_rewrite.h"
 
 namespace velprobe {
 namespace {
 
-// Room for a yes or no.
+// For a yes or no and what else fits.
 constexpr std::size_t kAnswerSize = 8;
 
 // offer_creation settles what becomes of a file that could not be opened:
@@ -28,14 +29,13 @@ ErrorText offer_creation(const char* path, int open_error) {
 }
 
 ErrorText read_config_file(const char* path, ConfigKey* keys) {
-  LoadedFile file;
-  if (ErrorText error = load_config_file(path, FileUse::kRead, &file))
+  ByteBuffer bytes;
+  int open_error = 0;
+  if (ErrorText error =
+          read_config_bytes(open_config_paths(path), bytes, open_error))
     return error;
-  if (file.open_error != 0) return offer_creation(path, file.open_error);
-  if (ErrorText error = take_values(file.bytes.view(), keys)) return error;
-  // Of a rewrite that is going on they may be all there is.
-  if (file.is_locked) delete_side_files(name_side_files(path));
-  return {};
+  if (open_error != 0) return offer_creation(path, open_error);
+  return take_values(bytes.view(), keys);
 }
 
 }  // namespace

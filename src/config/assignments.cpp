@@ -36,13 +36,11 @@ bool is_line_end(char c) {
   return c == '\r' || c == '\n';
 }
 
-// value_in gives the value of a line behind its "=". A NUL ends it, as it ends
-// a text; what follows is then part of the line's ending.
+// value_in gives the value of a line behind its "=". A NUL ends the line, as it
+// ends a text; what follows belongs to the line's ending.
 std::string_view value_in(std::string_view rest) {
   std::size_t end = std::min(rest.size(), rest.find('\0'));
-  if (end == rest.size()) {
-    while (end > 0 && is_line_end(rest[end - 1])) --end;
-  }
+  while (end > 0 && is_line_end(rest[end - 1])) --end;
   std::size_t begin = 0;
   while (begin < end && is_white_space(rest[begin]) &&
          !is_line_end(rest[begin])) {

@@ -1,36 +1,50 @@
-// The configuration file as bytes, and the two files beside it.
+// The configuration file as bytes.
 #ifndef VELPROBE_CONFIG_CONFIG_FILE_H_
 #define VELPROBE_CONFIG_CONFIG_FILE_H_
+
+#include <sys/stat.h>
 
 #include "../util/byte_buffer.h"
 #include "../util/error_text.h"
 #include "../util/owners.h"
-#include "../util/text.h"
+#include "config_paths.h"
 
 namespace velprobe {
 
-// FileUse is what a file is loaded for. Those who only read may do so together.
-enum class FileUse { kRead, kRewrite };
-
-// LoadedFile is what load_config_file found: open_error is 0, or the number
-// with which the system refused to open the file.
-struct LoadedFile {
-  // Holds the lock; another process waits for its end.
+// OldFile is the file that a rewrite replaces.
+struct OldFile {
+  // None: there is no file. It holds the lock, for whose end another process
+  // waits.
   FileDescriptor descriptor;
-  int open_error = 0;
-  // Nobody else who asks for the lock is about to replace the file.
-  bool is_locked = false;
+  // Somebody else had the lock for as long as this process waited.
+  bool is_refused = false;
+  // Empty when the file could be looked at only.
   ByteBuffer bytes;
+  // Of the descriptor that the bytes come from.
+  struct stat status;
 };
 
-// load_config_file locks (flock) and reads the whole file. For a rewrite it
-// waits up to five seconds for the lock; without one the file is read all the
-// same. A file that cannot be opened is no failure here: the caller looks at
-// open_error.
+// read_old_file locks (flock) and reads the whole file. It waits up to five
+// seconds for the lock, and as long for a file that another rewrite has between
+// two names; without the lock the file is read all the same. A file that cannot
+// be opened is no failure here.
 //
-// Failure: could_not_open's text, for a read error, short memory and a file of
-// more than 64 MiB.
-ErrorText load_config_file(const char* path, FileUse use, LoadedFile* out);
+// Failures: could_not_open's text, for what is no regular file, a read error,
+// short memory and a file of more than 64 MiB; error_opening's text, when the
+// file's owner and mode are not to be had, or when it is still between two
+// names after five seconds.
+ErrorText read_old_file(const ConfigPaths& paths, OldFile& out);
+
+// read_config_bytes reads the whole file, and then deletes the side files
+// unless another process is rewriting the file. It never waits for a lock, but
+// up to five seconds for a file that another process has between two names.
+// out_open_error is 0, or the number with which the system refused to open the
+// file.
+//
+// Failure: could_not_open's text, for a read error, short memory and more than
+// 64 MiB.
+ErrorText read_config_bytes(const ConfigPaths& paths, ByteBuffer& out_bytes,
+                            int& out_open_error);
 
 // read_whole appends everything up to the end of a file, pipe or device.
 // Returns 0 or a system error number, EFBIG after 64 MiB.
@@ -40,18 +54,9 @@ int read_whole(int descriptor, ByteBuffer& bytes);
 // system's text for the number.
 ErrorText could_not_open(const char* path, int error_number);
 
-// SideFiles names the temporary file and the backup of a configuration file.
-struct SideFiles {
-  char temp[256];
-  char backup[256];
-  // The names got cut until one of them is the other one or the path.
-  bool collide;
-};
-
-SideFiles name_side_files(const char* path);
-
-// delete_side_files deletes both, as far as they exist and do not collide.
-void delete_side_files(const SideFiles& side);
+// error_opening gives "Error opening %s: %s" with the temporary file's name and
+// the last error of the system.
+ErrorText error_opening(const ConfigPaths& paths);
 
 }  // namespace velprobe
 

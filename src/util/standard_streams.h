@@ -8,7 +8,7 @@ namespace velprobe {
 // where the caller closed them, so that no socket or file takes their numbers,
 // and makes standard output show each line at once, through a pipe too. To be
 // called before anything else is opened. False when the null device is not to
-// be had.
+// be had or the buffer cannot be set: standard error then says so.
 [[nodiscard]] bool prepare_standard_streams();
 
 }  // namespace velprobe
