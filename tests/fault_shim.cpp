@@ -4,11 +4,12 @@
 //   VELPROBE_FAULT="KIND NTH ERROR FOREVER"   from the NTH call on when FOREVER
 //                                             is 1; ERROR 0: killed instead,
 //                                             -1: stopped, and then goes on
+//   VELPROBE_FAULT="fstatfs 0 -2 1"           files are as on NFS
 //   VELPROBE_FAULT_REPORT=FILE                "KIND CALLS" a line at the end,
 //                                             and "left-open DESCRIPTORS"
 //
-// It includes no header that declares what it replaces, and waits last a
-// fiftieth of what they should.
+// It includes no header that declares what it replaces. Waits for a socket last
+// a fiftieth of what they should, pauses even less.
 #include <dlfcn.h>
 #include <errno.h>
 #include <stdio.h>
@@ -53,7 +54,7 @@ bool strikes(const char* name) {
   if (strcmp(name, fault.kind) != 0) return false;
   if (kind->calls != fault.nth && !(fault.forever && kind->calls > fault.nth))
     return false;
-  if (fault.error < 0) {
+  if (fault.error == -1) {
     kill(getpid(), 19);
     return false;
   }
@@ -62,12 +63,12 @@ bool strikes(const char* name) {
   return true;
 }
 
-// haste shortens the time that an argument of a waiting call points at.
-long haste(long time) {
+// haste gives a part of the time that an argument of a waiting call points at.
+long haste(long time, long part) {
   if (time == 0) return 0;
   const long* const given = reinterpret_cast<const long*>(time);
   constexpr long kSecond = 1000000000;
-  const long nanoseconds = (given[0] * kSecond + given[1]) / 50;
+  const long nanoseconds = (given[0] * kSecond + given[1]) / part;
   static long shortened[2];
   shortened[0] = nanoseconds / kSecond;
   shortened[1] = nanoseconds % kSecond;
@@ -97,20 +98,29 @@ using Function = Any (*)(Any, Any, Any, Any, Any, Any);
 #define FAULTY_EACH(X)                                                     \
   X(socket) X(ioctl) X(setsockopt) X(getsockopt) X(getsockname) X(connect) \
   X(shutdown) X(sendto) X(recvfrom) X(open) X(openat) X(read) X(write)     \
-  X(fstat) X(fstatat) X(fstatfs) X(fchown) X(fchmod) X(fgetxattr)          \
+  X(fstat) X(fstatat) X(fchown) X(fchmod) X(fgetxattr)          \
   X(fsetxattr) X(fremovexattr) X(fsync) X(renameat) X(unlinkat)            \
-  X(sigaction) X(setvbuf) X(fflush) X(flock)
+  X(sigaction) X(setvbuf) X(fflush)
 // clang-format on
 #define FAULTY_MINUS_ONE(name) FAULTY(name, #name, a, c, -1)
 
 FAULTY_EACH(FAULTY_MINUS_ONE)
 // What a checking C library calls for flags that the compiler does not know.
 FAULTY(__openat_2, "openat", a, c, -1)
-FAULTY(ppoll, "ppoll", a, haste(c), -1)
-FAULTY(nanosleep, "nanosleep", haste(a), c, -1)
+FAULTY(ppoll, "ppoll", a, haste(c, 50), -1)
+FAULTY(nanosleep, "nanosleep", haste(a, 500), c, -1)
 FAULTY(fgets, "fgets", a, c, 0)
 // Asking for a descriptor's flags (1) cannot fail but for one that is not open.
 FAULTY(fcntl, b == 1 ? "getfd" : "fcntl", a, c, -1)
+FAULTY(fstatfs, "fstatfs", a, c,
+       fault.error == -2 ? (*reinterpret_cast<Any*>(b) = 0x6969, 0) : -1)
+// NFS locks exclusively (2) only what is open for writing (F_GETFL, O_ACCMODE).
+FAULTY(flock, "flock",
+       fault.error == -2 && (b & 2) != 0 &&
+               (shim_fcntl(a, 3, 0, 0, 0, 0) & 3) == 0
+           ? -1
+           : a,
+       c, -1)
 // A close that fails has closed all the same.
 FAULTY(close, "close", a, c, (real(a, b, c, d, e, f), errno = fault.error, -1))
 

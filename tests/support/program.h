@@ -89,6 +89,14 @@ class Program {
   // Everything that the program has shown once it ended.
   const std::string& output() { return read_until(std::string(1, '\0')); }
 
+  // Waits until a signal stops the program; false when it ends instead.
+  bool is_stopped() const {
+    siginfo_t what{};
+    waitid(P_PID, static_cast<id_t>(child_), &what,
+           WSTOPPED | WEXITED | WNOWAIT);
+    return what.si_code == CLD_STOPPED;
+  }
+
   int wait() {
     int status = 0;
     waitpid(child_, &status, 0);
