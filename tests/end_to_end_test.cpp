@@ -288,15 +288,24 @@ TEST_F(Configure, LeavesTheFileWithoutAYes) {
   }
 }
 
-TEST_F(EndToEnd, KeepsATerminalFromBeingDriven) {
-  const std::string reason = "\033[2J\r\nConnecting to server: OK.\xC2\x9B";
-  ScriptedPeer peer({.answer = refusal(reason)});
-  EXPECT_NE(test_against(peer).output.find("rejected us: " + reason + "\n"),
-            std::string::npos);
-  const std::string shown = test_against(peer, {.on_terminal = true}).output;
-  EXPECT_NE(shown.find("rejected us: ?[2J??Connecting to server: OK.??\r\n"),
-            std::string::npos)
-      << shown;
+// The server's words, and those of a file that may be another account's.
+TEST_F(Configure, KeepsATerminalFromBeingDriven) {
+  const std::string words = "\033[2J\r\bConnecting to server: OK.\xC2\x9B";
+  const std::string shown = "?[2J??Connecting to server: OK.??";
+  ScriptedPeer peer({.answer = refusal(words)});
+  const std::string lines =
+      "domain=d\033[2J\nserver_port=" + std::to_string(peer.port()) +
+      "\nserver_list=127.0.0.1,," + words + "\nname=n\033[2J\n";
+  for (const bool on_terminal : {false, true}) {
+    const Finished result = velprobe(
+        "configure", lines, {.input = "n\nn\n", .on_terminal = on_terminal});
+    const std::string want = on_terminal ? shown : words;
+    const std::string clear = want.substr(0, want.find('J') + 1);
+    for (const std::string& text :
+         {"\"127.0.0.1,," + want + "\", do you want", "rejected us: " + want,
+          "agent name: \"n" + clear + "\"", "domain: \"d" + clear + "\""})
+      EXPECT_NE(result.output.find(text), std::string::npos) << result.output;
+  }
 }
 
 TEST_F(EndToEnd, WorksWithClosedStandardStreams) {

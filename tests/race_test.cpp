@@ -164,6 +164,24 @@ TEST_F(RaceTest, NothingIsLostBesideAnotherRun) {
   }
 }
 
+TEST_F(RaceTest, OnlyAFileBetweenTwoNamesIsWaitedFor) {
+  const std::string folder = folder_.path("");
+  const char* const pause = "nanosleep 1 -1 0";
+  folder_.write("c", lines_);
+  Velprobe program(folder, "configure", "renameat 2 -1 0");
+  ASSERT_TRUE(program.is_stopped());
+  Velprobe waiting(folder, "test", pause);
+  EXPECT_TRUE(waiting.is_stopped());
+  program.kill(SIGCONT);
+  program.wait();
+  waiting.kill(SIGCONT);
+  EXPECT_TRUE(waiting.output().ends_with("All OK.\n\n")) << waiting.output();
+
+  fs::remove(folder_.path("c"));
+  folder_.write("c.tmp", "of a run that died");
+  EXPECT_FALSE(Velprobe(folder, "test", pause).is_stopped());
+}
+
 // Somebody else locks the file and never lets go of it.
 TEST_F(RaceTest, WithoutTheLockSideFilesAreLeftAlone) {
   const std::string kNfs = "fstatfs 0 -2 1";

@@ -44,20 +44,24 @@ const char* or_empty(const char* text) {
   return text != nullptr ? text : "";
 }
 
-// print_foreign prints what a server or the configuration file says, between
-// two texts of our own. It must not steer a terminal or forge a line on it;
-// into a pipe or a file the bytes go out as they came.
-void print_foreign(const char* before, std::string_view foreign,
-                   const char* after) {
-  std::fputs(before, stdout);
+// print_foreign prints what a server or the configuration file says. It must
+// not steer a terminal or forge a line on it; into a pipe or a file the bytes
+// go out as they came.
+void print_foreign(std::string_view text) {
   if (::isatty(STDOUT_FILENO) == 0) {
-    std::fwrite(foreign.data(), 1, foreign.size(), stdout);
-  } else {
-    const Text shown = copy_text(foreign);
-    if (shown) replace_control_bytes(shown.get());
-    std::fputs(shown ? shown.get() : kOutOfMemory, stdout);
+    std::fwrite(text.data(), 1, text.size(), stdout);
+    return;
   }
-  std::fputs(after, stdout);
+  const Text shown = copy_text(text);
+  if (shown) replace_control_bytes(shown.get());
+  std::fputs(shown ? shown.get() : kOutOfMemory, stdout);
+}
+
+void print_quoted(const char* before, std::string_view text,
+                  const char* after) {
+  std::printf("%s\"", before);
+  print_foreign(text);
+  std::printf("\"%s", after);
 }
 
 // The functions from here to the end are the story of a run. Each is true when
@@ -139,7 +143,7 @@ bool scan_networks(Run& run) {
   }
   const char* name = run.server_names.get();
   for (; *name != '\0'; name = next_text(name))
-    print_foreign("Found Veltra server \"", name, "\"\n");
+    print_quoted("Found Veltra server ", name, "\n");
   std::puts("");
   return true;
 }
@@ -153,8 +157,8 @@ bool choose_servers_to_configure(Run& run) {
   std::puts(
       "This Veltra agent is already configured to check in to the Veltra "
       "server:");
-  print_foreign("\"", list,
-                "\", do you want to scan for the Veltra server anyway? ");
+  print_quoted("", list,
+               ", do you want to scan for the Veltra server anyway? ");
   bool wants_scan = false;
   if (!ask(wants_scan)) return false;
   if (wants_scan) return scan_networks(run);
@@ -191,7 +195,7 @@ void take_proposed_name(Run& run, Text address_text) {
 }
 
 bool try_server(Run& run, const char* server) {
-  print_foreign("Trying to connect to Veltra server \"", server, "\" on port ");
+  print_quoted("Trying to connect to Veltra server ", server, " on port ");
   std::printf("%d ...\n", run.port);
   Text address_text;
   ProbeStatus status = ProbeStatus::kNoAnswer;
@@ -208,7 +212,8 @@ bool try_server(Run& run, const char* server) {
     }
   }
   if (error) {
-    print_foreign("", error.c_str(), "\n");
+    print_foreign(error.c_str());
+    std::puts("");
   } else {
     std::puts("Connecting to server: OK.");
   }
@@ -260,10 +265,9 @@ bool offer_update(Run& run) {
     std::puts(kOutOfMemory);
     return false;
   }
-  print_foreign("\nVeltra server name: \"", run.working_servers.view(), "\"\n");
-  print_foreign("Veltra agent name: \"", or_empty(run.proposed_name.get()),
-                "\"\n");
-  print_foreign("Veltra agent domain: \"", domain.get(), "\"\n\n");
+  print_quoted("\nVeltra server name: ", run.working_servers.view(), "\n");
+  print_quoted("Veltra agent name: ", or_empty(run.proposed_name.get()), "\n");
+  print_quoted("Veltra agent domain: ", domain.get(), "\n\n");
 
   std::puts(
       "Do you want to update the configuration file of this Veltra agent");

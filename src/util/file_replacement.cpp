@@ -18,8 +18,8 @@ namespace {
 constexpr std::size_t kGenerationSuffixSize = 10;
 constexpr int kMostGenerations = 99'999'999;
 
-// keep_backup makes backup a second name of destination. No destination, no
-// backup: that is well too.
+// keep_backup makes backup a second name of destination. A destination that does
+// not exist needs no backup.
 bool keep_backup(const char* destination, const char* backup) {
   ::unlink(backup);
   if (::link(destination, backup) == 0) return true;
