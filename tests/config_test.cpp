@@ -1,9 +1,8 @@
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/xattr.h>
 
 #include <cstring>
 #include <filesystem>
@@ -96,15 +95,14 @@ TEST(ConfigReadTest, OnlyASuccessfulReadClearsTheSideFiles) {
   }
   std::filesystem::remove(path);
   folder.write("%s", "name=n");
-  // Another process is rewriting the file.
-  FileDescriptor other(open(path.c_str(), O_RDONLY));
-  ASSERT_EQ(flock(other.get(), LOCK_EX), 0);
-  EXPECT_EQ(process(path, ConfigMode::kRead), "");
-  EXPECT_EQ(folder.read("%s.bak"), "b");
-  other = FileDescriptor();
   EXPECT_EQ(process(path, ConfigMode::kRead), "");
   EXPECT_EQ(folder.read("%s.tmp"), std::nullopt);
   EXPECT_EQ(folder.read("%s.bak"), std::nullopt);
+  // Without a byte of its own on the disk.
+  for (off_t size : {64 << 20, (64 << 20) + 1}) {
+    ASSERT_EQ(truncate(path.c_str(), size), 0);
+    EXPECT_EQ(process(path, ConfigMode::kRead).empty(), size == 64 << 20);
+  }
   // Only a missing file is a question.
   EXPECT_EQ(process(path + "/", ConfigMode::kRead),
             "Could not open configuration file " + path + "/: Not a directory");
@@ -181,6 +179,35 @@ TEST(ConfigRewriteTest, KeepsThePermissionBits) {
     EXPECT_EQ(mode(), bits & 0777);
   }
   umask(before);
+}
+
+// Lists of acl(5), as the system keeps them: a version, and for each entry a
+// kind, rights and an identifier, all little-endian.
+TEST(ConfigRewriteTest, KeepsTheAccessListAndNoOther) {
+  const auto entry = [](char kind, char rights, const char* id = "\xff\xff") {
+    return std::string{kind, 0, rights, 0, id[0], id[1], id[0], id[1]};
+  };
+  const std::string list = "\2\0\0\0"s + entry(1, 6) + entry(2, 4, "\1\2") +
+                           entry(4, 0) + entry(16, 4) + entry(32, 0);
+  TempFolder folder;
+  const std::string path = folder.write("f", "name=a\n");
+  const auto set = [&list](const std::string& name, const char* kind) {
+    return setxattr(name.c_str(), kind, list.data(), list.size(), 0);
+  };
+  if (set(folder.path(""), "system.posix_acl_default") != 0)
+    GTEST_SKIP() << "no access lists here: " << std::strerror(errno);
+  const auto list_of_file = [&path] {
+    char bytes[100];
+    const ssize_t size =
+        getxattr(path.c_str(), "system.posix_acl_access", bytes, sizeof bytes);
+    return std::string(bytes, size < 0 ? 0 : static_cast<std::size_t>(size));
+  };
+  ASSERT_EQ(chmod(path.c_str(), 0640), 0);
+  EXPECT_EQ(rewrite(path, kAll), "");
+  EXPECT_EQ(list_of_file(), "");
+  ASSERT_EQ(set(path, "system.posix_acl_access"), 0);
+  EXPECT_EQ(rewrite(path, kAll), "");
+  EXPECT_EQ(list_of_file(), list);
 }
 
 TEST(ConfigRewriteTest, WhatIsInTheWayIsNeitherFollowedNorReplaced) {

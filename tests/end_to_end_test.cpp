@@ -308,15 +308,5 @@ TEST_F(Configure, KeepsATerminalFromBeingDriven) {
   }
 }
 
-TEST_F(EndToEnd, WorksWithClosedStandardStreams) {
-  ScriptedPeer peer({.answer = kAccept});
-  for (int descriptor : {0, 1, 2}) {
-    const Finished result =
-        test_against(peer, {.prepare = [=] { close(descriptor); }});
-    EXPECT_EQ(result.status, 0);
-    EXPECT_EQ(result.output.empty(), descriptor == 1);
-  }
-}
-
 }  // namespace
 }  // namespace velprobe

@@ -1,9 +1,9 @@
 // A library to preload into a program under test: it counts calls of the system
-// by kind and lets a chosen one fail, or stops or ends the process before it.
+// by kind and lets a chosen one fail, or stops the process before it.
 //
 //   VELPROBE_FAULT="KIND NTH ERROR FOREVER"   from the NTH call on when FOREVER
-//                                             is 1; ERROR 0: killed instead,
-//                                             -1: stopped, and then goes on
+//                                             is 1; ERROR -1: stopped first,
+//                                             and then as it should be
 //   VELPROBE_FAULT="fstatfs 0 -2 1"           files are as on NFS
 //   VELPROBE_FAULT_REPORT=FILE                "KIND CALLS" a line at the end,
 //                                             and "left-open DESCRIPTORS"
@@ -58,7 +58,6 @@ bool strikes(const char* name) {
     kill(getpid(), 19);
     return false;
   }
-  if (fault.error == 0) kill(getpid(), 9);
   errno = fault.error;
   return true;
 }

@@ -4,6 +4,7 @@
 #include <sys/file.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <functional>
 #include <string>
@@ -50,7 +51,7 @@ class RaceTest : public testing::Test {
 
   // Runs `configure` again and again, stopped before another call each time.
   void stop_at_each_call(const std::function<std::string()>& prepare,
-                         const std::function<void()>& act,
+                         const std::function<void(Program&)>& act,
                          const std::function<void()>& check) {
     for (const char* kind : kKinds) {
       start_server();  // the old one's lines gather in a pipe that nobody reads
@@ -60,7 +61,7 @@ class RaceTest : public testing::Test {
         SCOPED_TRACE(fault);
         Velprobe program(prepare(), "configure", fault);
         if (!program.is_stopped()) break;
-        act();
+        act(program);
         program.kill(SIGCONT);
         program.wait();
         check();
@@ -106,7 +107,7 @@ TEST_F(RaceTest, NoSwappedFileLendsItsRights) {
       }
     };
     stop_at_each_call(
-        prepare, [&, then = then] { link_to(then); }, check);
+        prepare, [&, then = then](Program&) { link_to(then); }, check);
   }
 }
 
@@ -120,7 +121,7 @@ TEST_F(RaceTest, ASwappedFolderIsNotTouched) {
     folder_.write("sub/c", lines_);
     return sub;
   };
-  const auto swap = [&] {
+  const auto swap = [&](Program&) {
     fs::rename(sub, folder_.path("gone"));
     fs::create_directory(sub);
     for (const char* name : names) folder_.write(name, lines_ + name);
@@ -130,6 +131,22 @@ TEST_F(RaceTest, ASwappedFolderIsNotTouched) {
     for (const char* name : names) EXPECT_EQ(folder_.read(name), lines_ + name);
   };
   stop_at_each_call(prepare, swap, check);
+}
+
+TEST_F(RaceTest, WhoDiesLeavesTheOldFileOrTheNewOne) {
+  const char* const names[] = {"c", "c.tmp", "c.bak"};
+  const auto prepare = [&] {
+    for (const char* name : names) fs::remove(folder_.path(name));
+    folder_.write("c", lines_);
+    return folder_.path("");
+  };
+  const auto is_whole = [&](const char* name) {
+    const auto left = folder_.read(name);
+    return left == lines_ || left == lines_ + "domain=.\n";
+  };
+  stop_at_each_call(
+      prepare, [](Program& program) { program.kill(SIGKILL); },
+      [&] { EXPECT_TRUE(std::any_of(names, names + 3, is_whole)); });
 }
 
 // Two rewrites, or a rewrite and a `test`, at any point of each other.
@@ -147,7 +164,7 @@ TEST_F(RaceTest, NothingIsLostBesideAnotherRun) {
       }
       return folder_.path("");
     };
-    const auto act = [&] {
+    const auto act = [&](Program&) {
       if (is_rewrite) {
         other->kill(SIGCONT);
       } else {
@@ -161,6 +178,22 @@ TEST_F(RaceTest, NothingIsLostBesideAnotherRun) {
       EXPECT_TRUE(left.starts_with(lines_)) << left << other->output();
     };
     stop_at_each_call(prepare, act, check);
+  }
+}
+
+TEST_F(RaceTest, BitsOfALostGroupOrListLetNobodyIn) {
+  const struct {
+    const char* fault;
+    mode_t before, after;
+  } rows[] = {{"none", 0664, 0664},
+              {"fchown 1 1 1", 0664, 0604},
+              {"fgetxattr 1 5 1", 0664, 0604},
+              {"fchmod 1 1 1", 0600, 0600}};  // right as they are
+  for (const auto& [fault, before, after] : rows) {
+    const std::string path = folder_.write("c", lines_);
+    ASSERT_EQ(chmod(path.c_str(), before), 0);
+    EXPECT_EQ(Velprobe(folder_.path(""), "configure", fault).wait(), 0);
+    EXPECT_EQ(static_cast<mode_t>(fs::status(path).permissions()), after);
   }
 }
 

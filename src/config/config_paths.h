@@ -19,8 +19,8 @@ struct ConfigPaths {
   // The names got cut until one of them is the other one or the path. Then
   // temp and backup are for messages only.
   bool collide;
-  // Names the folder at most: no descriptor, and the error number, when it
-  // cannot be had.
+  // Of O_PATH; none, and the system's error number beside, when the folder
+  // cannot be opened.
   FileDescriptor folder;
   int folder_error = 0;
   std::size_t folder_length;  // of the folder's part in each name
@@ -62,7 +62,8 @@ TempState look_at_temp(const ConfigPaths& paths, FileDescriptor& out_lock);
 // exist, unless they collide or another process uses them.
 void delete_side_files(const ConfigPaths& paths);
 
-// Waiting for another process: so often, with a pause before each further try.
+// How often to try for what another process has, and the pause before each
+// further try: five seconds in all.
 inline constexpr int kLockAttempts = 50;
 void pause_for_lock();
 
