@@ -11,6 +11,7 @@
 #include <string>
 
 #include "config/agent_config.h"
+#include "config/settings.h"
 #include "support/streams.h"
 #include "support/temp_folder.h"
 #include "util/owners.h"
@@ -81,6 +82,26 @@ TEST(ConfigReadTest, Syntax) {
   }
 }
 
+TEST(SettingsTest, AreReadWithoutATrace) {
+  TempFolder folder;
+  const std::string path = folder.write("f", "name=n\nserver_list=a, b,,c\n");
+  folder.write("f.tmp", "t");
+  AgentSettings settings;
+  EXPECT_EQ(text_of(read_settings(path.c_str(), settings)), "");
+  EXPECT_STREQ(settings.name.get(), "n");
+  EXPECT_EQ(settings.domain, nullptr);
+  EXPECT_EQ(folder.read("f.tmp"), "t");
+  const Text servers = split_server_list(settings.server_list.get());
+  EXPECT_EQ(std::string(servers.get(), 9), "a\0 b\0\0c\0\0"s);
+  EXPECT_STREQ(split_server_list(nullptr).get(), "");
+  EXPECT_EQ(parse_server_port(nullptr, 7), 7);
+  EXPECT_EQ(parse_server_port("70000x", 7), 4464);
+  std::filesystem::remove(path);
+  EXPECT_EQ(text_of(read_settings(path.c_str(), settings)),
+            "Could not open configuration file " + path +
+                ": No such file or directory");
+}
+
 TEST(ConfigReadTest, OnlyASuccessfulReadClearsTheSideFiles) {
   TempFolder folder;
   const std::string path = folder.path("%s");
@@ -93,6 +114,12 @@ TEST(ConfigReadTest, OnlyASuccessfulReadClearsTheSideFiles) {
     EXPECT_EQ(folder.read("%s.tmp"), "t");
     EXPECT_EQ(folder.read("%s.bak"), "b");
   }
+  std::filesystem::remove(path);
+  ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+  EXPECT_EQ(process(path, ConfigMode::kWrite),
+            "Could not open configuration file " + path +
+                ": Operation not supported");
+  EXPECT_EQ(folder.read("%s.tmp"), "t");
   std::filesystem::remove(path);
   folder.write("%s", "name=n");
   EXPECT_EQ(process(path, ConfigMode::kRead), "");
