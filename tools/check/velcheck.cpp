@@ -1,0 +1,197 @@
+#include "velcheck.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <memory>
+#include <new>
+#include <optional>
+#include <string>
+#include <utility>
+
+#include "json.h"
+#include "net/tcp.h"
+#include "options.h"
+#include "output.h"
+#include "plan.h"
+#include "plugin_text.h"
+#include "progress.h"
+#include "prometheus.h"
+#include "report.h"
+#include "run.h"
+#include "util/standard_streams.h"
+#include "wake_up.h"
+
+namespace velprobe::check {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// Conversations that the deadline cut get this long to tell how they stood.
+constexpr auto kGrace = std::chrono::milliseconds(50);
+
+Clock::duration duration_of(double seconds) {
+  return std::chrono::duration_cast<Clock::duration>(
+      std::chrono::duration<double>(seconds));
+}
+
+int complain(const char* text) {
+  std::fprintf(stderr, "velcheck: %s\n", text);
+  return kUnknown;
+}
+
+// The program's own bookkeeping cannot go on without memory; what it knows by
+// then is lost.
+[[noreturn]] void end_without_memory() {
+  static_cast<void>(write_all(STDERR_FILENO, "velcheck: Out of memory\n"));
+  ::_exit(kUnknown);
+}
+
+// --- Output ---------------------------------------------------------------
+
+// Rows of --jsonl go out as they come, unless a file is to hold all of them.
+struct Output {
+  Format format = Format::kPlugin;
+  const char* path = nullptr;
+  bool failed = false;
+
+  bool streams() const {
+    return format == Format::kJsonLines && path == nullptr;
+  }
+};
+
+std::string json_lines(const std::vector<Row>& rows) {
+  std::string text;
+  for (const Row& row : rows) text += json_row(row) + "\n";
+  return text;
+}
+
+void stream_rows(Run& run, Output& output) {
+  if (!output.streams() || output.failed) return;
+  if (!write_all(STDOUT_FILENO, json_lines(run.take_fresh())))
+    output.failed = true;
+}
+
+std::string text_of(const Report& report, Format format) {
+  switch (format) {
+    case Format::kPlugin:
+      return plugin_text(report);
+    case Format::kJson:
+      return json_text(report);
+    case Format::kJsonLines:
+      return json_lines(report.rows);
+    case Format::kPrometheus:
+      return prometheus_text(report);
+  }
+  return {};
+}
+
+int write_report(const Report& report, Output& output) {
+  if (output.format == Format::kJsonLines && !report.error.empty())
+    return complain(report.error.c_str());
+  if (output.path != nullptr) {
+    if (ErrorText error =
+            replace_file(output.path, text_of(report, output.format)))
+      return complain(error.c_str());
+    return report.status;
+  }
+  if (output.failed ||
+      (!output.streams() &&
+       !write_all(STDOUT_FILENO, text_of(report, output.format))))
+    return complain("cannot write the output");
+  return report.status;
+}
+
+// --- The run --------------------------------------------------------------
+
+void wait_for_end(Run& run, Deadline deadline, Output& output) {
+  Progress progress(deadline);
+  while (!run.is_over() && !stop_wanted() && !output.failed) {
+    if (is_past(deadline)) break;
+    wait_for_wake_up(std::min({deadline, run.expire(), progress.due()}));
+    stream_rows(run, output);
+    progress.show(run.standing());
+  }
+}
+
+void wait_for_stragglers(Run& run, Deadline deadline) {
+  const Deadline end = deadline + kGrace;
+  while (run.is_asking() && !stop_wanted() && !is_past(end))
+    wait_for_wake_up(end);
+}
+
+Report new_report(const Options& options) {
+  Report report;
+  report.started = std::chrono::system_clock::now();
+  report.timeout = options.timeout;
+  report.warning = options.warning;
+  report.critical = options.critical;
+  return report;
+}
+
+// Nothing that the run started is waited for: see Run.
+void ask_all(const Options& options, Plan plan, Deadline deadline,
+             Output& output, Report& report) {
+  const auto run = std::make_shared<Run>(
+      std::move(plan), Settings{.scan = options.scan,
+                                .all_addresses = options.all_addresses,
+                                .jobs = options.jobs,
+                                .per_server = options.per_server,
+                                .deadline = deadline,
+                                .each = duration_of(options.each)});
+  run->start();
+  wait_for_end(*run, deadline, output);
+  wait_for_stragglers(*run, deadline);
+  run->close();
+  stream_rows(*run, output);
+  report.rows = run->rows();
+  report.remarks = run->remarks();
+}
+
+int check(const Options& options, Clock::time_point start) {
+  const Deadline deadline = start + duration_of(options.timeout);
+  Output output{options.format.value_or(Format::kPlugin), options.output};
+  Report report = new_report(options);
+  Plan plan;
+  if (ErrorText error = make_plan(options, deadline, plan)) {
+    report.error = error.c_str();
+  } else {
+    report.name = plan.agents.front().name;
+    report.domain = plan.agents.front().domain;
+    ask_all(options, std::move(plan), deadline, output, report);
+  }
+  report.seconds = std::chrono::duration<double>(Clock::now() - start).count();
+  judge(report);
+  return write_report(report, output);
+}
+
+int start(int argc, char** argv) {
+  const auto started = Clock::now();
+  std::set_new_handler(end_without_memory);
+  // Asked before the null device takes the place of a closed stream.
+  const bool has_output = ::fcntl(STDOUT_FILENO, F_GETFD) >= 0;
+  if (!prepare_standard_streams()) return kUnknown;
+  Options options;
+  if (const std::optional<int> status = parse_options(argc, argv, options))
+    return has_output ? *status : kUnknown;
+  if (!has_output && options.output == nullptr)
+    return complain("cannot write the output");
+  // To write beyond the limit on file sizes is an error like a full disk.
+  std::signal(SIGXFSZ, SIG_IGN);
+  if (ErrorText error = start_socket_subsystem())
+    return complain(error.c_str());
+  if (ErrorText error = watch_for_wake_ups()) return complain(error.c_str());
+  return check(options, started);
+}
+
+}  // namespace
+
+void run_velcheck(int argc, char** argv) {
+  ::_exit(start(argc, argv));
+}
+
+}  // namespace velprobe::check
