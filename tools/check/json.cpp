@@ -3,6 +3,8 @@
 #include <cmath>
 #include <nlohmann/json.hpp>
 
+#include "joined.h"
+
 namespace velprobe::check {
 namespace {
 
@@ -69,10 +71,11 @@ std::string json_text(const Report& report) {
   text += ",\"servers\":[";
   const char* separator = "\n";
   for (const Row& row : report.rows) {
-    text += separator + json_row(row);
+    text += joined({separator, json_row(row)});
     separator = ",\n";
   }
-  return text + "]}\n";
+  text += "]}\n";
+  return text;
 }
 
 std::string valid_utf8(std::string_view text) {

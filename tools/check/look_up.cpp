@@ -8,6 +8,7 @@
 #include <span>
 #include <utility>
 
+#include "joined.h"
 #include "net/resolver.h"
 #include "result.h"
 #include "thread.h"
@@ -43,7 +44,7 @@ Found look_up(const std::string& name) {
   if (ErrorText error = resolve_host_all(name.c_str(), addresses, count)) {
     found.failure = error.c_str();
     if (has_ipv6_address(name.c_str()))
-      found.failure += std::string("; ") + kOnlyIpv6;
+      found.failure += joined({"; ", kOnlyIpv6});
     return found;
   }
   found.addresses.assign(addresses.begin(), addresses.begin() + count);
@@ -85,10 +86,12 @@ void LookUps::serve() {
     Found found = look_up(task.name);
     found.seconds = seconds_of(Clock::now() - task.started);
     lock.lock();
-    // Given up meanwhile: this thread has been replaced.
     if (running_.erase(task.number) == 0) {
+      // Given up meanwhile. Most often another thread has taken the place.
       --num_lost_;
-      return;
+      if (num_threads_ >= most_at_once_) return;
+      ++num_threads_;
+      continue;
     }
     lock.unlock();
     deliver_(task.number, found);

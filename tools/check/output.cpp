@@ -11,6 +11,7 @@
 #include <memory>
 #include <string>
 
+#include "joined.h"
 #include "util/owners.h"
 
 namespace velprobe::check {
@@ -68,8 +69,8 @@ bool find_old_place(const char* path, int opened, Place& place) {
 
 FileDescriptor create_beside(const Place& place, std::string& out_name) {
   for (int i = 0; i < kNameAttempts; ++i) {
-    out_name = "." + place.name.substr(0, NAME_MAX / 2) + "." +
-               std::to_string(::getpid()) + "." + std::to_string(i);
+    out_name = joined({".", place.name.substr(0, NAME_MAX / 2), ".",
+                       std::to_string(::getpid()), ".", std::to_string(i)});
     FileDescriptor file(::openat(place.folder.get(), out_name.c_str(),
                                  O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC,
                                  place.replaces ? 0600 : kModeOfNewFile));

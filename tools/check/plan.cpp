@@ -57,8 +57,8 @@ ErrorText take_servers_from(const char* path, Deadline deadline, Plan& plan) {
         return true;
       });
   if (bad_line == 0) return {};
-  return format_error_text("%s, line %zu: %s: \"%s\"", path, bad_line,
-                           kNotAServer, last.c_str());
+  return format_error_text("%s, line %zu: %s: \"%s\"", file_title(path),
+                           bad_line, kNotAServer, last.c_str());
 }
 
 ErrorText take_arguments(const Options& options, Plan& plan) {

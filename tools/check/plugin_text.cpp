@@ -3,9 +3,11 @@
 #include <algorithm>
 #include <cstdio>
 #include <map>
+#include <string_view>
 #include <utility>
 #include <vector>
 
+#include "joined.h"
 #include "util/printable_text.h"
 
 namespace velprobe::check {
@@ -31,11 +33,11 @@ std::string safe(std::string text) {
 }
 
 std::string reason_of(const Row& row) {
-  std::string reason = result_name(row.result);
+  const std::string_view result = result_name(row.result);
   std::string_view text = row.text;
-  if (text.empty()) return reason;
+  if (text.empty()) return std::string(result);
   if (text.starts_with(kRefusal)) text.remove_prefix(kRefusal.size());
-  return reason + ": " + safe(std::string(text));
+  return joined({result, ": ", safe(std::string(text))});
 }
 
 // groups_of gathers the rows by reason in the order of their first; those that
@@ -56,17 +58,17 @@ std::vector<Group> groups_of(const Report& report) {
 
 std::string name_of(const Row& row) {
   std::string name = safe(row.server);
-  if (row.port != kDefaultServerPort) name += ":" + std::to_string(row.port);
-  return name;
+  if (row.port == kDefaultServerPort) return name;
+  return joined({name, ":", std::to_string(row.port)});
 }
 
 std::string first_names(const Group& group) {
+  const std::size_t count = group.rows.size();
   std::string names;
-  for (std::size_t i = 0; i < std::min(group.rows.size(), kMostNames); ++i)
-    names += (i == 0 ? "" : ", ") + name_of(*group.rows[i]);
-  if (group.rows.size() > kMostNames)
-    names += " and " + std::to_string(group.rows.size() - kMostNames) + " more";
-  return names;
+  for (std::size_t i = 0; i < std::min(count, kMostNames); ++i)
+    names += joined({i == 0 ? "" : ", ", name_of(*group.rows[i])});
+  if (count <= kMostNames) return names;
+  return joined({names, " and ", std::to_string(count - kMostNames), " more"});
 }
 
 // The agent's name, if all rows agree on it.
@@ -76,15 +78,17 @@ std::string agent_of(const Report& report) {
     if (agent.empty()) agent = row.agent;
     if (!row.agent.empty() && row.agent != agent) return "this agent";
   }
-  return agent.empty() ? "this agent" : "\"" + safe(agent) + "\"";
+  if (agent.empty()) return "this agent";
+  return joined({"\"", safe(agent), "\""});
 }
 
 std::string summary(const Report& report, const std::vector<Group>& groups) {
   if (!report.error.empty()) return safe(report.error);
   if (report.rows.empty()) return "no server to ask";
-  std::string text = std::to_string(num_with(report, Result::kAccepted)) +
-                     " of " + std::to_string(report.rows.size()) +
-                     " servers accept " + agent_of(report);
+  std::string text =
+      joined({std::to_string(num_with(report, Result::kAccepted)), " of ",
+              std::to_string(report.rows.size()), " servers accept ",
+              agent_of(report)});
   std::size_t num_told = 0;
   std::size_t num_left = 0;
   for (const Group& group : groups) {
@@ -94,10 +98,14 @@ std::string summary(const Report& report, const std::vector<Group>& groups) {
       continue;
     }
     ++num_told;
-    text += "; " + first_names(group) + ": " + group.reason;
+    text += joined({"; ", first_names(group), ": ", group.reason});
   }
-  if (num_left > 0) text += "; " + std::to_string(num_left) + " others";
-  return text;
+  if (num_left == 0) return text;
+  return joined({text, "; ", std::to_string(num_left), " others"});
+}
+
+std::string_view text_of(const std::optional<Range>& range) {
+  return range ? std::string_view(range->text) : "";
 }
 
 std::string short_number(double number) {
@@ -109,36 +117,35 @@ std::string short_number(double number) {
 // 'label'=value;warning;critical;minimum;maximum
 std::string performance_data(const Report& report) {
   const std::string all = std::to_string(report.rows.size());
-  std::string data =
-      " | accepted=" + std::to_string(num_with(report, Result::kAccepted)) +
-      ";;;0;" + all;
+  std::string data = joined(
+      {" | accepted=", std::to_string(num_with(report, Result::kAccepted)),
+       ";;;0;", all});
   for (const Result result : kAllResults) {
     const std::size_t count = num_with(report, result);
     if (result == Result::kAccepted || count == 0) continue;
-    data +=
-        std::string(" ") + result_name(result) + "=" + std::to_string(count);
+    data += joined({" ", result_name(result), "=", std::to_string(count)});
   }
-  const auto& [warning, critical] = std::tie(report.warning, report.critical);
-  if (warning || critical) {
-    data += " not_accepted=" + std::to_string(num_failed(report)) + ";" +
-            (warning ? warning->text : "") + ";" +
-            (critical ? critical->text : "") + ";0;" + all;
+  if (report.warning || report.critical) {
+    data += joined({" not_accepted=", std::to_string(num_failed(report)), ";",
+                    text_of(report.warning), ";", text_of(report.critical),
+                    ";0;", all});
   }
-  return data + " time=" + seconds_text(report.seconds) + "s;;;0;" +
-         short_number(report.timeout);
+  return joined({data, " time=", seconds_text(report.seconds), "s;;;0;",
+                 short_number(report.timeout)});
 }
 
 std::string row_line(const Row& row, const std::string& reason) {
-  std::string line = name_of(row);
+  std::string name = name_of(row);
   if (!row.address.empty() && row.address != row.server)
-    line += " (" + row.address + ")";
-  return line + ": " + reason + " [" + seconds_text(row.seconds) + "s]\n";
+    name += joined({" (", row.address, ")"});
+  return joined({name, ": ", reason, " [", seconds_text(row.seconds), "s]\n"});
 }
 
 std::string group_lines(const Group& group) {
-  if (group.rows.size() > kMostNames) {
-    return std::to_string(group.rows.size()) + " servers (" +
-           first_names(group) + "): " + group.reason + "\n";
+  const std::size_t count = group.rows.size();
+  if (count > kMostNames) {
+    return joined({std::to_string(count), " servers (", first_names(group),
+                   "): ", group.reason, "\n"});
   }
   std::string lines;
   for (const Row* row : group.rows) lines += row_line(*row, group.reason);
@@ -149,13 +156,13 @@ std::string group_lines(const Group& group) {
 
 std::string plugin_text(const Report& report) {
   const std::vector<Group> groups = groups_of(report);
-  std::string text = std::string("VELCHECK ") + kStatusNames[report.status] +
-                     " - " + summary(report, groups);
+  std::string text = joined({"VELCHECK ", kStatusNames[report.status], " - ",
+                             summary(report, groups)});
   if (!report.rows.empty()) text += performance_data(report);
   text += "\n";
   for (const Group& group : groups) text += group_lines(group);
   for (const std::string& remark : report.remarks)
-    text += "remark: " + safe(remark) + "\n";
+    text += joined({"remark: ", safe(remark), "\n"});
   return text;
 }
 

@@ -23,6 +23,7 @@ struct Report {
   std::chrono::system_clock::time_point started;
   double seconds = 0;
   double timeout = 0;
+  bool all_addresses = false;  // a server may have several rows
   std::optional<Range> warning;
   std::optional<Range> critical;
   std::vector<Row> rows;

@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -40,8 +41,18 @@ const char* source_name(Source source);
 // result_of sorts what the probe tells.
 Result result_of(ProbeFailure failure);
 
-// advice_for gives the next step for a row's text, as the troubleshooting page
-// does; empty for an accepted one.
+// Advice is the next step for texts of a result that hold a phrase, as the
+// troubleshooting page gives it.
+struct Advice {
+  Result result;
+  const char* phrase;  // "" stands for every text
+  const char* step;
+};
+
+// all_advice gives the whole table; of several that fit, the first counts.
+std::span<const Advice> all_advice();
+
+// advice_for gives the step for a row's text; empty for an accepted one.
 std::string_view advice_for(Result result, std::string_view text);
 
 // The texts of velcheck's own, for what the probe never got to.
@@ -57,6 +68,7 @@ struct Row {
   // As announced; without a name of its own the agent goes by the address of
   // the connection. Empty when there was no connection to take it from.
   std::string agent;
+  bool is_named = true;  // agent is a name of its own
   std::string domain;
   std::string server;
   std::string address;  // dotted decimal; empty: the name did not resolve

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "descriptors.h"
+#include "joined.h"
 #include "net/resolver.h"
 #include "wake_up.h"
 
@@ -63,6 +64,7 @@ Run::Job& Run::add_job(std::size_t server, std::size_t agent,
   job.agent = agent;
   job.position = position;
   job.row.agent = plan_.agents[agent].name;
+  job.row.is_named = !job.row.agent.empty();
   job.row.domain = plan_.agents[agent].domain;
   job.row.server = plan_.servers[server].name;
   job.row.port = plan_.servers[server].port;
@@ -123,7 +125,8 @@ void Run::take_scanned(const Scanned& scanned) {
   if (closed_) return;
   scans_.erase(scanned.interface);
   if (!scanned.failure.empty())
-    remarks_.push_back("scan on " + scanned.interface + ": " + scanned.failure);
+    remarks_.push_back(
+        joined({"scan on ", scanned.interface, ": ", scanned.failure}));
   for (const std::string& address : scanned.servers) {
     const auto is_asked = [&](const Job& job) {
       return job.row.address == address && job.row.port == plan_.port;
@@ -240,7 +243,8 @@ void Run::close() {
       settle(job, Result::kTimeout, text_of_unknown(job));
   }
   for (const std::string& interface : scans_)
-    remarks_.push_back("scan on " + interface + ": not finished in time");
+    remarks_.push_back(
+        joined({"scan on ", interface, ": not finished in time"}));
 }
 
 std::vector<Row> Run::rows() {

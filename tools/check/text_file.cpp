@@ -15,8 +15,8 @@ namespace {
 
 constexpr std::size_t kMostBytes = std::size_t{64} << 20;
 
-ErrorText reading_failed(const char* path, int error) {
-  return format_error_text("Error reading %s: %s", path, os_error_text(error));
+ErrorText reading_failed(const char* path, const char* why) {
+  return format_error_text("Error reading %s: %s", path, why);
 }
 
 // Of a regular file, poll says that it is readable at any time.
@@ -25,8 +25,8 @@ ErrorText read_all(int file, const char* path, Deadline deadline,
   char buffer[16384];
   while (text.size() <= kMostBytes) {
     if (!wait_for_wake_up(deadline, file)) {
-      if (stop_wanted()) return reading_failed(path, EINTR);
-      if (is_past(deadline)) return reading_failed(path, ETIMEDOUT);
+      if (stop_wanted()) return reading_failed(path, "interrupted");
+      if (is_past(deadline)) return reading_failed(path, "no end in time");
       continue;
     }
     const ssize_t count = ::read(file, buffer, sizeof buffer);
@@ -34,10 +34,10 @@ ErrorText read_all(int file, const char* path, Deadline deadline,
     if (count > 0) {
       text.append(buffer, static_cast<std::size_t>(count));
     } else if (errno != EINTR && errno != EAGAIN) {
-      return reading_failed(path, errno);
+      return reading_failed(path, last_os_error_text());
     }
   }
-  return reading_failed(path, EFBIG);
+  return reading_failed(path, "too long");
 }
 
 std::string_view trimmed(std::string_view text) {
@@ -48,10 +48,14 @@ std::string_view trimmed(std::string_view text) {
 
 }  // namespace
 
+const char* file_title(const char* path) {
+  return std::strcmp(path, "-") == 0 ? "standard input" : path;
+}
+
 ErrorText read_text_file(const char* path, Deadline deadline,
                          std::string& out_text) {
   if (std::strcmp(path, "-") == 0)
-    return read_all(STDIN_FILENO, "standard input", deadline, out_text);
+    return read_all(STDIN_FILENO, file_title(path), deadline, out_text);
   // Without O_NONBLOCK the opening of a pipe waits for its writer.
   const FileDescriptor file(
       ::open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));

@@ -19,6 +19,9 @@ namespace velprobe::check {
 ErrorText read_text_file(const char* path, Deadline deadline,
                          std::string& out_text);
 
+// file_title is how to speak of the file at path: "standard input" for "-".
+const char* file_title(const char* path);
+
 // for_each_entry calls take with each line that holds something, without the
 // white space around it and without what "#" begins. It stops at the first line
 // for which take is false and gives its number, from 1; else 0.

@@ -120,6 +120,7 @@ void wait_for_end(Run& run, Deadline deadline, Output& output) {
 
 void wait_for_stragglers(Run& run, Deadline deadline) {
   const Deadline end = deadline + kGrace;
+  if (!is_past(deadline)) return;
   while (run.is_asking() && !stop_wanted() && !is_past(end))
     wait_for_wake_up(end);
 }
@@ -130,6 +131,7 @@ Report new_report(const Options& options) {
   report.timeout = options.timeout;
   report.warning = options.warning;
   report.critical = options.critical;
+  report.all_addresses = options.all_addresses;
   return report;
 }
 
