@@ -29,8 +29,8 @@ void Progress::show(const Standing& standing) {
   const auto now = Clock::now();
   if (now < due_) return;
   const auto left = std::chrono::ceil<std::chrono::seconds>(end_ - now);
-  std::fprintf(stderr,
-               "%svelcheck: %zu of %zu asked, %zu answered, %lld s left", kWipe,
+  std::fputs(kWipe, stderr);
+  std::fprintf(stderr, "velcheck: %zu of %zu asked, %zu answered, %lld s left",
                standing.num_asked, standing.num_rows, standing.num_done,
                static_cast<long long>(std::max<long long>(left.count(), 0)));
   shown_ = true;

@@ -177,15 +177,15 @@ int start(int argc, char** argv) {
   // Asked before the null device takes the place of a closed stream.
   const bool has_output = ::fcntl(STDOUT_FILENO, F_GETFD) >= 0;
   if (!prepare_standard_streams()) return kUnknown;
+  // To write beyond the limit on file sizes is an error like a full disk.
+  std::signal(SIGXFSZ, SIG_IGN);
+  if (ErrorText error = start_socket_subsystem())
+    return complain(error.c_str());
   Options options;
   if (const std::optional<int> status = parse_options(argc, argv, options))
     return has_output ? *status : kUnknown;
   if (!has_output && options.output == nullptr)
     return complain("cannot write the output");
-  // To write beyond the limit on file sizes is an error like a full disk.
-  std::signal(SIGXFSZ, SIG_IGN);
-  if (ErrorText error = start_socket_subsystem())
-    return complain(error.c_str());
   if (ErrorText error = watch_for_wake_ups()) return complain(error.c_str());
   return check(options, started);
 }
