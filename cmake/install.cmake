@@ -40,6 +40,7 @@ install(FILES ${PROJECT_BINARY_DIR}/velprobe.pc
 include(cmake/manual.cmake)
 
 install(FILES CHANGELOG.md docs/agent.conf.sample docs/troubleshooting.md
+  docs/velcheck.schema.json
   tools/wireshark/velprobe.lua
   DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT programs)
 install(FILES docs/protocol.md

@@ -15,7 +15,7 @@ trap 'rm -rf "$work"; kill $(jobs -p) 2>/dev/null || true' EXIT
 build_and_install() {
   cmake --preset release >/dev/null
   cmake --build --preset release --target \
-    velprobe velstandin velprobe_shared velprobe_static \
+    velprobe velcheck velstandin velprobe_shared velprobe_static \
     all_verify_interface_header_sets >"$work/log" ||
     { cat "$work/log" >&2; return 1; }
   # Everything is found relative to where it stands, so the tree may move.
@@ -26,7 +26,8 @@ build_and_install() {
 # Nothing that users look for is missing.
 check_files() {
   local file
-  for file in bin/velprobe bin/velstandin share/man/man1/velprobe.1 \
+  for file in bin/velprobe bin/velcheck bin/velstandin \
+    share/man/man1/{velprobe,velcheck}.1 \
     share/man/man1/velstandin.1 share/man/man3/libvelprobe.3 \
     share/man/man5/agent.conf.5 share/man/man7/velprobe-troubleshooting.7 \
     share/doc/velprobe/{agent.conf.sample,CHANGELOG.md,troubleshooting.md} \

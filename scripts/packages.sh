@@ -48,5 +48,6 @@ need_packages() {
     apt-get install -y -qq --no-install-recommends "${missing[@]}" >&2
 }
 
-build_packages=(g++ cmake ninja-build)
-test_packages=(libgtest-dev)
+build_packages=(g++ cmake ninja-build nlohmann-json3-dev)
+# The last checks the schema of velcheck's JSON, which is skipped without it.
+test_packages=(libgtest-dev python3-jsonschema)
