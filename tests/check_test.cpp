@@ -200,6 +200,20 @@ TEST(PluginText, GathersManyServersWithOneReason) {
             "500 servers (s0, s1, s2 and 497 more): timeout: late\n");
 }
 
+TEST(PluginText, GathersNamesThatDoNotResolve) {
+  std::vector<Row> rows;
+  for (const char* name : {"a", "b", "c", "d"}) {
+    rows.push_back(row_of(
+        name, Result::kUnresolved,
+        joined({"Error resolving \"", name, "\": Host name not found"})));
+  }
+  const string text = plugin_text(report_of(rows));
+  EXPECT_TRUE(
+      text.ends_with("4 servers (a, b, c and 1 more): unresolved: Error "
+                     "resolving: Host name not found\n"))
+      << text;
+}
+
 TEST(PluginText, LetsNobodyElseWriteItsLines) {
   const string text = plugin_text(hostile_report());
   EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 4);

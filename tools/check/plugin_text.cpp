@@ -32,12 +32,18 @@ std::string safe(std::string text) {
   return text;
 }
 
+// The text without what the line tells anyway: that the server refused, and its
+// name, lest each name that does not resolve be a reason of its own.
 std::string reason_of(const Row& row) {
   const std::string_view result = result_name(row.result);
-  std::string_view text = row.text;
+  std::string text = row.text;
   if (text.empty()) return std::string(result);
-  if (text.starts_with(kRefusal)) text.remove_prefix(kRefusal.size());
-  return joined({result, ": ", safe(std::string(text))});
+  if (text.starts_with(kRefusal)) text.erase(0, kRefusal.size());
+  const std::string name = joined({" \"", row.server, "\""});
+  const std::size_t at = text.find(name);
+  if (row.result == Result::kUnresolved && at != text.npos)
+    text.erase(at, name.size());
+  return joined({result, ": ", safe(std::move(text))});
 }
 
 // groups_of gathers the rows by reason in the order of their first; those that
