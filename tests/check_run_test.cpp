@@ -337,10 +337,10 @@ TEST(Check, FindsTheGoodOnesInAHostileCrowd) {
   CrowdPeer crowd[] = {
       {"", "", true},                                       // silence
       {"", "", false},                                      // a slammed door
-      {"", string(100, '\xDE'), true},                     // garbage
+      {"", string(100, '\xDE'), true},                      // garbage
       {kOffer, filler, true},                               // endless offer
-      {kOffer + kKey, string(100, '0'), true},             // endless lists
-      {bytes_of("1F"), string(100, '\xFF'), true},         // endless tag
+      {kOffer + kKey, string(100, '0'), true},              // endless lists
+      {bytes_of("1F"), string(100, '\xFF'), true},          // endless tag
       {bytes_of("63 80 04 84 FF FF FF FF"), filler, true},  // gigabytes
       {kOffer + kKey + bytes_of("04 84 FF FF FF FF"), "a", true},  // a drip
   };
@@ -451,6 +451,42 @@ TEST(Check, EndsWithUnknownWhenNobodyCanReadTheResult) {
   if (*VELPROBE_FAULT_SHIM == '\0') return;  // sanitizers map terabytes
   const int status = check({server}, {.prepare = no_memory}).status;
   EXPECT_TRUE(status == 3 || status == 2 || status == 127) << status;
+}
+
+TEST(Check, EndsWithAVerdictWhateverFails) {
+  if (*VELPROBE_FAULT_SHIM == '\0')
+    GTEST_SKIP() << "the sanitizers leave no room for failing calls";
+  Server server;
+  TempFolder folder;
+  // No name: the C library's look-ups do not bear the want of memory.
+  const string config =
+      folder.write("c", "server_list=127.0.0.1\nname=a\n" + server.port_line());
+  const std::pair<const char*, int> walks[] = {
+      {"memory", 120},   {"socket", 4},     {"connect", 4}, {"read", 20},
+      {"write", 8},      {"fcntl", 8},      {"open", 8},    {"ppoll", 4},
+      {"setsockopt", 8}, {"getsockopt", 2}, {"fchmod", 1},  {"fsync", 2},
+      {"sigaction", 4},  {"shutdown", 2},   {"setvbuf", 1},
+  };
+  int num_unknown = 0;
+  for (const auto& [kind, times] : walks) {
+    for (int nth = 1; nth <= times; ++nth) {
+      const string fault = string(kind) + " " + std::to_string(nth) + " 12 0";
+      const auto burden = [&] {
+        setenv("VELPROBE_FAULT", fault.c_str(), 1);
+        setenv("VELPROBE_FAULT_REPORT", "/dev/null", 1);
+        setenv("LD_PRELOAD", VELPROBE_FAULT_SHIM, 1);
+      };
+      const string result = folder.write("result", "old");
+      const Finished end = check({"-f", config, "--json", "--output", result},
+                                 {.prepare = burden});
+      EXPECT_TRUE(end.status >= 0 && end.status <= 3) << fault << end.status;
+      const string written = *folder.read("result");
+      EXPECT_TRUE(written == "old" ? end.status == 3 : Json::accept(written))
+          << fault << end.output;
+      num_unknown += end.status == 3;
+    }
+  }
+  EXPECT_GT(num_unknown, 60);
 }
 
 TEST(Check, ReplacesTheOutputFileWhole) {
