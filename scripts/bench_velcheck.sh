@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Measures velcheck beside velprobe, all in one run on this host's loopback, and
-# prints the table of docs/benchmarks.md.
+# prints the section of docs/benchmarks.md about it.
 #
 #   scripts/bench_velcheck.sh [BUILD]    build/release
 #
@@ -86,9 +86,17 @@ config() {
   printf 'name=a\nserver_port=%s\nserver_list=%s\n' "$1" "${*:2}"
 }
 
-printf '%s cores, Linux %s, load %s\n\n' "$(nproc)" "$(uname -r)" \
-  "$(cut -d' ' -f1 /proc/loadavg)"
-printf '| run | time | memory |\n|---|---|---|\n'
+cat <<END
+## velcheck
+
+By \`scripts/bench_velcheck.sh\`, in one run on $(date -u +%F): $(nproc) cores,
+Linux $(uname -r), load $(cut -d' ' -f1 /proc/loadavg) when it began. All servers
+are on loopback; a black hole swallows every packet. Times are by the clock, with
+the start of the program; memory is the largest resident size of one process.
+
+| run | time | memory |
+|---|---|---|
+END
 
 # Half a roll-out: 45 stand-ins on one port, and 3 black holes among them.
 stand_in 127.20.0.1 0

@@ -298,7 +298,7 @@ TEST(Check, LeavesALookUpThatHangsBehind) {
   for (const Words& options : {by_each, by_run}) {
     const Json json = check_json(options, how);
     EXPECT_EQ(json["counts"]["accepted"], 1);
-    for (const std::size_t row : {0, 1, 2})
+    for (std::size_t row = 0; row < 3; ++row)
       EXPECT_EQ(row_text(json, row), "Look-up timed out") << json;
   }
 }
