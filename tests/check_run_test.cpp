@@ -263,7 +263,7 @@ TEST(Check, WaitsForNobodyLongerThanItsTime) {
   Server good;
   const Json json =
       check_json({name_of(silent), name_of(good), name_of(dripping),
-                  name_of(silent, "127.0.0.2"), "--each", "0.3", "-j", "4"});
+                  name_of(silent, "127.0.0.2"), "--each", "1", "-j", "4"});
   EXPECT_EQ(json["status"], "WARNING");
   EXPECT_EQ(json["counts"]["accepted"], 1);
   EXPECT_EQ(json["counts"]["timeout"], 3) << json;
@@ -292,7 +292,7 @@ TEST(Check, LeavesALookUpThatHangsBehind) {
                        name_of(good)};
   Words by_each = words, by_run = words;
   by_each.insert(by_each.end(), {"--each", "0.2", "-j", "1"});
-  by_run.insert(by_run.end(), {"-t", "0.3"});
+  by_run.insert(by_run.end(), {"-t", "1"});
   if (check({"127.0.0.1:1"}, how).status == 99)
     GTEST_SKIP() << "no mounts of one's own";
   for (const Words& options : {by_each, by_run}) {
@@ -322,12 +322,15 @@ TEST(Check, TellsWhatItKnowsWhenInterrupted) {
 
 TEST(Check, ShowsProgressOnATerminalOnly) {
   CrowdPeer silent("", "", true);
-  const Words words = {name_of(silent), "-t", "1.3"};
-  const string shown = check(words, {.on_terminal = true}).output;
-  EXPECT_NE(shown.find("velcheck: 1 of 1 asked, 0 answered, 1 s left"),
-            shown.npos)
-      << shown;
-  EXPECT_TRUE(check(words).output.starts_with("VELCHECK CRITICAL"));
+  const string server = name_of(silent);
+  Program program(command_of({server, "-t", "60"}), {.on_terminal = true});
+  const string shown = program.read_until(" s left");
+  EXPECT_NE(shown.find("velcheck: 1 of 1 asked, 0 answered, "), shown.npos);
+  program.kill(SIGINT);
+  EXPECT_NE(program.output().find("\r\033[KVELCHECK CRITICAL - "),
+            string::npos);
+  EXPECT_TRUE(
+      check({server, "-t", "1.3"}).output.starts_with("VELCHECK CRITICAL"));
 }
 
 // --- Many, and hostile ------------------------------------------------------
@@ -355,7 +358,7 @@ TEST(Check, FindsTheGoodOnesInAHostileCrowd) {
   const Words words = {"--servers-from",
                        folder.write("list", list),
                        "--each",
-                       "1",
+                       "2",
                        "-t",
                        "50",
                        "-j",
