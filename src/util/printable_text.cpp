@@ -12,9 +12,15 @@ bool is_between(Byte byte, int low, int high) {
   return byte >= low && byte <= high;
 }
 
-// utf8_length gives the bytes of the UTF-8 sequence at the given place of a
-// text (RFC 3629, section 4), 1 for a byte that begins no valid one.
-std::size_t utf8_length(const Byte* bytes) {
+bool is_control(const Byte* bytes, std::size_t length) {
+  if (length == 1) return bytes[0] < 0x20 || is_between(bytes[0], 0x7F, 0x9F);
+  return bytes[0] == 0xC2 && bytes[1] < 0xA0;
+}
+
+}  // namespace
+
+std::size_t utf8_length(const char* text) {
+  const Byte* bytes = reinterpret_cast<const Byte*>(text);
   struct Lead {
     int first, last;  // first byte
     int second_low, second_high;
@@ -37,17 +43,10 @@ std::size_t utf8_length(const Byte* bytes) {
   return 1;
 }
 
-bool is_control(const Byte* bytes, std::size_t length) {
-  if (length == 1) return bytes[0] < 0x20 || is_between(bytes[0], 0x7F, 0x9F);
-  return bytes[0] == 0xC2 && bytes[1] < 0xA0;
-}
-
-}  // namespace
-
 void replace_control_bytes(char* text) {
   while (*text != '\0') {
     const Byte* bytes = reinterpret_cast<const Byte*>(text);
-    const std::size_t length = utf8_length(bytes);
+    const std::size_t length = utf8_length(text);
     if (is_control(bytes, length)) std::memset(text, '?', length);
     text += length;
   }

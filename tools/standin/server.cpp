@@ -1,32 +1,63 @@
 #include "server.h"
 
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
 #include <cstdio>
 #include <span>
 #include <utility>
 
 #include "discovery_responder.h"
+#include "log.h"
 #include "net/listener.h"
-#include "net/resolver.h"
 #include "net/tcp.h"
 #include "net/wait.h"
+#include "session_pool.h"
 #include "signals.h"
 #include "util/owners.h"
 
-namespace velprobe {
+namespace velprobe::standin {
 
 namespace {
 
+using Clock = std::chrono::steady_clock;
+
 constexpr int kWaitSeconds = 3600;  // any wait will do: time-outs are nothing
-constexpr int kPauseSeconds = 1;
+constexpr std::chrono::seconds kPause{1};
+constexpr std::chrono::minutes kSilence{1};
 constexpr int kPortAttempts = 16;
 
+// Server is all that runs; the pool goes first, with its threads.
 struct Server {
+  explicit Server(const Options& chosen) : options(chosen) {}
+
+  const Options& options;
+  Log log;
+  NodeRegister nodes;
+  FileDescriptor signals;
   FileDescriptor listener;
-  FileDescriptor responder;
+  Responder responder;
   std::uint16_t port = 0;
+  std::uint64_t num_accepted = 0;
+  Deadline pause_end = Deadline::min();
+  Deadline silence_end = Deadline::min();
+  bool is_stopping = false;
+  bool prefers_queries = false;
+  SessionPool pool;
 };
 
-ErrorText open_both(const Options& options, Server& server) {
+void serve(void* context, Seat& seat, Client client) {
+  Server& server = *static_cast<Server*>(context);
+  SessionRecord record;
+  serve_session(seat, std::move(client), server.options.rules, server.nodes,
+                record);
+  server.log.tell_session(record);
+}
+
+ErrorText open_both(Server& server) {
+  const Options& options = server.options;
   if (ErrorText error =
           listen_on(options.listen, options.port, server.listener)) {
     return error;
@@ -35,79 +66,197 @@ ErrorText open_both(const Options& options, Server& server) {
     return "Error reading the port chosen by the system";
   }
   if (!options.discovery) return {};
-  return open_responder(server.port, server.responder);
+  server.responder.own_address = options.listen;
+  return open_responder(server.port, options.query_troubles, server.responder);
 }
 
-// open_server tries again when the system chose a TCP port whose number is
+// open_sockets tries again when the system chose a TCP port whose number is
 // taken among the UDP ports.
-ErrorText open_server(const Options& options, Server& server) {
-  const int num_attempts = options.port == 0 ? kPortAttempts : 1;
+ErrorText open_sockets(Server& server) {
+  const int num_attempts = server.options.port == 0 ? kPortAttempts : 1;
   ErrorText error;
   for (int attempt = 0; attempt < num_attempts; ++attempt) {
-    error = open_both(options, server);
+    error = open_both(server);
     if (!error) break;
   }
   return error;
 }
 
-bool is_ready(const FileDescriptor& socket) {
-  return socket && socket_wait_readable(socket.get(), 0);
-}
-
-// wait_for_work waits for a client, a query or the wish to stop.
-//   "Error waiting for clients: %s"
-ErrorText wait_for_work(const Server& server, bool& out_stop) {
-  constexpr std::size_t kStop = 0;
-  const std::int32_t sockets[] = {stop_descriptor(), server.listener.get(),
-                                  server.responder.get()};
-  const std::span<const std::int32_t> waited(sockets, server.responder ? 3 : 2);
-  std::size_t first = 0;
-  const WaitResult result = wait_for_any(
-      waited, WaitFor::kReadable, kWaitSeconds, OnSignal::kRestart, first);
-  if (result == WaitResult::kError) {
-    return os_failure("Error waiting for clients");
+ErrorText load_nodes(Server& server) {
+  NodeTable table;
+  for (const char* entry : server.options.nodes) {
+    if (ErrorText error = table.add_entry(entry)) return error;
   }
-  out_stop = result == WaitResult::kReady && first == kStop;
+  if (const char* const file = server.options.node_file) {
+    if (ErrorText error = table.load_file(file)) return error;
+  }
+  table.sort();
+  server.nodes.replace(std::move(table));
   return {};
 }
 
-// serve_next is false when no client could be had after all.
-bool serve_next(const Server& server, const AnswerPolicy& policy) {
-  Client client;
-  if (accept_connection(server.listener, client.socket, client.address,
-                        client.port)) {
-    // The system may be short of something: no use in asking at full speed.
-    static_cast<void>(socket_wait_readable(stop_descriptor(), kPauseSeconds));
-    return false;
+void complain(const char* what, const char* then) {
+  std::fprintf(stderr, "velstandin: %s; %s\n", what, then);
+}
+
+void reload_nodes(Server& server) {
+  if (ErrorText error = load_nodes(server)) {
+    complain(error.c_str(), "the nodes stay as they are");
   }
-  serve_session(std::move(client), policy);
-  return true;
+}
+
+void stop(Server& server) {
+  server.is_stopping = true;
+  forget_stop_signals();
+  server.pool.cut_all("cut off: stopping");
+}
+
+void obey_signal(Server& server) {
+  switch (take_signal(server.signals)) {
+    case SIGINT:
+    case SIGTERM:
+      return stop(server);
+    case SIGHUP:
+      return reload_nodes(server);
+    case SIGUSR1:
+      return server.log.tell_summary(server.nodes);
+  }
+}
+
+bool has_accepted_all(const Server& server) {
+  return server.options.sessions != 0 &&
+         server.num_accepted == server.options.sessions;
+}
+
+// pause_accepting waits for room. It says why, once for as long as shortages
+// follow each other.
+void pause_accepting(Server& server, ErrorText why) {
+  const Deadline now = Clock::now();
+  if (now >= server.silence_end) complain(why.c_str(), "waiting for room");
+  server.silence_end = now + kSilence;
+  server.pause_end = now + kPause;
+  server.pool.ask_for_bell();
+}
+
+// A client that has gone before it was accepted is no shortage.
+bool is_passing(int error_number) {
+  return error_number == EAGAIN || error_number == EINTR ||
+         error_number == ECONNABORTED;
+}
+
+void accept_next(Server& server) {
+  Seat* seat = nullptr;
+  if (ErrorText error = server.pool.find_seat(seat)) {
+    return pause_accepting(server, error);
+  }
+  if (seat == nullptr) return;
+  Client client;
+  client.number = server.num_accepted;
+  if (ErrorText error = accept_connection(server.listener, client.socket,
+                                          client.address, client.port)) {
+    if (!is_passing(error.error_number())) pause_accepting(server, error);
+    return;
+  }
+  ++server.num_accepted;
+  server.pool.seat(*seat, std::move(client));
+}
+
+// Work is what the loop waits for, and until when.
+struct Work {
+  std::array<std::int32_t, 4> sockets;
+  std::size_t num_sockets = 0;
+  Deadline deadline = kNoDeadline;
+
+  void wait_for(std::int32_t socket) { sockets[num_sockets++] = socket; }
+};
+
+// wait_for_clients adds the listener, unless a pause or full seats forbid.
+void wait_for_clients(Server& server, Work& work) {
+  if (server.is_stopping || has_accepted_all(server)) return;
+  Seat* seat = nullptr;
+  if (is_past(server.pause_end)) {
+    if (ErrorText error = server.pool.find_seat(seat)) {
+      pause_accepting(server, error);
+    }
+  }
+  if (!is_past(server.pause_end)) {
+    work.deadline = std::min(work.deadline, server.pause_end);
+  } else if (seat != nullptr ||
+             !socket_wait_readable(server.listener.get(), 0)) {
+    work.wait_for(server.listener.get());
+  } else {
+    work.deadline = std::min(work.deadline, server.pool.make_room());
+  }
+}
+
+Work next_work(Server& server) {
+  Work work;
+  work.deadline = next_late_answer(server.responder);
+  work.wait_for(server.signals.get());
+  work.wait_for(server.pool.bell());
+  // One of each in turn: a flood of one kind does not starve the other.
+  server.prefers_queries = !server.prefers_queries;
+  if (server.prefers_queries && server.responder.socket) {
+    work.wait_for(server.responder.socket.get());
+  }
+  wait_for_clients(server, work);
+  if (!server.prefers_queries && server.responder.socket) {
+    work.wait_for(server.responder.socket.get());
+  }
+  return work;
+}
+
+void do_work(Server& server, std::int32_t ready) {
+  if (ready == server.signals.get()) return obey_signal(server);
+  if (ready == server.pool.bell()) {
+    server.pause_end = Deadline::min();  // a session left its descriptor
+    return server.pool.silence_bell();
+  }
+  if (ready == server.listener.get()) return accept_next(server);
+  answer_query(server.responder, server.options.query_troubles);
+}
+
+ErrorText run(Server& server) {
+  for (;;) {
+    if ((server.is_stopping || has_accepted_all(server)) &&
+        server.pool.is_idle()) {
+      return {};
+    }
+    const Work work = next_work(server);
+    std::size_t first = 0;
+    switch (wait_for_any(std::span(work.sockets).first(work.num_sockets),
+                         WaitFor::kReadable, kWaitSeconds, OnSignal::kRestart,
+                         first, work.deadline)) {
+      case WaitResult::kError:
+        return os_failure("Error waiting for clients");
+      case WaitResult::kReady:
+        do_work(server, work.sockets[first]);
+        break;
+      case WaitResult::kTimeout:
+        break;
+    }
+    answer_late_queries(server.responder);
+  }
 }
 
 }  // namespace
 
 ErrorText run_server(const Options& options) {
-  Server server;
+  Server server(options);
   if (ErrorText error = start_socket_subsystem()) return error;
-  if (ErrorText error = watch_signals()) return error;
-  if (ErrorText error = open_server(options, server)) return error;
-  std::printf("Listening on %s:%u\n", address_text(options.listen),
-              server.port);
-  std::fflush(stdout);
-
-  std::uint32_t num_sessions = 0;
-  for (bool stop = false;;) {
-    if (ErrorText error = wait_for_work(server, stop)) return error;
-    if (stop) return {};
-    // One of each in turn: a flood of one kind does not starve the other.
-    if (is_ready(server.responder)) {
-      answer_query(server.responder, options.listen);
-    }
-    if (is_ready(server.listener) && serve_next(server, options.answer) &&
-        ++num_sessions == options.sessions) {
-      return {};
-    }
+  if (ErrorText error = load_nodes(server)) return error;
+  if (ErrorText error =
+          watch_signals(options.node_file != nullptr, server.signals)) {
+    return error;
   }
+  if (ErrorText error = open_sockets(server)) return error;
+  if (ErrorText error = server.pool.open(options.max_sessions, serve, &server))
+    return error;
+  server.log.open(options.log);
+  server.log.tell_listening(options.listen, server.port);
+  if (ErrorText error = run(server)) return error;
+  server.log.tell_summary(server.nodes);
+  return {};
 }
 
-}  // namespace velprobe
+}  // namespace velprobe::standin

@@ -5,13 +5,15 @@
 #include "options.h"
 #include "util/error_text.h"
 
-namespace velprobe {
+namespace velprobe::standin {
 
-// run_server listens, says where, and serves one client after the other until
-// SIGINT, SIGTERM or the last of the wanted sessions. Fails with the texts of
-// watch_signals, listen_on and open_responder.
+// run_server listens, says where, and serves clients side by side until SIGINT,
+// SIGTERM or the end of the last of the wanted sessions. Fails with the texts
+// of NodeTable, watch_signals, listen_on, open_responder and SessionPool, with
+// "Error reading the port chosen by the system" and "Error waiting for clients:
+// %s".
 ErrorText run_server(const Options& options);
 
-}  // namespace velprobe
+}  // namespace velprobe::standin
 
 #endif  // VELPROBE_STANDIN_SERVER_H_

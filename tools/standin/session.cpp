@@ -1,45 +1,21 @@
 #include "session.h"
 
-#include <algorithm>
-#include <cstdio>
+#include <cerrno>
+#include <chrono>
 #include <cstring>
+#include <string_view>
 #include <utility>
 
-#include "net/resolver.h"
 #include "protocol/ber_codec.h"
-#include "protocol/messages.h"
+#include "protocol/memory_stream.h"
 #include "protocol/socket_stream.h"
-#include "signals.h"
-#include "util/printable_text.h"
 #include "util/text.h"
 
-namespace velprobe {
+namespace velprobe::standin {
 
 namespace {
 
-ErrorText write_private_key(BerStream& stream) {
-  server_private_key key;
-  key.hasMasterKey = 1;
-  key.hasHallmark = 1;
-  return write_server_private_key(stream, key);
-}
-
-constexpr Authentication kAuthentications[] = {
-    {"private-key", write_private_key},
-    {"password", write_server_password},
-    {"none", write_server_no_auth},
-};
-
-enum class Answer { kNone, kOffer, kRefusal };
-
-// Session is what has happened so far.
-struct Session {
-  bool has_version = false;
-  client_wants wants;
-  client_private_key identity;  // without a name for other kinds of client
-  Answer answer = Answer::kNone;
-  const char* end = "";
-};
+using Clock = std::chrono::steady_clock;
 
 ErrorText read_identity(BerStream& stream, client_private_key& identity) {
   std::uint32_t tag = 0;
@@ -56,145 +32,149 @@ ErrorText read_identity(BerStream& stream, client_private_key& identity) {
   }
 }
 
-ErrorText read_request(BerStream& stream, Session& session) {
-  if (ErrorText error =
-          read_client_wants_incomplete(stream, session.wants, 0)) {
+ErrorText read_request(Conversation& conversation) {
+  BerStream& stream = conversation.stream;
+  SessionRecord& record = conversation.record;
+  if (ErrorText error = read_client_wants_incomplete(stream, record.wants, 0)) {
     return error;
   }
-  session.has_version = true;
-  if (ErrorText error = read_identity(stream, session.identity)) return error;
-  return skip_to_eol(stream);
-}
-
-bool is_accepted(const char* name, const AnswerPolicy& policy) {
-  const auto is_named = [name](const char* node) {
-    return name != nullptr && std::strcmp(name, node) == 0;
-  };
-  return policy.nodes.empty() ||
-         std::any_of(policy.nodes.begin(), policy.nodes.end(), is_named);
-}
-
-ErrorText write_offer(BerStream& stream, const AnswerPolicy& policy) {
-  server_offers offers;
-  offers.version = policy.version;
-  if (ErrorText error = write_server_offers(stream, offers)) return error;
-  if (ErrorText error = policy.authentication->write(stream)) return error;
-  return write_end_of_contents(stream);
-}
-
-ErrorText write_refusal(BerStream& stream, const AnswerPolicy& policy) {
-  negotiate_nack refusal;
-  refusal.reason = copy_text(policy.reason);
-  if (!refusal.reason) return kOutOfMemory;
-  return write_negotiate_nack(stream, refusal);
-}
-
-ErrorText answer_request(BerStream& stream, Session& session,
-                         const AnswerPolicy& policy) {
-  const bool accepted = is_accepted(session.identity.name.get(), policy);
-  if (ErrorText error = accepted ? write_offer(stream, policy)
-                                 : write_refusal(stream, policy)) {
-    return error;
-  }
-  // From here on the client may have the answer, whatever the flush says.
-  session.answer = accepted ? Answer::kOffer : Answer::kRefusal;
-  return stream.operations.flush(&stream);
-}
-
-// await_acknowledgement reads what follows the answer: an acknowledgement, or
-// nothing more at all, which is an error here as everywhere.
-ErrorText await_acknowledgement(BerStream& stream, Session& session) {
-  std::uint32_t tag = 0;
-  if (ErrorText error = read_tag(stream, tag)) return error;
-  if (session.answer == Answer::kRefusal) return "went on after the refusal";
-  if (ErrorText error = read_negotiate_ack(stream, tag)) return error;
-  session.end = "acknowledged";
+  record.has_version = true;
+  if (ErrorText error = read_identity(stream, record.identity)) return error;
+  if (ErrorText error = skip_to_eol(stream)) return error;
+  record.has_request = true;
+  if (conversation.seat != nullptr) conversation.seat->has_asked();
   return {};
 }
 
-ErrorText converse(BerStream& stream, Session& session,
-                   const AnswerPolicy& policy) {
-  if (ErrorText error = read_request(stream, session)) return error;
-  if (ErrorText error = answer_request(stream, session, policy)) return error;
-  return await_acknowledgement(stream, session);
+ErrorText deliver_plainly(Conversation& conversation, std::string_view answer) {
+  BerStream& stream = conversation.stream;
+  if (ErrorText error =
+          stream.operations.write(&stream, answer.data(), answer.size())) {
+    return error;
+  }
+  // From here on the client may have the answer, whatever the flush says.
+  conversation.record.answer =
+      conversation.record.plan.is_accepted ? Answer::kOffer : Answer::kRefusal;
+  return stream.operations.flush(&stream);
+}
+
+// deliver writes the answer into memory first: it leaves in one piece, or as
+// the trouble has it.
+ErrorText deliver(Conversation& conversation, const Trouble* trouble) {
+  BerStreamPtr memory;
+  if (ErrorText error = memory_stream_open(memory)) return error;
+  if (ErrorText error = write_answer(*memory, conversation.record.plan)) {
+    return error;
+  }
+  const std::string_view answer = memory_stream_bytes(*memory);
+  if (trouble == nullptr || trouble->kind->deliver == nullptr) {
+    return deliver_plainly(conversation, answer);
+  }
+  return trouble->kind->deliver(conversation, *trouble, answer);
+}
+
+// await_acknowledgement reads what follows the answer: an acknowledgement, or
+// nothing more at all, which is an error here as everywhere. An
+// end-of-contents (tag 0) is not handed on: the reader would take it for no
+// tag at all.
+ErrorText await_acknowledgement(Conversation& conversation) {
+  BerStream& stream = conversation.stream;
+  std::uint32_t tag = 0;
+  if (ErrorText error = read_tag(stream, tag)) return error;
+  if (conversation.record.answer == Answer::kRefusal) {
+    return "went on after the refusal";
+  }
+  if (tag == BE_END_OF_CONTENTS) {
+    return format_error_text("Wrong tag (%d) encountered in read_%s", 0,
+                             "negotiate_ack");
+  }
+  if (ErrorText error = read_negotiate_ack(stream, tag)) return error;
+  copy_bounded(conversation.record.end.data(), "acknowledged",
+               conversation.record.end.size());
+  return {};
 }
 
 // end_text says in the words of an administrator how a conversation failed.
-const char* end_text(const SessionLimit& limit, const Session& session,
-                     ErrorText failure) {
-  if (limit.cut_reason() != nullptr) return limit.cut_reason();
-  const bool hung_up = std::strcmp(failure.c_str(), kPeerClosed.c_str()) == 0;
-  if (hung_up && session.answer == Answer::kRefusal) return "hung up";
-  if (hung_up && session.answer == Answer::kOffer) {
-    return "hung up without acknowledging";
-  }
-  return failure.c_str();
+const char* end_text(const SessionRecord& record, ErrorText failure) {
+  const int number = failure.error_number();
+  if (number == ETIMEDOUT) return "cut off: time is up";
+  const bool hung_up = number == ECONNRESET || number == EPIPE;
+  if (!hung_up || !record.has_request) return failure.c_str();
+  return record.answer == Answer::kOffer ? "hung up without acknowledging"
+                                         : "hung up";
 }
 
-// print_quoted keeps one line one line, whatever the text holds.
-void print_quoted(const char* label, const char* text) {
-  const Text printable = copy_text(text != nullptr ? text : "");
-  if (printable) replace_control_bytes(printable.get());
-  std::printf("%s\"%s\"", label, printable ? printable.get() : "");
+void note_end(SessionRecord& record, const char* text) {
+  copy_bounded(record.end.data(), text, record.end.size());
 }
 
-void print_request(const Session& session) {
-  if (!session.has_version) {
-    std::printf("no request");
-    return;
-  }
-  std::printf("version 0x%04X", static_cast<unsigned>(session.wants.version));
-  print_quoted(", name ", session.identity.name.get());
-  print_quoted(", domain ", session.identity.domain.get());
-}
-
-void print_answer(const Session& session, const AnswerPolicy& policy) {
-  switch (session.answer) {
-    case Answer::kNone:
-      std::printf("not answered");
-      break;
-    case Answer::kOffer:
-      std::printf("offered version 0x%04X, %s", policy.version,
-                  policy.authentication->name);
-      break;
-    case Answer::kRefusal:
-      print_quoted("refused: ", policy.reason);
-      break;
-  }
-}
-
-void print_line(const Client& client, const Session& session,
-                const AnswerPolicy& policy) {
-  std::printf("%s:%u: ", address_text(client.address), client.port);
-  print_request(session);
-  std::printf("; ");
-  print_answer(session, policy);
-  std::printf("; %s\n", session.end);
-  std::fflush(stdout);
+// serve_stream ends with the stream closed.
+void serve_stream(Seat& seat, BerStreamPtr stream, Deadline deadline,
+                  const SessionRules& rules, std::uint64_t number,
+                  NodeRegister& nodes, SessionRecord& record) {
+  const std::int32_t socket = socket_stream_handle(*stream);
+  seat.watch(socket);
+  Conversation conversation{*stream, socket, deadline, &seat, record};
+  const ErrorText failure =
+      converse(conversation, rules, pick(rules.troubles, number), nodes);
+  if (failure) note_end(record, end_text(record, failure));
+  // A session that had come to its end was not cut off any more.
+  const char* cut = seat.cut_reason();
+  if (failure && cut != nullptr) note_end(record, cut);
+  seat.unwatch();
 }
 
 }  // namespace
 
-const Authentication* find_authentication(const char* name) {
-  for (const Authentication& each : kAuthentications) {
-    if (std::strcmp(each.name, name) == 0) return &each;
+ErrorText converse(Conversation& conversation, const SessionRules& rules,
+                   const Trouble* chosen, NodeRegister& nodes) {
+  SessionRecord& record = conversation.record;
+  record.plan = rules.answer;
+  if (chosen != nullptr) record.trouble = chosen->kind;
+  if (chosen != nullptr && strikes_at_once(*chosen)) {
+    return chosen->kind->deliver(conversation, *chosen, {});
   }
-  return nullptr;
-}
+  record.trouble = nullptr;
+  if (ErrorText error = read_request(conversation)) return error;
 
-void serve_session(Client client, const AnswerPolicy& policy) {
-  Session session;
-  BerStreamPtr stream;
-  if (ErrorText error = socket_stream_adopt(stream, client.socket.get())) {
-    session.end = error.c_str();
-  } else {
-    const int socket = client.socket.release();  // the stream's now
-    const SessionLimit limit(socket);
-    if (ErrorText failure = converse(*stream, session, policy)) {
-      session.end = end_text(limit, session, failure);
+  Trouble own;
+  if (ErrorText error = nodes.decide(record.identity.name.get(),
+                                     record.plan.is_accepted, own)) {
+    return error;
+  }
+  const Trouble* trouble = own.kind != nullptr ? &own : chosen;
+  if (trouble != nullptr) {
+    record.trouble = trouble->kind;
+    record.plan.client_version =
+        static_cast<std::uint16_t>(record.wants.version);
+    if (trouble->kind->plan != nullptr) {
+      trouble->kind->plan(record.plan, *trouble);
     }
   }
-  print_line(client, session, policy);
+  const ErrorText error = deliver(conversation, trouble);
+  // The log outlives the trouble of this agent.
+  record.own_reason = std::move(own.text);
+  if (error || record.end[0] != '\0') return error;
+  return await_acknowledgement(conversation);
 }
 
-}  // namespace velprobe
+void serve_session(Seat& seat, Client client, const SessionRules& rules,
+                   NodeRegister& nodes, SessionRecord& out_record) {
+  out_record.begin = Clock::now();
+  out_record.peer = client.address;
+  out_record.port = client.port;
+  const Deadline deadline =
+      out_record.begin + std::chrono::seconds(rules.limit_seconds);
+  BerStreamPtr stream;
+  if (ErrorText error =
+          socket_stream_adopt(stream, client.socket.get(), deadline)) {
+    note_end(out_record, error.c_str());
+  } else {
+    client.socket.release();  // the stream's now
+    serve_stream(seat, std::move(stream), deadline, rules, client.number, nodes,
+                 out_record);
+  }
+  out_record.finish = Clock::now();
+}
+
+}  // namespace velprobe::standin

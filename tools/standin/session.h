@@ -2,46 +2,69 @@
 #ifndef VELPROBE_STANDIN_SESSION_H_
 #define VELPROBE_STANDIN_SESSION_H_
 
+#include <array>
 #include <cstdint>
-#include <span>
 
+#include "answer.h"
 #include "net/address.h"
-#include "probe/check_in_probe.h"
+#include "nodes.h"
 #include "protocol/ber_stream.h"
+#include "protocol/messages.h"
+#include "session_pool.h"
+#include "trouble.h"
+#include "util/deadline.h"
 #include "util/error_text.h"
-#include "util/owners.h"
 
-namespace velprobe {
+namespace velprobe::standin {
 
-// Authentication is one kind of server authentication element.
-struct Authentication {
-  const char* name;
-  ErrorText (*write)(BerStream& stream);
-};
+enum class Answer { kNone, kOffer, kRefusal, kOther };
 
-// find_authentication gives the kind of that name, or null. The first of all
-// is "private-key", then "password" and "none".
-const Authentication* find_authentication(const char* name);
-
-// AnswerPolicy says what clients are answered.
-struct AnswerPolicy {
-  std::span<const char* const> nodes;  // accepted names; empty accepts all
-  const char* reason = "This agent is not expected here";
-  std::uint16_t version = kProtocolVersion;
-  const Authentication* authentication = find_authentication("private-key");
-};
-
-struct Client {
-  FileDescriptor socket;
-  Ipv4Address address{};
+// SessionRecord is what has happened so far, for the log.
+struct SessionRecord {
+  Ipv4Address peer{};
   std::uint16_t port = 0;
+  Deadline begin{};
+  Deadline finish{};
+  bool has_version = false;
+  client_wants wants;
+  bool has_request = false;
+  client_private_key identity;  // without a name for other kinds of client
+  const TroubleKind* trouble = nullptr;
+  Answer answer = Answer::kNone;
+  AnswerPlan plan;  // of an offer or a refusal
+  Text own_reason;  // under plan.reason when this agent has one
+  std::array<char, kErrorTextSize> end{};
 };
 
-// serve_session reads the client's request, answers it, waits for the
-// acknowledgement and prints one line about all of that. It takes at most
-// kSessionSeconds, whatever the client does. watch_signals comes first.
-void serve_session(Client client, const AnswerPolicy& policy);
+// Conversation is a session as it goes on.
+struct Conversation {
+  BerStream& stream;
+  std::int32_t socket;  // under the stream; -1: none
+  Deadline deadline;
+  Seat* seat;  // null: nobody cuts it off, and pauses take no time
+  SessionRecord& record;
+};
 
-}  // namespace velprobe
+// SessionRules say how clients are served.
+struct SessionRules {
+  AnswerPlan answer;
+  TroubleMix troubles;
+  std::uint32_t limit_seconds = 10;
+};
+
+// converse reads the client's request, answers it and waits for the
+// acknowledgement. chosen is the trouble whose turn it is, or null; a trouble
+// of the agent's own goes before it. Fails with the texts of the stream, the
+// readers and the writers, and with "went on after the refusal" and
+// "client_wants holds no known authentication element".
+ErrorText converse(Conversation& conversation, const SessionRules& rules,
+                   const Trouble* chosen, NodeRegister& nodes);
+
+// serve_session converses with a client, at most as long as the rules allow
+// whatever it does, and fills in the record.
+void serve_session(Seat& seat, Client client, const SessionRules& rules,
+                   NodeRegister& nodes, SessionRecord& out_record);
+
+}  // namespace velprobe::standin
 
 #endif  // VELPROBE_STANDIN_SESSION_H_

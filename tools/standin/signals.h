@@ -1,40 +1,24 @@
-// The signals of velstandin: two that end it, and the alarm that ends a
-// session.
+// The signals that velstandin obeys, as a descriptor to wait for.
 #ifndef VELPROBE_STANDIN_SIGNALS_H_
 #define VELPROBE_STANDIN_SIGNALS_H_
 
-#include <cstdint>
-
 #include "util/error_text.h"
+#include "util/owners.h"
 
-namespace velprobe {
+namespace velprobe::standin {
 
-// Seconds that one session may take in all.
-inline constexpr int kSessionSeconds = 10;
-
-// watch_signals makes SIGINT and SIGTERM ask the program to stop, and SIGALRM
-// cut the session off.
-//   "Error creating pipe: %s", "Error opening /dev/null: %s",
+// watch_signals makes SIGINT, SIGTERM, SIGUSR1 and, if asked to, SIGHUP arrive
+// at a descriptor and nowhere else. To be called before there are threads.
 //   "Error watching signals: %s"
-ErrorText watch_signals();
+ErrorText watch_signals(bool with_hangup, FileDescriptor& out_signals);
 
-// stop_descriptor becomes readable, for good, once a stop was asked for.
-std::int32_t stop_descriptor();
+// take_signal gives the number of one signal that has arrived, or 0.
+int take_signal(const FileDescriptor& signals);
 
-// SessionLimit bounds one session while it lives: when the time is up, or a
-// stop is asked for, the socket is closed and its descriptor stands at the end
-// of an empty stream, so that whatever reads or waits there comes to an end.
-class SessionLimit {
- public:
-  explicit SessionLimit(std::int32_t socket);
-  ~SessionLimit();
-  SessionLimit(const SessionLimit&) = delete;
-  SessionLimit& operator=(const SessionLimit&) = delete;
+// forget_stop_signals gives SIGINT and SIGTERM their usual effect again: a
+// second one ends a program that hangs on its way out.
+void forget_stop_signals();
 
-  // cut_reason tells why the session was cut off; null when it was not.
-  const char* cut_reason() const;
-};
-
-}  // namespace velprobe
+}  // namespace velprobe::standin
 
 #endif  // VELPROBE_STANDIN_SIGNALS_H_

@@ -1,0 +1,111 @@
+#include "line.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdarg>
+#include <cstddef>
+#include <cstdio>
+#include <cstring>
+
+#include "util/printable_text.h"
+#include "util/text.h"
+
+namespace velprobe::standin {
+
+namespace {
+
+// code_point decodes one valid sequence of UTF-8 (RFC 3629, section 3).
+unsigned code_point(std::string_view sequence) {
+  const auto first = static_cast<unsigned char>(sequence[0]);
+  unsigned value =
+      sequence.size() == 1 ? first : first & (0x7FU >> sequence.size());
+  for (const char next : sequence.substr(1)) {
+    value = value << 6 | (static_cast<unsigned char>(next) & 0x3FU);
+  }
+  return value;
+}
+
+// Marks, embeddings, overrides and isolates of the bidirectional algorithm
+// (UAX #9), and the separators of lines and paragraphs.
+bool is_misleading(unsigned code) {
+  return code == 0x061C || code == 0x200E || code == 0x200F ||
+         (code >= 0x2028 && code <= 0x202E) ||
+         (code >= 0x2066 && code <= 0x2069);
+}
+
+void add_escaped(Line& line, std::string_view sequence, bool names_controls) {
+  const unsigned code = code_point(sequence);
+  if (code == '"' || code == '\\') {
+    line.add("\\");
+    line.add(sequence);
+  } else if (is_misleading(code) ||
+             (names_controls &&
+              (code < 0x20 || (code >= 0x7F && code < 0xA0)))) {
+    line.add_format("\\u%04X", code);
+  } else {
+    line.add(sequence);
+  }
+}
+
+// for_each_sequence calls with each sequence of UTF-8 and with each byte that
+// belongs to none.
+template <typename Call>
+void for_each_sequence(const char* text, Call call) {
+  while (*text != '\0') {
+    const std::size_t length = utf8_length(text);
+    call(std::string_view(text, length));
+    text += length;
+  }
+}
+
+bool is_valid(std::string_view sequence) {
+  return sequence.size() > 1 || static_cast<unsigned char>(sequence[0]) < 0x80;
+}
+
+}  // namespace
+
+void Line::add(std::string_view piece) {
+  is_whole_ = is_whole_ && bytes_.append(piece);
+}
+
+void Line::add_format(const char* format, ...) {
+  std::array<char, 256> piece;
+  va_list arguments;
+  va_start(arguments, format);
+  std::vsnprintf(piece.data(), piece.size(), format, arguments);
+  va_end(arguments);
+  add(piece.data());
+}
+
+void Line::add_quoted(const char* text) {
+  const Text printable = copy_text(text != nullptr ? text : "");
+  if (!printable) {
+    is_whole_ = false;
+    return;
+  }
+  replace_control_bytes(printable.get());
+  add("\"");
+  for_each_sequence(printable.get(), [this](std::string_view sequence) {
+    if (is_valid(sequence)) {
+      add_escaped(*this, sequence, false);
+    } else {
+      add(sequence);  // Latin-1 stays what it is
+    }
+  });
+  add("\"");
+}
+
+void Line::add_json(const char* text) {
+  add("\"");
+  for_each_sequence(text != nullptr ? text : "",
+                    [this](std::string_view sequence) {
+                      if (is_valid(sequence)) {
+                        add_escaped(*this, sequence, true);
+                      } else {
+                        add("\uFFFD");
+                      }
+                    });
+  add("\"");
+}
+
+}  // namespace velprobe::standin

@@ -1,0 +1,53 @@
+// What velstandin tells on standard output.
+#ifndef VELPROBE_STANDIN_LOG_H_
+#define VELPROBE_STANDIN_LOG_H_
+
+#include <array>
+#include <cstdint>
+#include <mutex>
+
+#include "line.h"
+#include "net/address.h"
+#include "nodes.h"
+#include "session.h"
+
+namespace velprobe::standin {
+
+enum class LogForm { kText, kJsonLines };
+
+// format_session adds what is told about one session: in text
+//
+//   PEER: REQUEST; ANSWER; END; N ms
+//
+// and in JSON the members of an object behind its time stamp.
+void format_session(Line& line, LogForm form, const SessionRecord& record);
+
+// Log writes whole lines, from any thread.
+class Log {
+ public:
+  // open chooses the form. In text, time stamps go in front unless standard
+  // output is a journal, which has its own.
+  void open(LogForm form);
+
+  // The first line of all; text has no time stamp there.
+  void tell_listening(const Ipv4Address& address, std::uint16_t port);
+  // tell_session also counts the session by its answer.
+  void tell_session(const SessionRecord& record);
+  // tell_summary tells the counts, then a line for each agent that came or was
+  // to come.
+  void tell_summary(NodeRegister& nodes);
+
+ private:
+  void begin(Line& line, const char* event) const;
+  void write(Line& line);
+  void tell_node(const Node& node, bool is_restricted);
+
+  LogForm form_ = LogForm::kText;
+  bool is_stamped_ = true;
+  std::mutex mutex_;
+  std::array<std::uint64_t, 4> num_by_answer_{};  // under the mutex
+};
+
+}  // namespace velprobe::standin
+
+#endif  // VELPROBE_STANDIN_LOG_H_

@@ -1,0 +1,202 @@
+#include "session_pool.h"
+
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <new>
+#include <utility>
+
+#include "net/tcp.h"
+
+namespace velprobe::standin {
+
+namespace {
+
+// A session needs a few kilobytes; the sanitizers some more.
+constexpr std::size_t kStackBytes = 256 * 1024;
+// A client on the way to its first byte is not silent yet.
+constexpr std::chrono::milliseconds kPatience{20};
+
+using Lock = std::unique_lock<std::mutex>;
+
+}  // namespace
+
+void Seat::watch(std::int32_t socket) {
+  const Lock lock(pool_->mutex_);
+  socket_ = socket;
+  // A stop may have come before there was a session to cut.
+  if (cut_reason_ != nullptr) ::shutdown(socket_, SHUT_RDWR);
+}
+
+void Seat::unwatch() {
+  const Lock lock(pool_->mutex_);
+  socket_ = -1;
+}
+
+void Seat::has_asked() {
+  const Lock lock(pool_->mutex_);
+  awaits_request_ = false;
+}
+
+bool Seat::pause_until(Deadline time) {
+  Lock lock(pool_->mutex_);
+  return !change_.wait_until(lock, time,
+                             [this] { return cut_reason_ != nullptr; });
+}
+
+const char* Seat::cut_reason() {
+  const Lock lock(pool_->mutex_);
+  return cut_reason_;
+}
+
+SessionPool::~SessionPool() {
+  cut_all("cut off: stopping");
+  {
+    const Lock lock(mutex_);
+    is_closing_ = true;
+    for (Seat& seat : seats()) seat.change_.notify_one();
+  }
+  for (Seat& seat : seats()) {
+    if (seat.has_thread_) ::pthread_join(seat.thread_, nullptr);
+  }
+}
+
+ErrorText SessionPool::open(std::size_t num_seats, Serve serve, void* context) {
+  serve_ = serve;
+  context_ = context;
+  bell_ = FileDescriptor(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+  if (!bell_) return os_failure("Error creating event descriptor");
+  seats_.reset(new (std::nothrow) Seat[num_seats]);
+  if (!seats_) return "not enough memory";
+  num_seats_ = num_seats;
+  for (Seat& seat : seats()) seat.pool_ = this;
+  return {};
+}
+
+void SessionPool::silence_bell() {
+  std::uint64_t count;
+  [[maybe_unused]] const ssize_t size =
+      ::read(bell_.get(), &count, sizeof count);
+}
+
+void* SessionPool::run_seat(void* seat) {
+  Seat& own = *static_cast<Seat*>(seat);
+  own.pool_->serve_clients(own);
+  return nullptr;
+}
+
+void SessionPool::serve_clients(Seat& seat) {
+  Client client;
+  while (await_client(seat, client)) {
+    serve_(context_, seat, std::move(client));
+    vacate(seat);
+  }
+}
+
+bool SessionPool::await_client(Seat& seat, Client& out_client) {
+  Lock lock(mutex_);
+  seat.change_.wait(lock, [&] { return seat.client_.socket || is_closing_; });
+  if (is_closing_) return false;
+  out_client = std::move(seat.client_);
+  return true;
+}
+
+void SessionPool::vacate(Seat& seat) {
+  const Lock lock(mutex_);
+  seat.is_taken_ = false;
+  seat.awaits_request_ = false;
+  --num_taken_;
+  if (!std::exchange(is_waited_for_, false)) return;
+  const std::uint64_t one = 1;
+  [[maybe_unused]] const ssize_t size = ::write(bell_.get(), &one, sizeof one);
+}
+
+ErrorText SessionPool::start_thread(Seat& seat) {
+  if (seat.has_thread_) return {};
+  pthread_attr_t attributes;
+  int failure = ::pthread_attr_init(&attributes);
+  if (failure == 0) {
+    ::pthread_attr_setstacksize(&attributes, kStackBytes);
+    failure = ::pthread_create(&seat.thread_, &attributes, run_seat, &seat);
+    ::pthread_attr_destroy(&attributes);
+  }
+  seat.has_thread_ = failure == 0;
+  if (seat.has_thread_) return {};
+  return {
+      format_error_text("Error starting thread: %s", os_error_text(failure)),
+      failure};
+}
+
+ErrorText SessionPool::find_seat(Seat*& out_seat) {
+  const Lock lock(mutex_);
+  out_seat = nullptr;
+  // The first free one, so that no more threads start than are needed.
+  for (Seat& seat : seats()) {
+    if (seat.is_taken_) continue;
+    if (ErrorText error = start_thread(seat)) return error;
+    out_seat = &seat;
+    return {};
+  }
+  is_waited_for_ = true;
+  return {};
+}
+
+void SessionPool::seat(Seat& seat, Client client) {
+  const Lock lock(mutex_);
+  seat.client_ = std::move(client);
+  seat.is_taken_ = true;
+  seat.awaits_request_ = true;
+  seat.since_ = std::chrono::steady_clock::now();
+  seat.cut_reason_ = nullptr;
+  ++num_taken_;
+  seat.change_.notify_one();
+}
+
+Deadline SessionPool::make_room() {
+  const Lock lock(mutex_);
+  const Deadline now = std::chrono::steady_clock::now();
+  Deadline next = kNoDeadline;
+  Seat* oldest = nullptr;
+  for (Seat& seat : seats()) {
+    if (!seat.awaits_request_) continue;
+    // One that was cut is on its way out already.
+    if (seat.cut_reason_ != nullptr) return kNoDeadline;
+    next = now + kPatience;
+    if (oldest != nullptr && oldest->since_ <= seat.since_) continue;
+    const bool is_silent =
+        seat.socket_ >= 0 && !socket_wait_readable(seat.socket_, 0);
+    if (is_silent) oldest = &seat;
+  }
+  if (oldest == nullptr) return next;
+  if (now < oldest->since_ + kPatience) return oldest->since_ + kPatience;
+  cut(*oldest, "cut off: made room");
+  return kNoDeadline;
+}
+
+void SessionPool::ask_for_bell() {
+  const Lock lock(mutex_);
+  is_waited_for_ = true;
+}
+
+void SessionPool::cut(Seat& seat, const char* reason) {
+  if (!seat.is_taken_ || seat.cut_reason_ != nullptr) return;
+  seat.cut_reason_ = reason;
+  if (seat.socket_ >= 0) ::shutdown(seat.socket_, SHUT_RDWR);
+  seat.change_.notify_one();
+}
+
+void SessionPool::cut_all(const char* reason) {
+  const Lock lock(mutex_);
+  for (Seat& seat : seats()) cut(seat, reason);
+}
+
+bool SessionPool::is_idle() {
+  const Lock lock(mutex_);
+  is_waited_for_ = num_taken_ > 0;
+  return num_taken_ == 0;
+}
+
+}  // namespace velprobe::standin
