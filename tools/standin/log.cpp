@@ -197,8 +197,8 @@ void Log::tell_summary(NodeRegister& nodes) {
   Line line;
   begin(line, "summary");
   line.add_format(form_ == LogForm::kText
-                      ? "Summary: %llu sessions, %llu offered, %llu refused, "
-                        "%llu answered otherwise, %llu not answered"
+                      ? "Summary: sessions %llu; offered %llu; refused %llu; "
+                        "answered otherwise %llu; not answered %llu"
                       : ",\"sessions\":%llu,\"offer\":%llu,\"refusal\":%llu,"
                         "\"other\":%llu,\"none\":%llu",
                   total, count(Answer::kOffer), count(Answer::kRefusal),
@@ -223,7 +223,7 @@ void Log::tell_node(const Node& node, bool is_restricted) {
     if (num_sessions == 0) {
       line.add(": never came");
     } else {
-      line.add_format(": %llu sessions", num_sessions);
+      line.add_format(": sessions %llu", num_sessions);
     }
     if (is_restricted && !node.is_expected) line.add(", not expected");
   }

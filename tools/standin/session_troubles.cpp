@@ -208,8 +208,15 @@ ErrorText answer_endlessly(Conversation& conversation, const Trouble&,
   if (ErrorText error = send(conversation, answer, Answer::kOther)) {
     return error;
   }
-  // Values that a newer server might have added: null after null.
-  return write_many(conversation, {5, 0, 0}, UINT64_MAX);
+  // Values that a newer server might have added: null after null, often enough
+  // that no single wait is long, and no more than spares the processors.
+  for (;;) {
+    if (ErrorText error = write_many(conversation, {5, 0, 0}, 1024)) {
+      return error;
+    }
+    if (ErrorText error = flush(conversation)) return error;
+    if (ErrorText error = pause(conversation, 10)) return error;
+  }
 }
 
 ErrorText answer_with_depth(Conversation& conversation, const Trouble& trouble,
