@@ -103,7 +103,7 @@ done <"$work/kinds"
 for job in "${jobs[@]}"; do wait "$job"; done
 while IFS=$'\t' read -r usage help; do
   # shellcheck disable=SC2016
-  printf '### `%s`\n\n%s\n\n' "$usage" "${help^}."
+  printf '### `%s`: %s\n\n' "$usage" "$help"
   cat "$work/${usage%%[*}.part"
   echo
 done <"$work/kinds"

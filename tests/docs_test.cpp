@@ -96,7 +96,9 @@ TEST(ProtocolPage, ListsEveryMessage) {
 }
 
 TEST(TroubleshootingPage, NamesEveryText) {
-  string page = replaced(read_file("docs/troubleshooting.md"), "`", "");
+  string page = replaced(
+      read_file("docs/troubleshooting.md") + read_file("docs/rehearsal.md"),
+      "`", "");
   page = replaced(page, "\\s+", " ");
   const std::regex literal(R"re("((?:[^"\\\n]|\\.)*)")re");
   int num_texts = 0;

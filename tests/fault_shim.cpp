@@ -99,7 +99,8 @@ using Function = Any (*)(Any, Any, Any, Any, Any, Any);
   X(shutdown) X(sendto) X(recvfrom) X(open) X(openat) X(read) X(write)     \
   X(fstat) X(fstatat) X(fchown) X(fchmod) X(fgetxattr)          \
   X(fsetxattr) X(fremovexattr) X(fsync) X(renameat) X(unlinkat)            \
-  X(sigaction) X(setvbuf) X(fflush)
+  X(sigaction) X(setvbuf) X(fflush) X(listen) X(accept4) X(signalfd)      \
+  X(eventfd)
 // clang-format on
 #define FAULTY_MINUS_ONE(name) FAULTY(name, #name, a, c, -1)
 
@@ -109,6 +110,7 @@ FAULTY(__openat_2, "openat", a, c, -1)
 FAULTY(ppoll, "ppoll", a, haste(c, 50), -1)
 FAULTY(nanosleep, "nanosleep", haste(a, 500), c, -1)
 FAULTY(fgets, "fgets", a, c, 0)
+FAULTY(pthread_create, "pthread_create", a, c, fault.error)
 // Asking for a descriptor's flags (1) cannot fail but for one that is not open.
 FAULTY(fcntl, b == 1 ? "getfd" : "fcntl", a, c, -1)
 FAULTY(fstatfs, "fstatfs", a, c,

@@ -152,16 +152,20 @@ void Log::begin(Line& line, const char* event) const {
   }
 }
 
-void Log::write(Line& line) {
+bool Log::write(Line& line) {
   line.add(form_ == LogForm::kJsonLines ? "}\n" : "\n");
   // Half a line would be a lie, or no JSON.
-  if (!line.is_whole()) return;
+  if (!line.is_whole()) {
+    std::fputs("velstandin: no memory for a line of the log\n", stderr);
+    return false;
+  }
   const std::lock_guard lock(mutex_);
   std::fwrite(line.view().data(), 1, line.view().size(), stdout);
   std::fflush(stdout);
+  return true;
 }
 
-void Log::tell_listening(const Ipv4Address& address, std::uint16_t port) {
+ErrorText Log::tell_listening(const Ipv4Address& address, std::uint16_t port) {
   Line line;
   if (form_ == LogForm::kText) {
     line.add_format("Listening on %s:%u", address_text(address), port);
@@ -169,7 +173,7 @@ void Log::tell_listening(const Ipv4Address& address, std::uint16_t port) {
     begin(line, "listening");
     line.add_format(",\"address\":\"%s:%u\"", address_text(address), port);
   }
-  write(line);
+  return write(line) ? ErrorText() : kOutOfMemory;
 }
 
 void Log::tell_session(const SessionRecord& record) {

@@ -10,6 +10,7 @@
 #include "net/address.h"
 #include "nodes.h"
 #include "session.h"
+#include "util/error_text.h"
 
 namespace velprobe::standin {
 
@@ -22,7 +23,8 @@ enum class LogForm { kText, kJsonLines };
 // and in JSON the members of an object behind its time stamp.
 void format_session(Line& line, LogForm form, const SessionRecord& record);
 
-// Log writes whole lines, from any thread.
+// Log writes whole lines, from any thread. For want of memory a line may be
+// missing; standard error says so.
 class Log {
  public:
   // open chooses the form. In text, time stamps go in front unless standard
@@ -30,7 +32,8 @@ class Log {
   void open(LogForm form);
 
   // The first line of all; text has no time stamp there.
-  void tell_listening(const Ipv4Address& address, std::uint16_t port);
+  //   "Out of memory"
+  ErrorText tell_listening(const Ipv4Address& address, std::uint16_t port);
   // tell_session also counts the session by its answer.
   void tell_session(const SessionRecord& record);
   // tell_summary tells the counts, then a line for each agent that came or was
@@ -39,7 +42,7 @@ class Log {
 
  private:
   void begin(Line& line, const char* event) const;
-  void write(Line& line);
+  bool write(Line& line);
   void tell_node(const Node& node, bool is_restricted);
 
   LogForm form_ = LogForm::kText;

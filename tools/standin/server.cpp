@@ -136,6 +136,7 @@ void pause_accepting(Server& server, ErrorText why) {
   server.silence_end = now + kSilence;
   server.pause_end = now + kPause;
   server.pool.ask_for_bell();
+  static_cast<void>(server.pool.make_room());
 }
 
 // A client that has gone before it was accepted is no shortage.
@@ -253,7 +254,10 @@ ErrorText run_server(const Options& options) {
   if (ErrorText error = server.pool.open(options.max_sessions, serve, &server))
     return error;
   server.log.open(options.log);
-  server.log.tell_listening(options.listen, server.port);
+  if (ErrorText error =
+          server.log.tell_listening(options.listen, server.port)) {
+    return error;
+  }
   if (ErrorText error = run(server)) return error;
   server.log.tell_summary(server.nodes);
   return {};

@@ -1,5 +1,7 @@
 #include "session.h"
 
+#include <sys/socket.h>
+
 #include <cerrno>
 #include <chrono>
 #include <cstring>
@@ -108,6 +110,13 @@ void note_end(SessionRecord& record, const char* text) {
   copy_bounded(record.end.data(), text, record.end.size());
 }
 
+// bound_buffer keeps what a flood leaves to be read small: a session that is
+// cut off reads on through all that had arrived.
+void bound_buffer(std::int32_t socket) {
+  constexpr int kBytes = 16 * 1024;
+  ::setsockopt(socket, SOL_SOCKET, SO_RCVBUF, &kBytes, sizeof kBytes);
+}
+
 // serve_stream ends with the stream closed.
 void serve_stream(Seat& seat, BerStreamPtr stream, Deadline deadline,
                   const SessionRules& rules, std::uint64_t number,
@@ -165,6 +174,7 @@ void serve_session(Seat& seat, Client client, const SessionRules& rules,
   out_record.port = client.port;
   const Deadline deadline =
       out_record.begin + std::chrono::seconds(rules.limit_seconds);
+  bound_buffer(client.socket.get());
   BerStreamPtr stream;
   if (ErrorText error =
           socket_stream_adopt(stream, client.socket.get(), deadline)) {
