@@ -16,7 +16,7 @@ mark='<!-- From here on scripts/rehearsal.sh writes. -->'
 
 if [ "${1-}" = --write ]; then
   part=$("${BASH_SOURCE[0]}" "${2-build/release}")
-  { sed "/^$mark\$/q" $page && printf '\n%s\n' "$part"; } >$page.new
+  { sed "\|^$mark\$|q" $page && printf '\n%s\n' "$part"; } >$page.new
   mv $page.new $page
   exit
 fi

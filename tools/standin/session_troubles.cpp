@@ -61,12 +61,12 @@ ErrorText write_many(Conversation& conversation, const char (&pair)[3],
 }
 
 ErrorText pause(Conversation& conversation, std::uint32_t milliseconds) {
-  if (conversation.seat == nullptr) return {};
-  const Deadline time = std::chrono::steady_clock::now() +
-                        std::chrono::milliseconds(milliseconds);
-  const bool is_whole =
-      conversation.seat->pause_until(std::min(time, conversation.deadline));
-  if (is_whole && time < conversation.deadline) return {};
+  const Deadline time = std::min(std::chrono::steady_clock::now() +
+                                     std::chrono::milliseconds(milliseconds),
+                                 conversation.deadline);
+  Seat* const seat = conversation.seat;
+  const bool is_whole = seat == nullptr || seat->pause_until(time);
+  if (is_whole && !is_past(conversation.deadline)) return {};
   return {"cut off: time is up", ETIMEDOUT};
 }
 
