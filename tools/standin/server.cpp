@@ -128,15 +128,14 @@ bool has_accepted_all(const Server& server) {
          server.num_accepted == server.options.sessions;
 }
 
-// pause_accepting waits for room. It says why, once for as long as shortages
-// follow each other.
+// pause_accepting waits for room and makes some. It says why, once for as long
+// as shortages follow each other.
 void pause_accepting(Server& server, ErrorText why) {
   const Deadline now = Clock::now();
   if (now >= server.silence_end) complain(why.c_str(), "waiting for room");
   server.silence_end = now + kSilence;
-  server.pause_end = now + kPause;
   server.pool.ask_for_bell();
-  static_cast<void>(server.pool.make_room());
+  server.pause_end = std::min(now + kPause, server.pool.make_room());
 }
 
 // A client that has gone before it was accepted is no shortage.

@@ -130,9 +130,10 @@ void refuse(AnswerPlan& answer, const Trouble& trouble) {
 
 void refuse_with_escapes(AnswerPlan& answer, const Trouble&) {
   answer.is_accepted = false;
-  // Clear the screen, set the title, go red, ring; the line would start anew.
+  // Clear the screen, set the title, go red, ring, begin a new line, erase it
+  // by an 8-bit sequence, and write from right to left.
   answer.reason =
-      "\033[2J\033]0;title\007\033[31mred\033[0m\r\nAll OK.\302\2332K\u202E";
+      "\033[2J\033]0;title\007\033[31mred\033[0m\r\nfine\302\2332K\u202E";
 }
 
 ErrorText stay_silent(Conversation& conversation, const Trouble&, string_view) {
@@ -197,7 +198,7 @@ ErrorText greet(Conversation& conversation, const Trouble& trouble,
   const char* greeting = "SSH-2.0-server\r\n";
   if (is_word(trouble, "smtp")) greeting = "220 mail.example.org ESMTP\r\n";
   if (is_word(trouble, "http")) {
-    greeting = "HTTP/1.1 400 Bad Request\r\nConnection: close\r\n\r\n";
+    greeting = "HTTP/1.0 400 Bad Request\r\n";
   }
   return send(conversation, greeting, Answer::kOther);
 }
