@@ -40,9 +40,11 @@ install(FILES ${PROJECT_BINARY_DIR}/velprobe.pc
 include(cmake/manual.cmake)
 
 install(FILES CHANGELOG.md docs/agent.conf.sample docs/troubleshooting.md
-  docs/velcheck.schema.json
+  docs/rehearsal.md docs/velcheck.schema.json
   tools/wireshark/velprobe.lua
   DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT programs)
+install(FILES packaging/velstandin.service
+  DESTINATION lib/systemd/system COMPONENT programs)
 install(FILES docs/protocol.md
   DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT development)
 install(DIRECTORY examples

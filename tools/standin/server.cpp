@@ -1,5 +1,7 @@
 #include "server.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <array>
 #include <cerrno>
@@ -245,8 +247,11 @@ ErrorText run_server(const Options& options) {
   Server server(options);
   if (ErrorText error = start_socket_subsystem()) return error;
   if (ErrorText error = load_nodes(server)) return error;
-  if (ErrorText error =
-          watch_signals(options.node_file != nullptr, server.signals)) {
+  // A terminal that is closed ends the program, as usual. Elsewhere a reload
+  // with nothing to read is no reason to end.
+  const bool with_hangup =
+      options.node_file != nullptr || ::isatty(STDIN_FILENO) == 0;
+  if (ErrorText error = watch_signals(with_hangup, server.signals)) {
     return error;
   }
   if (ErrorText error = open_sockets(server)) return error;

@@ -133,7 +133,7 @@ void refuse_with_escapes(AnswerPlan& answer, const Trouble&) {
   // Clear the screen, set the title, go red, ring, begin a new line, erase it
   // by an 8-bit sequence, and write from right to left.
   answer.reason =
-      "\033[2J\033]0;title\007\033[31mred\033[0m\r\nfine\302\2332K\u202E";
+      "\033[2J\033]0;title\007\033[31mred\033[0m\015\012fine\302\2332K\u202E";
 }
 
 ErrorText stay_silent(Conversation& conversation, const Trouble&, string_view) {
