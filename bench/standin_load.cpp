@@ -81,8 +81,7 @@ int measure_rate(std::uint16_t port, int seconds, int num_clients,
   std::atomic<long> num_good{0}, num_bad{0};
   const Deadline end = Clock::now() + std::chrono::seconds(seconds);
   run_threads(num_clients, [&](int) {
-    while (!is_past(end))
-      ++(one_session(port, distance) ? num_good : num_bad);
+    while (!is_past(end)) ++(one_session(port, distance) ? num_good : num_bad);
   });
   std::printf("%ld\n", num_good / seconds);
   if (num_bad == 0) return EXIT_SUCCESS;
@@ -95,7 +94,9 @@ bool probe_is_good(std::uint16_t port, int seconds) {
   ProbeOptions options;
   options.agent_name = "good";
   options.deadline = Clock::now() + std::chrono::seconds(seconds);
-  return !probe_server("127.0.0.1", port, options, result);
+  const ErrorText error = probe_server("127.0.0.1", port, options, result);
+  if (error) std::fprintf(stderr, "a good client: %s\n", error.c_str());
+  return !error;
 }
 
 // Milliseconds of a good session beside silent clients: median and most of 20.

@@ -31,6 +31,7 @@ build() {
 
 # start PROGRAM OPTION...
 start() {
+  : >"$work/log"  # not the port of the one before
   "$@" --port 0 >"$work/log" 2>"$work/complaints" &
   server=$!
   until port=$(sed -n '1s/^Listening on .*://p' "$work/log") && [ "$port" ]; do
@@ -95,6 +96,6 @@ for clients in rate distant; do
   done
 done
 start "$new" --session-limit 3600
-echo "beside 256 silent clients: $($load silent "$port" 256)," \
-  "memory $(memory)"
+silent=$($load silent "$port" 256)
+echo "beside 256 silent clients: $silent, memory $(memory)"
 stop

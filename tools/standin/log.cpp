@@ -20,13 +20,12 @@ namespace {
 // service manager says in JOURNAL_STREAM: device and inode of that socket.
 bool is_journal() {
   const char* const stream = std::getenv("JOURNAL_STREAM");
-  unsigned long long device = 0;
-  unsigned long long inode = 0;
   struct stat output {};
-  return stream != nullptr &&
-         std::sscanf(stream, "%llu:%llu", &device, &inode) == 2 &&
-         ::fstat(STDOUT_FILENO, &output) == 0 && output.st_dev == device &&
-         output.st_ino == inode;
+  if (stream == nullptr || ::fstat(STDOUT_FILENO, &output) != 0) return false;
+  Line own;
+  own.add_format("%llu:%llu", static_cast<unsigned long long>(output.st_dev),
+                 static_cast<unsigned long long>(output.st_ino));
+  return own.is_whole() && own.view() == stream;
 }
 
 // add_time adds the time of day as RFC 3339 has it, in UTC.

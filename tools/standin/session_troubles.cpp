@@ -103,7 +103,7 @@ ErrorText reset_now(Conversation& conversation) {
   note_end(conversation, "reset");
   sockaddr nowhere{};
   nowhere.sa_family = AF_UNSPEC;
-  ::connect(conversation.socket, &nowhere, sizeof nowhere);
+  static_cast<void>(::connect(conversation.socket, &nowhere, sizeof nowhere));
   return {};
 }
 
