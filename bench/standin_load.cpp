@@ -128,38 +128,53 @@ void drip(const FileDescriptor& socket, const std::string& bytes) {
   }
 }
 
-// be_bad is one bad client of the kind that the turn says.
-void be_bad(std::uint16_t port, unsigned turn) {
-  const FileDescriptor socket = connect_to(port);
-  if (!socket) return;
+// speak_badly says what the turn chooses; true when the client then leaves
+// without hearing the server out.
+bool speak_badly(const FileDescriptor& socket, unsigned turn) {
   const std::string open = kRequest.substr(0, kRequest.size() - 2);
   switch (turn % 8) {
-    case 0:  // silent for a while, then gone
+    case 0:
       std::this_thread::sleep_for(std::chrono::milliseconds(50));
-      return;
+      return true;
     case 1:
-      return say(socket, kRequest.substr(0, turn / 8 % kRequest.size()));
+      say(socket, kRequest.substr(0, turn / 8 % kRequest.size()));
+      return true;
     case 2:
       say(socket, std::string(64, static_cast<char>(turn)));
-      return reset(socket);
+      reset(socket);
+      return true;
     case 3:
-      return drip(socket, kRequest + kAcknowledgement);
-    case 4: {  // a request with a million nested lists
+      drip(socket, kRequest + kAcknowledgement);
+      break;
+    case 4: {  // nested lists without an end
       std::string deep = open;
-      for (int i = 0; i < 1000000; ++i) deep += "\x30\x80";
-      return say(socket, deep);
+      for (int i = 0; i < 100000; ++i) deep += "\x30\x80";
+      say(socket, deep);
+      break;
     }
     case 5:
       say(socket, kRequest + std::string(100000, '\x19') + kAcknowledgement);
-      return;
+      break;
     case 6:  // a name with everything that a log must not show
-      say(socket,
-          "\x60\x80\x02\x02\x02\x02\xA1\x80\x04\x08\033\"\\\n\xE2\x80\xAE\xFF");
-      return;
+      say(socket, std::string("\x60\x80\x02\x02\x02\x02\xA1\x80\x04\x08\033"
+                              "\"\\\n\xE2\x80\xAE\xFF"));
+      break;
     case 7:
       say(socket, kRequest);
-      return reset(socket);
+      reset(socket);
+      return true;
   }
+  return false;
+}
+
+void be_bad(std::uint16_t port, unsigned turn) {
+  const FileDescriptor socket = connect_to(port);
+  if (!socket || speak_badly(socket, turn)) return;
+  const timeval patience{5, 0};
+  ::setsockopt(socket.get(), SOL_SOCKET, SO_RCVTIMEO, &patience,
+               sizeof patience);
+  ::shutdown(socket.get(), SHUT_WR);
+  hear_out(socket);
 }
 
 int be_hostile(std::uint16_t port, int seconds) {
