@@ -18,7 +18,7 @@ constexpr std::uint64_t kTen19Reciprocal = reciprocal_of(kTen19);
 
 std::uint64_t base_significant_limbs(const std::uint32_t* data,
                                      std::uint64_t n) {
-  while (n > 0 && data[n - 1] == 0) --n;
+  while (n > 0 && revealed(data[n - 1] == 0)) --n;
   return n;
 }
 
@@ -76,7 +76,7 @@ std::uint32_t base_multiply_add(std::uint32_t lhs, std::uint32_t rhs,
 
 std::uint32_t base_add_word(std::uint32_t* data, std::uint64_t n,
                             std::uint32_t w) {
-  for (std::uint64_t i = 0; i < n && w != 0; ++i) {
+  for (std::uint64_t i = 0; i < n; ++i) {
     data[i] += w;
     w = data[i] < w ? 1 : 0;
   }
@@ -85,7 +85,7 @@ std::uint32_t base_add_word(std::uint32_t* data, std::uint64_t n,
 
 std::uint32_t base_sub_word(std::uint32_t* data, std::uint64_t n,
                             std::uint32_t w) {
-  for (std::uint64_t i = 0; i < n && w != 0; ++i) {
+  for (std::uint64_t i = 0; i < n; ++i) {
     const std::uint32_t old = data[i];
     data[i] = old - w;
     w = old < w ? 1 : 0;
@@ -99,9 +99,7 @@ std::uint32_t base_big_add(std::uint32_t* a, std::uint64_t a_len,
   std::uint64_t carry = 0;
   std::uint64_t i = 0;
   for (; i + 1 < b_len; i += 2) {
-    const Wide sum = Wide{load_pair(a + i)} + load_pair(b + i) + carry;
-    store_pair(a + i, static_cast<std::uint64_t>(sum));
-    carry = static_cast<std::uint64_t>(sum >> 64);
+    carry = add_to_pair(a + i, load_pair(b + i), carry);
   }
   if (i < b_len) {
     carry += std::uint64_t{a[i]} + b[i];
@@ -220,6 +218,13 @@ void base_big_mul(std::uint32_t* res, const std::uint32_t* lhs,
                   std::uint64_t rhs_len) {
   std::fill(res, res + lhs_len + rhs_len, 0u);
   std::uint64_t i = 0;
+  const std::uint64_t paired = rhs_len % 2 == 0 && rhs_len > 0 ? lhs_len : 0;
+  for (; i + 3 < paired; i += 4) {
+    const Wide carry = two_rows<false>(
+        res + i, rhs, rhs_len, load_pair(lhs + i), load_pair(lhs + i + 2));
+    VELPROBE_ASSERT(kBaseSource, res[i + rhs_len] == 0);
+    store_wide(res + i + rhs_len, carry);
+  }
   for (; i + 1 < lhs_len; i += 2) {
     const std::uint64_t carry =
         add_row(res + i, rhs, rhs_len, load_pair(lhs + i));
@@ -240,25 +245,30 @@ void base_big_square(std::uint32_t* res, const std::uint32_t* data,
 
   // Each product of two different pairs once, all of them doubled, and then
   // the squares of the pairs.
-  for (std::uint64_t i = 0; i + 2 < even; i += 2) {
-    const std::uint64_t carry = add_row(res + 2 * i + 2, data + i + 2,
-                                        even - i - 2, load_pair(data + i));
-    store_pair(res + even + i, carry);
+  std::uint64_t at = 0;
+  for (; at + 4 < even; at += 4) {
+    const Wide carry =
+        two_rows<true>(res + 2 * at + 2, data + at + 2, even - at - 2,
+                       load_pair(data + at), load_pair(data + at + 2));
+    store_wide(res + even + at, carry);
+  }
+  for (; at + 2 < even; at += 2) {
+    const std::uint64_t carry = add_row(res + 2 * at + 2, data + at + 2,
+                                        even - at - 2, load_pair(data + at));
+    store_pair(res + even + at, carry);
   }
   std::uint64_t carry = 0;
   std::uint64_t doubled_out = 0;
   for (std::uint64_t i = 0; i < even; i += 2) {
     const std::uint64_t low = load_pair(res + 2 * i);
     const std::uint64_t high = load_pair(res + 2 * i + 2);
-    const Wide square = Wide{load_pair(data + i)} * load_pair(data + i);
-    const Wide sum = Wide{low << 1 | doubled_out} +
-                     static_cast<std::uint64_t>(square) + carry;
-    const Wide next = Wide{high << 1 | low >> 63} +
-                      static_cast<std::uint64_t>(square >> 64) +
-                      static_cast<std::uint64_t>(sum >> 64);
-    store_pair(res + 2 * i, static_cast<std::uint64_t>(sum));
-    store_pair(res + 2 * i + 2, static_cast<std::uint64_t>(next));
-    carry = static_cast<std::uint64_t>(next >> 64);
+    const std::uint64_t pair = load_pair(data + i);
+    const Wide square = Wide{pair} * pair;
+    store_pair(res + 2 * i, low << 1 | doubled_out);
+    store_pair(res + 2 * i + 2, high << 1 | low >> 63);
+    carry = add_to_pair(res + 2 * i, static_cast<std::uint64_t>(square), carry);
+    carry = add_to_pair(res + 2 * i + 2,
+                        static_cast<std::uint64_t>(square >> 64), carry);
     doubled_out = high >> 63;
   }
   if (even == n) return;

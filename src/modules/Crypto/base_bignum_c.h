@@ -1,8 +1,12 @@
 // Routines on bare limb arrays: the lower layer of the big numbers.
 //
 // A limb is 32 bits, least significant limb first. An operand is an array and
-// its length in limbs. Nothing here allocates, and running times depend on the
-// values.
+// its length in limbs. Nothing here allocates. Times and addresses depend on
+// lengths alone in base_big_add, base_big_subtract, base_big_mul,
+// base_big_square, base_divide without a quotient, base_mod_old_big with a
+// scratch longer than a, and base_power_modulo, which also shows the
+// exponent's top bit. Results that are normalised show their leading zero
+// limbs. All other functions may show values by their time.
 #ifndef VELPROBE_MODULES_CRYPTO_BASE_BIGNUM_C_H_
 #define VELPROBE_MODULES_CRYPTO_BASE_BIGNUM_C_H_
 
@@ -124,12 +128,16 @@ void base_divide(std::uint32_t* a, std::uint64_t a_len, const std::uint32_t* m,
 int base_mod_old_big(BigNum* a, const BigNum* b, BigNum* scratch);
 
 // base_power_modulo sets res to base^exponent mod modulus by the right-to-left
-// binary method. mbuf and altbuf are work numbers whose values are lost. All
-// operands are normalised and distinct from res, mbuf and altbuf. An exponent
-// of zero gives 1 whatever the modulus.
-// Returns 0, or -1 when modulus is zero, when a reduction fails, or when one of
-// these does not hold, with longest = max(base->len, modulus->len):
-// mbuf->size >= base->len, res->size >= longest + modulus->len and
+// binary method, with Montgomery's reduction for an odd modulus and division
+// for an even one. mbuf and altbuf are work numbers; they come back as zero.
+// All operands are normalised and distinct from res, mbuf and altbuf. An
+// exponent of zero gives 1 whatever the modulus. Of the values, time and
+// addresses show whether the modulus is odd, the exponent's top bit, and the
+// leading zero limbs of the result.
+//
+// Returns 0, or -1 when modulus is zero or when one of these does not hold,
+// with longest = max(base->len, modulus->len): mbuf->size >= base->len,
+// res->size >= longest + modulus->len and
 // 2 * longest < altbuf->size <= mbuf->size.
 // Asserts res->size >= altbuf->len + mbuf->len at each multiplication and
 // mbuf->size >= altbuf->len + altbuf->len at each squaring.

@@ -33,9 +33,11 @@ constexpr std::uint64_t shifted(std::uint64_t high, std::uint64_t low,
 struct LeadingWords {
   explicit LeadingWords(const std::uint32_t* m, std::uint64_t m_len);
 
-  // digit estimates the quotient by the divisor, shifted so that it ends two
-  // limbs below end, of the limbs of a below end. Never too small, and hardly
-  // ever too large.
+  // digit estimates the quotient of the limbs of a below end by the divisor,
+  // shifted so that it ends two limbs below end. Three leading words over two:
+  // with quotients below 2^64 and a divisor of 2^127 or more, what is left out
+  // below them changes the quotient by less than 2^-62. So rounding down, the
+  // estimate is right or too large by one, never too small.
   std::uint64_t digit(const std::uint32_t* a, std::uint64_t a_len,
                       std::uint64_t end) const;
 
@@ -55,23 +57,19 @@ LeadingWords::LeadingWords(const std::uint32_t* m, std::uint64_t m_len) {
 
   // floor((2^192 - 1) / high:low) - 2^64, by correction of the reciprocal of
   // the high word alone, for the division of three words by two of Moller and
-  // Granlund.
+  // Granlund. Adding a mask that is all ones subtracts one.
   reciprocal = reciprocal_of(high);
   std::uint64_t p = high * reciprocal + low;
-  if (p < low) {
-    --reciprocal;
-    if (p >= high) {
-      --reciprocal;
-      p -= high;
-    }
-    p -= high;
-  }
+  const std::uint64_t carried = mask_of(p < low);
+  const std::uint64_t twice = carried & mask_of(p >= high);
+  reciprocal += carried + twice;
+  p -= (carried & high) + (twice & high);
   const Wide t = Wide{reciprocal} * low;
-  p += static_cast<std::uint64_t>(t >> 64);
-  if (p < static_cast<std::uint64_t>(t >> 64)) {
-    --reciprocal;
-    if (wide(p, static_cast<std::uint64_t>(t)) >= wide(high, low)) --reciprocal;
-  }
+  const auto t_low = static_cast<std::uint64_t>(t);
+  const auto t_high = static_cast<std::uint64_t>(t >> 64);
+  p += t_high;
+  const std::uint64_t over = mask_of(p < t_high);
+  reciprocal += over + (over & mask_of(wide(p, t_low) >= wide(high, low)));
 }
 
 std::uint64_t LeadingWords::digit(const std::uint32_t* a, std::uint64_t a_len,
@@ -84,51 +82,37 @@ std::uint64_t LeadingWords::digit(const std::uint32_t* a, std::uint64_t a_len,
   const std::uint64_t n1 = shifted(pair1, pair2, shift);
   const std::uint64_t n0 = shifted(pair2, pair3, shift);
   const Wide divisor = wide(high, low);
-  if (wide(n2, n1) >= divisor) return ~std::uint64_t{0};
+  const std::uint64_t capped = mask_of(wide(n2, n1) >= divisor);
 
   const Wide estimate = Wide{reciprocal} * n2 + wide(n2, n1);
   std::uint64_t q = static_cast<std::uint64_t>(estimate >> 64);
   Wide r = wide(n1 - q * high, n0) - Wide{q} * low - divisor;
   ++q;
-  if (static_cast<std::uint64_t>(r >> 64) >=
-      static_cast<std::uint64_t>(estimate)) {
-    --q;
-    r += divisor;
-  }
-  if (r >= divisor) ++q;
-  return q;
+  const std::uint64_t back = mask_of(static_cast<std::uint64_t>(r >> 64) >=
+                                     static_cast<std::uint64_t>(estimate));
+  q += back;
+  r += divisor & wide(back, back);
+  q -= mask_of(r >= divisor);
+  return q | capped;
 }
 
-// divide is base_divide with the divisor's leading words known.
-void divide(std::uint32_t* a, std::uint64_t a_len, const std::uint32_t* m,
-            std::uint64_t m_len, const LeadingWords& leading,
-            std::uint32_t* quotient) {
-  if (a_len < m_len) return;
-
-  // Shift and subtract, 64 positions at a time: read as a binary number, the
-  // decisions for 64 positions in a row, 1 to subtract and 0 not to, are the
-  // digit a / (m << 32 * at), so one row subtracts for them all.
-  // Before each round a < m << (32 * at + 64).
-  for (std::uint64_t at = (a_len - m_len) / 2 * 2;; at -= 2) {
-    const std::uint64_t end = at + m_len;
-    std::uint64_t digit = leading.digit(a, a_len, end + 2);
-    if (digit != 0) {
-      const std::uint64_t above = pair_below(a, a_len, end + 2);
-      std::uint64_t borrow = subtract_row(a + at, m, m_len, digit);
-      while (borrow > above) {
-        --digit;
-        borrow -= base_big_add(a + at, m_len, m, m_len);
-      }
-      std::fill(a + end, a + std::min(end + 2, a_len), 0u);
-      if (quotient != nullptr && digit != 0) {
-        quotient[at] |= static_cast<std::uint32_t>(digit);
-        if (digit >> kLimbBits != 0) {
-          quotient[at + 1] |= static_cast<std::uint32_t>(digit >> kLimbBits);
-        }
-      }
-    }
-    if (at == 0) return;
+// add_if adds n limbs to a when the mask is all ones, and drops the carry.
+void add_if(std::uint64_t mask, std::uint32_t* a, const std::uint32_t* limbs,
+            std::uint64_t n) {
+  std::uint64_t carry = 0;
+  std::uint64_t i = 0;
+  for (; i + 1 < n; i += 2) {
+    carry = add_to_pair(a + i, load_pair(limbs + i) & mask, carry);
   }
+  if (i < n) a[i] += static_cast<std::uint32_t>((limbs[i] & mask) + carry);
+}
+
+// or_digit stores no zero limb: the quotient may have no room for it.
+void or_digit(std::uint32_t* quotient, std::uint64_t digit) {
+  const auto low = static_cast<std::uint32_t>(digit);
+  const auto high = static_cast<std::uint32_t>(digit >> kLimbBits);
+  if (low != 0) quotient[0] |= low;
+  if (high != 0) quotient[1] |= high;
 }
 
 // has_room_to_align is true when scratch can hold b shifted left until it is at
@@ -152,72 +136,36 @@ bool has_room_to_align(const BigNum* a, const BigNum* b, BigNum* scratch) {
   return base_compare(scratch->data, scratch->len, a->data, a->len) >= 0;
 }
 
-// base_mod_old_big with the modulus's leading words known; b is not zero.
-int base_mod_old_big(BigNum* a, const BigNum* b, const LeadingWords& leading,
-                     BigNum* scratch) {
-  if (!has_room_to_align(a, b, scratch)) return -1;
-  divide(a->data, a->len, b->data, b->len, leading, nullptr);
-  base_normalize(a);
-  VELPROBE_ASSERT(kBaseSource, a->len <= b->len);
-  return 0;
-}
-
-void set_product(BigNum* res, const BigNum* lhs, const BigNum* rhs) {
-  base_big_mul(res->data, lhs->data, lhs->len, rhs->data, rhs->len);
-  res->len = lhs->len + rhs->len;
-  base_normalize(res);
-}
-
-void set_one(BigNum* num) {
-  std::fill(num->data, num->data + num->len, 0u);
-  num->data[0] = 1;
-  num->len = 1;
-}
-
 }  // namespace
 
+// Shift and subtract, 64 positions at a time: read as a binary number, the
+// decisions for 64 positions in a row, 1 to subtract and 0 not to, are the
+// digit a / (m << 32 * at), so one row subtracts for them all.
 void base_divide(std::uint32_t* a, std::uint64_t a_len, const std::uint32_t* m,
                  std::uint64_t m_len, std::uint32_t* quotient) {
-  divide(a, a_len, m, m_len, LeadingWords(m, m_len), quotient);
+  if (a_len < m_len) return;
+  const LeadingWords leading(m, m_len);
+
+  // Before each round a < m << (32 * at + 64).
+  for (std::uint64_t at = (a_len - m_len) / 2 * 2;; at -= 2) {
+    const std::uint64_t end = at + m_len;
+    std::uint64_t digit = leading.digit(a, a_len, end + 2);
+    const std::uint64_t above = pair_below(a, a_len, end + 2);
+    const std::uint64_t borrow = subtract_row(a + at, m, m_len, digit);
+    const std::uint64_t too_large = mask_of(borrow > above);
+    digit += too_large;
+    add_if(too_large, a + at, m, m_len);
+    std::fill(a + end, a + std::min(end + 2, a_len), 0u);
+    if (quotient != nullptr) or_digit(quotient + at, digit);
+    if (at == 0) return;
+  }
 }
 
 int base_mod_old_big(BigNum* a, const BigNum* b, BigNum* scratch) {
-  if (base_is_zero(b)) return -1;
-  return base_mod_old_big(a, b, LeadingWords(b->data, b->len), scratch);
-}
-
-int base_power_modulo(BigNum* res, const BigNum* base, const BigNum* exponent,
-                      const BigNum* modulus, BigNum* mbuf, BigNum* altbuf) {
-  const std::uint64_t longest = std::max(base->len, modulus->len);
-  if (base_is_zero(modulus) || mbuf->size < base->len ||
-      res->size < longest + modulus->len || altbuf->size <= 2 * longest ||
-      altbuf->size > mbuf->size) {
-    return -1;
-  }
-  set_one(res);
-  base_assign(mbuf, base);
-
-  // Before each bit: the result is res * mbuf^(bits not yet seen).
-  const LeadingWords leading(modulus->data, modulus->len);
-  for (std::uint64_t i = 0; i < exponent->len; ++i) {
-    const std::uint32_t limb = exponent->data[i];
-    for (std::uint32_t bit = 0; bit < kLimbBits; ++bit) {
-      if ((limb >> bit & 1) != 0) {
-        base_assign(altbuf, res);
-        VELPROBE_ASSERT(kBaseSource, res->size >= altbuf->len + mbuf->len);
-        set_product(res, altbuf, mbuf);
-        if (int rc = base_mod_old_big(res, modulus, leading, altbuf)) return rc;
-      }
-      // At bit 31 the mask is the whole limb: one squaring more than needed.
-      const std::uint32_t higher = ~0u << (bit + 1) % kLimbBits;
-      if (i + 1 == exponent->len && (limb & higher) == 0) return 0;
-
-      base_assign(altbuf, mbuf);
-      VELPROBE_ASSERT(kBaseSource, mbuf->size >= altbuf->len + altbuf->len);
-      base_set_square(mbuf, altbuf);
-      if (int rc = base_mod_old_big(mbuf, modulus, leading, altbuf)) return rc;
-    }
-  }
+  if (base_is_zero(b) || !has_room_to_align(a, b, scratch)) return -1;
+  base_divide(a->data, a->len, b->data, b->len, nullptr);
+  base_normalize(a);
+  VELPROBE_ASSERT(kBaseSource, a->len <= b->len);
   return 0;
 }
 

@@ -6,7 +6,14 @@
 // null when memory is short. Numbers given in are normalised and their pointers
 // are not null unless a comment says otherwise; operands may be the same number
 // where nothing else is said; a number described as result or scratch is one of
-// its own. Running times depend on the values.
+// its own.
+//
+// Time and memory accesses of bn_power_mod, bn_mod, bn_mod_into, bn_mul,
+// bn_add, bn_sub, bn_set_data and bn_get_data depend on lengths, not on values,
+// with these exceptions: a result shows its leading zero limbs (bn_get_data:
+// bytes) by its length, and bn_power_mod the exponent's top bit and whether the
+// modulus is odd. All other functions may show values: keep secrets away from
+// them.
 #ifndef VELPROBE_MODULES_CRYPTO_BIGNUM_H_
 #define VELPROBE_MODULES_CRYPTO_BIGNUM_H_
 

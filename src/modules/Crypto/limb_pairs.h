@@ -7,6 +7,8 @@
 #include <cstdint>
 #include <cstring>
 
+#include "constant_time.h"
+
 namespace velprobe {
 
 __extension__ using Wide = unsigned __int128;
@@ -34,11 +36,34 @@ constexpr Wide wide(std::uint64_t high, std::uint64_t low) {
   return Wide{high} << 64 | low;
 }
 
+inline void store_wide(std::uint32_t* limbs, Wide value) {
+  store_pair(limbs, static_cast<std::uint64_t>(value));
+  store_pair(limbs + 2, static_cast<std::uint64_t>(value >> 64));
+}
+
 // reciprocal_of gives floor((2^128 - 1) / d) - 2^64 for a d whose top bit is
 // set: with it a division becomes two multiplications (Moller and Granlund,
-// "Improved division by invariant integers", 2011).
+// "Improved division by invariant integers", 2011). Found without a division
+// instruction, whose time depends on its operands.
 constexpr std::uint64_t reciprocal_of(std::uint64_t d) {
-  return static_cast<std::uint64_t>(wide(~d, ~std::uint64_t{0}) / d);
+  // x approaches 2^127 / d. The line 3 * 2^63 - d is at most an eighth off; a
+  // step of Newton's squares the relative error, so five of them leave only
+  // their own rounding.
+  std::uint64_t x = (std::uint64_t{1} << 63) + ~d;
+  for (int step = 0; step < 5; ++step) {
+    const auto product = static_cast<std::uint64_t>(Wide{d} * x >> 64);
+    x = static_cast<std::uint64_t>(Wide{x} * (0 - product) >> 63);
+  }
+  // 2x is the quotient to a few units; from safely below it, the rest holds d
+  // as many times more. Products wrap at 2^128, the rest is small.
+  Wide quotient = Wide{x - 3} << 1;
+  Wide rest = ~Wide{0} - quotient * d;
+  for (int unit = 0; unit < 8; ++unit) {
+    const std::uint64_t fits = mask_of(rest >= d);
+    quotient += fits & 1;
+    rest -= fits & d;
+  }
+  return static_cast<std::uint64_t>(quotient);
 }
 
 // divide_pair returns high:low / d, where high < d, and stores the remainder.
