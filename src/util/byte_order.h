@@ -1,5 +1,4 @@
-// 32-bit numbers as four bytes, most significant first, whatever the order of
-// the processor.
+// 32-bit numbers as four bytes, whatever the order of the processor.
 #ifndef VELPROBE_UTIL_BYTE_ORDER_H_
 #define VELPROBE_UTIL_BYTE_ORDER_H_
 
@@ -17,6 +16,11 @@ inline void store_big_endian(std::uint32_t word, std::uint8_t* bytes) {
   bytes[1] = static_cast<std::uint8_t>(word >> 16);
   bytes[2] = static_cast<std::uint8_t>(word >> 8);
   bytes[3] = static_cast<std::uint8_t>(word);
+}
+
+inline std::uint32_t load_little_endian(const std::uint8_t* bytes) {
+  return std::uint32_t{bytes[3]} << 24 | std::uint32_t{bytes[2]} << 16 |
+         std::uint32_t{bytes[1]} << 8 | std::uint32_t{bytes[0]};
 }
 
 }  // namespace velprobe

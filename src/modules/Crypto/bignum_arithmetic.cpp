@@ -191,6 +191,7 @@ BigNumPtr bn_div(const BigNum* a, const BigNum* b) {
 
 BigNumPtr bn_power_mod(const BigNum* base, const BigNum* exponent,
                        const BigNum* modulus) {
+  const ClearsTraces clears_traces;
   const std::uint64_t longest = std::max(base->len, modulus->len);
   const BigNumPtr altbuf = bn_new(0, 2 * longest + 1);
   if (altbuf == nullptr) return nullptr;

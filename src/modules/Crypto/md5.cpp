@@ -6,6 +6,7 @@
 #include <cstring>
 #include <utility>
 
+#include "../../util/byte_order.h"
 #include "wipe.h"
 
 namespace velprobe {
@@ -54,11 +55,6 @@ constexpr Round kRounds[4] = {{0, 1, {7, 12, 17, 22}},
                               {5, 3, {4, 11, 16, 23}},
                               {0, 7, {6, 10, 15, 21}}};
 
-inline std::uint32_t load_word(const std::uint8_t* bytes) {
-  return std::uint32_t{bytes[3]} << 24 | std::uint32_t{bytes[2]} << 16 |
-         std::uint32_t{bytes[1]} << 8 | std::uint32_t{bytes[0]};
-}
-
 template <class Word>
 void store_little_endian(Word word, std::uint8_t* bytes) {
   for (std::size_t i = 0; i < sizeof word; ++i) {
@@ -88,7 +84,8 @@ inline void step(std::uint32_t (&state)[4], const std::uint8_t* block) {
   const std::uint32_t b = state[(65 - kStep) % 4];
   const std::uint32_t c = state[(66 - kStep) % 4];
   const std::uint32_t d = state[(67 - kStep) % 4];
-  const std::uint32_t sum = a + load_word(block + 4 * kWord) + kTable[kStep];
+  const std::uint32_t sum =
+      a + load_little_endian(block + 4 * kWord) + kTable[kStep];
   a = b + std::rotl(add_function<kStep / 16>(sum, b, c, d),
                     kRound.rotations[kStep % 4]);
 }
@@ -134,6 +131,7 @@ void md5_update(Md5* md5, const void* data, std::size_t size) {
 // The padding of RFC 1321, section 3.1, is one bit, then zeros up to the length
 // in bits, which ends a block.
 void md5_finish(Md5* md5, std::uint8_t (&digest)[kMd5Size]) {
+  const ClearsTraces clears_traces;
   constexpr std::uint8_t kPadding[kBlock] = {0x80};
   std::uint8_t bits[kLengthSize];
   store_little_endian(md5->length * 8, bits);

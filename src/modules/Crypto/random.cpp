@@ -3,8 +3,11 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 
+#include "../../util/byte_order.h"
 #include "../../util/owners.h"
+#include "wipe.h"
 
 namespace velprobe {
 namespace {
@@ -53,6 +56,12 @@ int bn_fill_random(BigNum* num, std::uint64_t nbytes, ByteSource source) {
   const std::uint64_t limbs = (nbytes + kLimbBytes - 1) / kLimbBytes;
   std::fill(num->data, num->data + num->size, 0u);
   source(num->data, limbs * kLimbBytes);
+  // The first byte is the lowest, so that a draw is the same number everywhere.
+  for (std::uint64_t i = 0; i < limbs; ++i) {
+    std::uint8_t bytes[kLimbBytes];
+    std::memcpy(bytes, num->data + i, sizeof bytes);
+    num->data[i] = load_little_endian(bytes);
+  }
   if (const std::uint64_t rest = nbytes % kLimbBytes; rest != 0) {
     num->data[limbs - 1] &= (std::uint32_t{1} << 8 * rest) - 1;
   }
@@ -62,6 +71,7 @@ int bn_fill_random(BigNum* num, std::uint64_t nbytes, ByteSource source) {
 }
 
 BigNumPtr bn_poor_random(std::uint64_t nbytes, ByteSource source) {
+  const ClearsTraces clears_traces;
   BigNumPtr num = bn_new(0, nbytes + 1);
   if (num == nullptr) {
     std::fprintf(stderr,
@@ -87,6 +97,7 @@ int bn_fill_random_range(BigNum* num, const BigNum* low, const BigNum* span,
 
 BigNumPtr bn_random_range(const BigNum* low, const BigNum* high,
                           ByteSource source) {
+  const ClearsTraces clears_traces;
   if (bn_less_equal(high, low)) return nullptr;
   const BigNumPtr span = bn_dup(high);
   const BigNumPtr scratch = bn_new(0, high->len);

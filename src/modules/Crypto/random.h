@@ -19,8 +19,10 @@ using ByteSource = void (*)(void* buffer, std::size_t count);
 // Aborts when the device cannot be opened or read.
 void urandom_bytes(void* buffer, std::size_t count);
 
-// bn_fill_random sets num to nbytes random bytes; the source is asked for them
-// rounded up to whole limbs. -1 when num has no room for them.
+// bn_fill_random sets num to nbytes random bytes, the first one lowest; the
+// source is asked for them rounded up to whole limbs. -1 when num has no room
+// for them. Nothing but leading zero limbs shows by time, here and in
+// bn_poor_random, bn_fill_random_range and bn_random_range.
 [[nodiscard]] int bn_fill_random(BigNum* num, std::uint64_t nbytes,
                                  ByteSource source);
 

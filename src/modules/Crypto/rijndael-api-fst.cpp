@@ -2,9 +2,9 @@
 
 #include <algorithm>
 #include <cstddef>
-#include <cstring>
 
 #include "aes_block.h"
+#include "constant_time.h"
 #include "crypto_assert.h"
 #include "wipe.h"
 
@@ -17,25 +17,44 @@ constexpr int kBlockBits = 8 * kBlockBytes;
 
 static_assert(kMaxRounds == kAesMaxRounds);
 
-int hex_digit(char digit) {
-  if (digit >= '0' && digit <= '9') return digit - '0';
-  if (digit >= 'a' && digit <= 'f') return digit - 'a' + 10;
-  if (digit >= 'A' && digit <= 'F') return digit - 'A' + 10;
-  return -1;
+// HexDigit is a digit's value; the mask is zero for any other character.
+struct HexDigit {
+  explicit HexDigit(unsigned character) {
+    const unsigned letter = (character | 0x20) - 'a';
+    const std::uint64_t is_number = mask_of(character - '0' < 10);
+    const std::uint64_t is_letter = mask_of(letter < 6);
+    is_good = is_number | is_letter;
+    value = chosen(is_number, character - '0', letter + 10);
+  }
+
+  std::uint64_t is_good;
+  unsigned value;
+};
+
+// text_length is strnlen for a secret text: only its end shows.
+std::size_t text_length(const char* text, std::size_t most) {
+  std::size_t length = 0;
+  while (length < most && revealed(text[length] != '\0')) ++length;
+  return length;
 }
 
 // parse_hex fills bytes up to the first pair that is not two digits, and tells
-// whether there was none such. It does not read beyond a bad digit, so the text
-// may end early.
-bool parse_hex(const char* text, std::uint8_t* bytes, int num_bytes) {
-  for (int i = 0; i < num_bytes; ++i, text += 2) {
-    const int high = hex_digit(text[0]);
-    if (high < 0) return false;
-    const int low = hex_digit(text[1]);
-    if (low < 0) return false;
-    bytes[i] = static_cast<std::uint8_t>(high << 4 | low);
+// whether there was none such. The text may end early, where its NUL stands for
+// the digits that are missing.
+bool parse_hex(const char* text, std::uint8_t* bytes, std::size_t num_bytes) {
+  const std::size_t length = text_length(text, 2 * num_bytes);
+  const auto digit_at = [&](std::size_t at) {
+    return HexDigit(at < length ? static_cast<unsigned char>(text[at]) : 0);
+  };
+  std::uint64_t is_good = ~std::uint64_t{0};
+  for (std::size_t i = 0; i < num_bytes; ++i) {
+    const HexDigit high = digit_at(2 * i);
+    const HexDigit low = digit_at(2 * i + 1);
+    is_good &= high.is_good & low.is_good;
+    const auto byte = static_cast<std::uint8_t>(high.value << 4 | low.value);
+    bytes[i] = chosen(is_good, byte, bytes[i]);
   }
-  return true;
+  return revealed(is_good != 0);
 }
 
 bool is_key_length(int bits) {
@@ -78,24 +97,25 @@ int crypt_bits(cipherInstance* cipher, const keyInstance* key,
 }
 
 // is_padding_good looks at every byte whatever it finds, so that its timing
-// does not tell where the padding went wrong.
+// does not tell where the padding went wrong. The verdict itself shows.
 bool is_padding_good(const std::uint8_t (&block)[kAesBlockSize],
                      std::uint8_t mode) {
-  const int pad_len = block[kBlockBytes - 1];
-  const int shortest = mode == kModeCbc ? 1 : 0;
-  int wrong = pad_len < shortest || pad_len >= kBlockBytes + shortest;
-  for (int i = 0; i < kBlockBytes; ++i) {
-    const int is_padding = i >= kBlockBytes - pad_len;
-    wrong |= is_padding & (block[i] != pad_len);
+  const unsigned pad_len = block[kBlockBytes - 1];
+  const unsigned shortest = mode == kModeCbc ? 1 : 0;
+  // Below the shortest, the difference wraps.
+  std::uint64_t wrong = mask_of(pad_len - shortest >= kAesBlockSize);
+  for (unsigned i = 0; i < kAesBlockSize; ++i) {
+    const std::uint64_t is_padding = mask_of(i + pad_len >= kAesBlockSize);
+    wrong |= is_padding & (block[i] ^ pad_len);
   }
-  return wrong == 0;
+  return revealed(wrong == 0);
 }
 
 }  // namespace
 
 int keyInit(keyInstance* key, std::uint8_t direction, int key_bits,
             const char* key_material) {
-  const ClearsStack clears_stack;
+  const ClearsTraces clears_traces;
   if (key == nullptr) return kBadKeyInstance;
   if (direction > kDirDecrypt) return kBadKeyDir;
   if (!is_key_length(key_bits) || key_material == nullptr) {
@@ -106,12 +126,13 @@ int keyInit(keyInstance* key, std::uint8_t direction, int key_bits,
   key->keyLen = key_bits;
   key->Nr = 0;
   const std::size_t digits =
-      strnlen(key_material, static_cast<std::size_t>(key_bits / 4));
+      text_length(key_material, static_cast<std::size_t>(key_bits / 4));
   std::ranges::fill(key->keyMaterial, '\0');
   std::copy_n(key_material, digits, key->keyMaterial);
 
   Wiped<std::uint8_t[kMaxKeyMaterial / 2]> bytes;
-  if (!parse_hex(key->keyMaterial, bytes.value, key_bits / 8)) {
+  if (!parse_hex(key->keyMaterial, bytes.value,
+                 static_cast<std::size_t>(key_bits / 8))) {
     return kBadKeyMaterial;
   }
   key->Nr = expand_aes_key(bytes.value, key_bits, key->ek);
@@ -124,6 +145,7 @@ int keyInit(keyInstance* key, std::uint8_t direction, int key_bits,
 }
 
 int cipherInit(cipherInstance* cipher, std::uint8_t mode, const char* iv) {
+  const ClearsTraces clears_traces;
   if (cipher == nullptr) return kBadCipherState;
   if (mode < kModeEcb || mode > kModeCfb1) return kBadCipherMode;
   cipher->mode = mode;
@@ -131,27 +153,27 @@ int cipherInit(cipherInstance* cipher, std::uint8_t mode, const char* iv) {
     std::ranges::fill(cipher->IV, std::uint8_t{0});
     return 1;
   }
-  return parse_hex(iv, cipher->IV, kBlockBytes) ? 1 : kBadIv;
+  return parse_hex(iv, cipher->IV, kAesBlockSize) ? 1 : kBadIv;
 }
 
 int blockEncrypt(cipherInstance* cipher, const keyInstance* key,
                  const std::uint8_t* input, int input_bits,
                  std::uint8_t* output) {
-  const ClearsStack clears_stack;
+  const ClearsTraces clears_traces;
   return crypt_bits(cipher, key, kDirEncrypt, input, input_bits, output);
 }
 
 int blockDecrypt(cipherInstance* cipher, const keyInstance* key,
                  const std::uint8_t* input, int input_bits,
                  std::uint8_t* output) {
-  const ClearsStack clears_stack;
+  const ClearsTraces clears_traces;
   return crypt_bits(cipher, key, kDirDecrypt, input, input_bits, output);
 }
 
 int padEncrypt(const cipherInstance* cipher, const keyInstance* key,
                const std::uint8_t* input, int input_bytes,
                std::uint8_t* output) {
-  const ClearsStack clears_stack;
+  const ClearsTraces clears_traces;
   if (!is_usable(cipher, key, kDirEncrypt, kModeCbc)) return kBadCipherState;
   if (input == nullptr || input_bytes < 1) return 0;
   const int blocks = input_bytes / kBlockBytes;
@@ -175,7 +197,7 @@ int padEncrypt(const cipherInstance* cipher, const keyInstance* key,
 int padDecrypt(cipherInstance* cipher, const keyInstance* key,
                const std::uint8_t* input, int input_bytes,
                std::uint8_t* output) {
-  const ClearsStack clears_stack;
+  const ClearsTraces clears_traces;
   if (!is_usable(cipher, key, kDirDecrypt, kModeCbc)) return kBadCipherState;
   if (input == nullptr || input_bytes < 1) return 0;
   if (input_bytes % kBlockBytes != 0) return kBadData;
@@ -189,7 +211,7 @@ int padDecrypt(cipherInstance* cipher, const keyInstance* key,
   Wiped<std::uint8_t[kAesBlockSize]> last;
   crypt(*cipher, *key, kDirDecrypt, vector, input + before, 1, last.value);
   if (!is_padding_good(last.value, cipher->mode)) return kBadData;
-  const int tail = kBlockBytes - last.value[kBlockBytes - 1];
+  const int tail = kBlockBytes - revealed(last.value[kBlockBytes - 1]);
   std::copy_n(last.value, tail, output + before);
   return before + tail;
 }
@@ -197,7 +219,7 @@ int padDecrypt(cipherInstance* cipher, const keyInstance* key,
 int cipherUpdateRounds(const cipherInstance* cipher, const keyInstance* key,
                        const std::uint8_t* input, int, std::uint8_t* output,
                        int rounds) {
-  const ClearsStack clears_stack;
+  const ClearsTraces clears_traces;
   if (cipher == nullptr || key == nullptr) return kBadCipherState;
   if (key->direction > kDirDecrypt) return kBadKeyDir;
   if (!has_schedule(*key)) return kBadCipherState;

@@ -4,8 +4,9 @@
 //
 // It encrypts but does not authenticate, ECB shows which blocks are equal, and
 // padDecrypt tells bad padding apart from good: use it where the agent protocol
-// asks for it, not in new designs. Where the processor has AES instructions the
-// timing does not depend on key or data; elsewhere it may.
+// asks for it, not in new designs. Time and memory accesses depend neither on
+// key nor on data, on any processor; what shows are lengths, where a text ends,
+// and the verdicts: bad digits, bad padding, and how long good padding is.
 //
 // Results are positive on success, 0 when there is no input (null, or a length
 // below 1), else one of the negative codes below; the state's checks come
@@ -62,37 +63,38 @@ struct cipherInstance {
 // key_material at least key_bits / 4 hexadecimal digits in either case, which
 // are kept. Returns 1, or kBadKeyInstance, kBadKeyDir or kBadKeyMaterial, found
 // in this order; a key with a bad digit is left without a schedule.
-int keyInit(keyInstance* key, std::uint8_t direction, int key_bits,
-            const char* key_material);
+[[nodiscard]] int keyInit(keyInstance* key, std::uint8_t direction,
+                          int key_bits, const char* key_material);
 
 // cipherInit sets the mode, and the vector from 32 hexadecimal digits or, when
 // iv is null, to zero. Returns 1, kBadCipherState without a cipher object,
 // kBadCipherMode with nothing changed, or kBadIv, with the bytes before the bad
 // digit already in place.
-int cipherInit(cipherInstance* cipher, std::uint8_t mode, const char* iv);
+[[nodiscard]] int cipherInit(cipherInstance* cipher, std::uint8_t mode,
+                             const char* iv);
 
 // blockEncrypt encrypts the whole blocks of input_bits bits and returns their
 // number of bits. In CBC and CFB1 the cipher's vector carries the chain on to
 // the next call. Else 0 or kBadCipherState, which is also the result for a key
 // of decrypt direction, in every mode.
-int blockEncrypt(cipherInstance* cipher, const keyInstance* key,
-                 const std::uint8_t* input, int input_bits,
-                 std::uint8_t* output);
+[[nodiscard]] int blockEncrypt(cipherInstance* cipher, const keyInstance* key,
+                               const std::uint8_t* input, int input_bits,
+                               std::uint8_t* output);
 
 // blockDecrypt is the inverse of blockEncrypt, with a key of decrypt direction;
 // CFB1 takes a key of either.
-int blockDecrypt(cipherInstance* cipher, const keyInstance* key,
-                 const std::uint8_t* input, int input_bits,
-                 std::uint8_t* output);
+[[nodiscard]] int blockDecrypt(cipherInstance* cipher, const keyInstance* key,
+                               const std::uint8_t* input, int input_bits,
+                               std::uint8_t* output);
 
 // padEncrypt encrypts input_bytes bytes and 1 to 16 further ones, each of the
 // value of their number, up to the next whole block, and returns the number of
 // output bytes: 16 * (input_bytes / 16 + 1), for which output has room. The
 // cipher's vector stays as it was. Else 0; kBadCipherState, also in CFB1;
 // kBadData when the result would not fit an int.
-int padEncrypt(const cipherInstance* cipher, const keyInstance* key,
-               const std::uint8_t* input, int input_bytes,
-               std::uint8_t* output);
+[[nodiscard]] int padEncrypt(const cipherInstance* cipher,
+                             const keyInstance* key, const std::uint8_t* input,
+                             int input_bytes, std::uint8_t* output);
 
 // padDecrypt decrypts input_bytes bytes and returns how many remain without the
 // padding; no more are written. CBC accepts 1 to 16 bytes of padding; ECB 0 to
@@ -101,9 +103,9 @@ int padEncrypt(const cipherInstance* cipher, const keyInstance* key,
 // one. Else 0; kBadCipherState, also in CFB1; kBadData for a length that is not
 // a multiple of 16 or bad padding, after which every plain block but the last
 // is in output.
-int padDecrypt(cipherInstance* cipher, const keyInstance* key,
-               const std::uint8_t* input, int input_bytes,
-               std::uint8_t* output);
+[[nodiscard]] int padDecrypt(cipherInstance* cipher, const keyInstance* key,
+                             const std::uint8_t* input, int input_bytes,
+                             std::uint8_t* output);
 
 // cipherUpdateRounds runs the given number of rounds on one 16-byte block in
 // the key's direction and returns 1; the mode and the length do not matter.
@@ -113,9 +115,10 @@ int padDecrypt(cipherInstance* cipher, const keyInstance* key,
 // leave out the last step of each: encryption its final round, decryption the
 // final round key. Else 0, kBadCipherState, or kBadKeyDir for a key of neither
 // direction.
-int cipherUpdateRounds(const cipherInstance* cipher, const keyInstance* key,
-                       const std::uint8_t* input, int input_bytes,
-                       std::uint8_t* output, int rounds);
+[[nodiscard]] int cipherUpdateRounds(const cipherInstance* cipher,
+                                     const keyInstance* key,
+                                     const std::uint8_t* input, int input_bytes,
+                                     std::uint8_t* output, int rounds);
 
 }  // namespace velprobe
 #pragma GCC visibility pop
