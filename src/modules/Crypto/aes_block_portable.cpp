@@ -1,5 +1,7 @@
-// The portable AES path: substitution, row shift and column mixing of a round
-// in one table look-up a byte.
+// The portable AES path: bit-sliced, since a table look-up at a secret place
+// tells about the secret by the caches. Four blocks lie across eight words, one
+// for each bit of a byte, and every step is the same few logical operations on
+// those words, whatever the bytes are.
 #include <array>
 #include <bit>
 #include <cstddef>
@@ -9,250 +11,312 @@
 #include "aes_block.h"
 #include "wipe.h"
 
+#define VELPROBE_AES_TARGET
+
 namespace velprobe {
 namespace {
 
-// State is a block as four columns, the first byte of each on top.
-using State = std::array<std::uint32_t, 4>;
+using Plane = std::uint64_t;
 
-// Direction holds what tells the cipher from its inverse.
-struct Direction {
-  std::array<std::uint8_t, 256> box;     // the byte substitution
-  std::array<std::uint32_t, 256> mixed;  // its column mixing for a top byte
-  std::size_t step;  // columns to the right from which each row's byte comes
+// Planes holds bit i of all bytes of four blocks in word i. Within a word the
+// rows of the blocks are 16 bits each, row 0 on top; within a row there are
+// four bits, one for each block, for each column, column 0 lowest.
+using Planes = std::array<Plane, 8>;
+
+constexpr std::size_t kSliced = 4;
+
+// Block is a block as two numbers, its first byte on top.
+struct Block {
+  std::uint64_t high;
+  std::uint64_t low;
+
+  friend Block operator^(const Block& a, const Block& b) {
+    return {a.high ^ b.high, a.low ^ b.low};
+  }
 };
 
-// times multiplies in the field of FIPS 197, section 4.2.
-constexpr unsigned times(unsigned a, unsigned b) {
-  unsigned product = 0;
-  for (; b != 0; b >>= 1) {
-    if (b & 1) product ^= a;
-    a = a << 1 ^ (a >> 7) * 0x11b;
-  }
-  return product;
+Block load(const std::uint8_t* bytes) {
+  const auto column = [bytes](int i) {
+    return std::uint64_t{load_big_endian(bytes + 4 * i)};
+  };
+  return {column(0) << 32 | column(1), column(2) << 32 | column(3)};
 }
 
-// make_box computes SubBytes (FIPS 197, section 5.1.1). Inverses come from the
-// powers of 3, which run through every value but 0.
-constexpr std::array<std::uint8_t, 256> make_box() {
-  std::array<unsigned, 256> power{};
-  std::array<unsigned, 256> logarithm{};
-  for (unsigned i = 0, value = 1; i < 255; ++i, value = times(value, 3)) {
-    power[i] = value;
-    logarithm[value] = i;
-  }
-  std::array<std::uint8_t, 256> box{};
-  for (unsigned i = 0; i < 256; ++i) {
-    const auto inverse = static_cast<std::uint8_t>(
-        i == 0 ? 0 : power[(255 - logarithm[i]) % 255]);
-    box[i] = static_cast<std::uint8_t>(
-        inverse ^ std::rotl(inverse, 1) ^ std::rotl(inverse, 2) ^
-        std::rotl(inverse, 3) ^ std::rotl(inverse, 4) ^ 0x63);
-  }
-  return box;
+void store(const Block& block, std::uint8_t* bytes) {
+  store_big_endian(static_cast<std::uint32_t>(block.high >> 32), bytes);
+  store_big_endian(static_cast<std::uint32_t>(block.high), bytes + 4);
+  store_big_endian(static_cast<std::uint32_t>(block.low >> 32), bytes + 8);
+  store_big_endian(static_cast<std::uint32_t>(block.low), bytes + 12);
 }
 
-constexpr std::array<std::uint8_t, 256> invert_box(
-    const std::array<std::uint8_t, 256>& box) {
-  std::array<std::uint8_t, 256> inverse{};
-  for (unsigned i = 0; i < 256; ++i) {
-    inverse[box[i]] = static_cast<std::uint8_t>(i);
-  }
-  return inverse;
+Block block_of(std::uint64_t high, std::uint64_t low) {
+  return {high, low};
 }
 
-// make_direction takes the four factors that column mixing applies to a
-// column's top byte.
-constexpr Direction make_direction(const std::array<std::uint8_t, 256>& box,
-                                   const std::array<unsigned, 4>& factors,
-                                   std::size_t step) {
-  Direction direction{box, {}, step};
-  for (unsigned i = 0; i < 256; ++i) {
-    std::uint32_t column = 0;
-    for (unsigned factor : factors) {
-      column = column << 8 | times(box[i], factor);
+unsigned top_bit(const Block& block) {
+  return static_cast<unsigned>(block.high >> 63);
+}
+
+Block append_bit(const Block& block, const Block& stream) {
+  return {block.high, block.low ^ stream.high >> 63};
+}
+
+// spread puts the four bytes of a column into the even bytes of a word; gather
+// takes them out.
+Plane spread(std::uint64_t column) {
+  column = (column | column << 16) & 0x0000ffff0000ffff;
+  return (column | column << 8) & 0x00ff00ff00ff00ff;
+}
+
+std::uint64_t gather(Plane word) {
+  word &= 0x00ff00ff00ff00ff;
+  word = (word | word >> 8) & 0x0000ffff0000ffff;
+  return (word | word >> 16) & 0xffffffff;
+}
+
+// transpose swaps bit i of every byte of word j with bit j of the byte at the
+// same place in word i. It is its own inverse.
+void transpose(Planes& words) {
+  constexpr Plane kLower[] = {0x5555555555555555, 0x3333333333333333,
+                              0x0f0f0f0f0f0f0f0f};
+  for (unsigned step = 0; step < 3; ++step) {
+    const unsigned distance = 1U << step;
+    for (unsigned i = 0; i < 8; ++i) {
+      if ((i & distance) != 0) continue;
+      Plane& a = words[i];
+      Plane& b = words[i + distance];
+      const Plane swapped = (a >> distance ^ b) & kLower[step];
+      a ^= swapped << distance;
+      b ^= swapped;
     }
-    direction.mixed[i] = column;
-  }
-  return direction;
-}
-
-constexpr Direction kForward = make_direction(make_box(), {2, 1, 1, 3}, 1);
-constexpr Direction kInverse =
-    make_direction(invert_box(make_box()), {14, 9, 13, 11}, 3);
-
-template <int kRow>
-constexpr std::size_t row_byte(std::uint32_t column) {
-  return column >> (24 - 8 * kRow) & 0xff;
-}
-
-// mix_column is the column mixing of four bytes after d's substitution, one
-// byte a row.
-template <const Direction& d>
-std::uint32_t mix_column(std::uint32_t row0, std::uint32_t row1,
-                         std::uint32_t row2, std::uint32_t row3) {
-  return d.mixed[row_byte<0>(row0)] ^ std::rotr(d.mixed[row_byte<1>(row1)], 8) ^
-         std::rotr(d.mixed[row_byte<2>(row2)], 16) ^
-         std::rotr(d.mixed[row_byte<3>(row3)], 24);
-}
-
-template <const Direction& d>
-std::uint32_t substitute_column(std::uint32_t row0, std::uint32_t row1,
-                                std::uint32_t row2, std::uint32_t row3) {
-  return std::uint32_t{d.box[row_byte<0>(row0)]} << 24 |
-         std::uint32_t{d.box[row_byte<1>(row1)]} << 16 |
-         std::uint32_t{d.box[row_byte<2>(row2)]} << 8 |
-         std::uint32_t{d.box[row_byte<3>(row3)]};
-}
-
-State operator^(const State& a, const State& b) {
-  return {a[0] ^ b[0], a[1] ^ b[1], a[2] ^ b[2], a[3] ^ b[3]};
-}
-
-// each_column forms a new state from the row-shifted columns of the old one.
-template <const Direction& d, class Column>
-State each_column(const State& s, Column column) {
-  State result;
-  for (std::size_t i = 0; i < 4; ++i) {
-    result[i] = column(s[i], s[(i + d.step) % 4], s[(i + 2 * d.step) % 4],
-                       s[(i + 3 * d.step) % 4]);
-  }
-  return result;
-}
-
-State round_key(const AesSchedule& schedule, int round) {
-  const std::uint32_t* words = schedule.words + 4 * round;
-  return {words[0], words[1], words[2], words[3]};
-}
-
-template <const Direction& d>
-State run_rounds(const AesSchedule& schedule, State state, int full_rounds,
-                 AesEnding ending) {
-  int round = 0;
-  state = state ^ round_key(schedule, round++);
-  while (round <= full_rounds) {
-    state = each_column<d>(state, mix_column<d>) ^ round_key(schedule, round++);
-  }
-  if (ending == AesEnding::kNone) return state;
-  state = each_column<d>(state, substitute_column<d>);
-  return ending == AesEnding::kKeyed ? state ^ round_key(schedule, round)
-                                     : state;
-}
-
-template <const Direction& d>
-State transform(const AesSchedule& schedule, const State& state) {
-  return run_rounds<d>(schedule, state, schedule.rounds - 1, AesEnding::kKeyed);
-}
-
-State load(const std::uint8_t* bytes) {
-  State state;
-  for (std::uint32_t& column : state) {
-    column = load_big_endian(bytes);
-    bytes += sizeof column;
-  }
-  return state;
-}
-
-void store(const State& state, std::uint8_t* bytes) {
-  for (std::uint32_t column : state) {
-    store_big_endian(column, bytes);
-    bytes += sizeof column;
   }
 }
 
-template <const Direction& d>
-void rounds(const AesSchedule& schedule, std::uint8_t* block, int full_rounds,
-            AesEnding ending) {
-  Wiped<State> state;
-  state.value = run_rounds<d>(schedule, load(block), full_rounds, ending);
-  store(state.value, block);
+// Word i of what is transposed has the even columns of block i, word i + 4 the
+// odd ones.
+Planes slice(const Block* blocks, std::size_t count) {
+  Planes planes{};
+  for (std::size_t i = 0; i < count; ++i) {
+    const auto [high, low] = blocks[i];
+    planes[i] = spread(high >> 32) | spread(low >> 32) << 8;
+    planes[i + kSliced] = spread(high & 0xffffffff) | spread(low & 0xffffffff)
+                                                          << 8;
+  }
+  transpose(planes);
+  return planes;
 }
 
-template <const Direction& d>
-void ecb(const AesSchedule& schedule, std::uint8_t*, const std::uint8_t* input,
-         std::uint8_t* output, std::size_t blocks) {
-  Wiped<State> state;
-  for (std::size_t end = blocks * kAesBlockSize, i = 0; i < end;
-       i += kAesBlockSize) {
-    state.value = transform<d>(schedule, load(input + i));
-    store(state.value, output + i);
+void unslice(Planes planes, Block* blocks, std::size_t count) {
+  transpose(planes);
+  for (std::size_t i = 0; i < count; ++i) {
+    const Plane even = planes[i];
+    const Plane odd = planes[i + kSliced];
+    blocks[i] = {gather(even) << 32 | gather(odd),
+                 gather(even >> 8) << 32 | gather(odd >> 8)};
   }
 }
 
-void cbc_encrypt(const AesSchedule& schedule, std::uint8_t* vector,
-                 const std::uint8_t* input, std::uint8_t* output,
-                 std::size_t blocks) {
-  State chain = load(vector);
-  for (std::size_t end = blocks * kAesBlockSize, i = 0; i < end;
-       i += kAesBlockSize) {
-    chain = transform<kForward>(schedule, chain ^ load(input + i));
-    store(chain, output + i);
+void add(Planes& planes, const Planes& key) {
+  for (std::size_t i = 0; i < planes.size(); ++i) planes[i] ^= key[i];
+}
+
+// substitute is SubBytes (FIPS 197, section 5.1.1) by the circuit of Boyar and
+// Peralta, "A small depth-16 circuit for the AES S-box" (2012), in the paper's
+// names: x are the bits of a byte, highest first, y and t what leads to and
+// through the inversion, z what leads out of it.
+void substitute(Planes& p) {
+  const Plane x0 = p[7], x1 = p[6], x2 = p[5], x3 = p[4];
+  const Plane x4 = p[3], x5 = p[2], x6 = p[1], x7 = p[0];
+
+  const Plane y14 = x3 ^ x5, y13 = x0 ^ x6, y9 = x0 ^ x3, y8 = x0 ^ x5;
+  const Plane t0 = x1 ^ x2, y1 = t0 ^ x7, y4 = y1 ^ x3, y12 = y13 ^ y14;
+  const Plane y2 = y1 ^ x0, y5 = y1 ^ x6, y3 = y5 ^ y8, t1 = x4 ^ y12;
+  const Plane y15 = t1 ^ x5, y20 = t1 ^ x1, y6 = y15 ^ x7, y10 = y15 ^ t0;
+  const Plane y11 = y20 ^ y9, y7 = x7 ^ y11, y17 = y10 ^ y11, y19 = y10 ^ y8;
+  const Plane y16 = t0 ^ y11, y21 = y13 ^ y16, y18 = x0 ^ y16;
+
+  const Plane t2 = y12 & y15, t4 = (y3 & y6) ^ t2, t6 = (y4 & x7) ^ t2;
+  const Plane t7 = y13 & y16, t9 = (y5 & y1) ^ t7, t11 = (y2 & y7) ^ t7;
+  const Plane t12 = y9 & y11, t14 = (y14 & y17) ^ t12, t16 = (y8 & y10) ^ t12;
+  const Plane t21 = t4 ^ t14 ^ y20, t22 = t6 ^ t16 ^ y19;
+  const Plane t23 = t9 ^ t14 ^ y21, t24 = t11 ^ t16 ^ y18;
+  const Plane t25 = t21 ^ t22, t26 = t21 & t23, t27 = t24 ^ t26;
+  const Plane t29 = (t25 & t27) ^ t22, t30 = t23 ^ t24, t31 = t22 ^ t26;
+  const Plane t33 = (t31 & t30) ^ t24, t34 = t23 ^ t33, t35 = t27 ^ t33;
+  const Plane t36 = t24 & t35, t37 = t36 ^ t34, t38 = t27 ^ t36;
+  const Plane t40 = t25 ^ (t29 & t38), t41 = t40 ^ t37, t42 = t29 ^ t33;
+  const Plane t43 = t29 ^ t40, t44 = t33 ^ t37, t45 = t42 ^ t41;
+
+  const Plane z0 = t44 & y15, z1 = t37 & y6, z2 = t33 & x7, z3 = t43 & y16;
+  const Plane z4 = t40 & y1, z5 = t29 & y7, z6 = t42 & y11, z7 = t45 & y17;
+  const Plane z8 = t41 & y10, z9 = t44 & y12, z10 = t37 & y3, z11 = t33 & y4;
+  const Plane z12 = t43 & y13, z13 = t40 & y5, z14 = t29 & y2, z15 = t42 & y9;
+  const Plane z16 = t45 & y14, z17 = t41 & y8;
+
+  const Plane t46 = z15 ^ z16, t48 = z5 ^ z13, t53 = z0 ^ z3;
+  const Plane t57 = z2 ^ z12 ^ t53, t58 = z4 ^ t46, t59 = z3 ^ z6 ^ z7;
+  const Plane t60 = t46 ^ t57, t62 = z7 ^ z8 ^ t58, t63 = z9 ^ z10 ^ t58;
+  const Plane t64 = z4 ^ t59, t65 = z14 ^ t57 ^ t62, t66 = z1 ^ t63;
+  const Plane s3 = t53 ^ t66;
+  p = {~(t48 ^ t60), ~(z12 ^ t48 ^ t62),       z10 ^ z11 ^ t65, z2 ^ z5 ^ t66,
+       s3,           ~(z16 ^ z17 ^ t64 ^ t65), ~(t64 ^ s3),     t59 ^ t63};
+}
+
+// invert_affine undoes the affine step of SubBytes.
+void invert_affine(Planes& p) {
+  const Planes b = p;
+  for (std::size_t i = 0; i < 8; ++i) {
+    p[i] = b[(i + 2) % 8] ^ b[(i + 5) % 8] ^ b[(i + 7) % 8];
   }
-  store(chain, vector);
+  p[0] = ~p[0];
+  p[2] = ~p[2];
 }
 
-void cbc_decrypt(const AesSchedule& schedule, std::uint8_t* vector,
-                 const std::uint8_t* input, std::uint8_t* output,
-                 std::size_t blocks) {
-  State chain = load(vector);
-  Wiped<State> plain;
-  for (std::size_t end = blocks * kAesBlockSize, i = 0; i < end;
-       i += kAesBlockSize) {
-    const State cipher = load(input + i);
-    plain.value = transform<kInverse>(schedule, cipher) ^ chain;
-    store(plain.value, output + i);
-    chain = cipher;
+// SubBytes is an inversion and then an affine step, so the inversion alone is
+// SubBytes with that step undone, and the inverse of SubBytes undoes it before.
+void inverse_substitute(Planes& planes) {
+  invert_affine(planes);
+  substitute(planes);
+  invert_affine(planes);
+}
+
+// shift_rows moves row r by kStep * r columns.
+template <int kStep>
+void shift_rows(Planes& planes) {
+  for (Plane& plane : planes) {
+    Plane shifted = 0;
+    for (int row = 0; row < 4; ++row) {
+      const int place = 48 - 16 * row;
+      const auto columns = static_cast<std::uint16_t>(plane >> place);
+      shifted |= Plane{std::rotr(columns, 4 * kStep * row)} << place;
+    }
+    plane = shifted;
   }
-  store(chain, vector);
 }
 
-State shift_in(const State& vector, unsigned bit) {
-  return {vector[0] << 1 | vector[1] >> 31, vector[1] << 1 | vector[2] >> 31,
-          vector[2] << 1 | vector[3] >> 31, vector[3] << 1 | bit};
+// doubled multiplies every byte by 2 in the field of FIPS 197, section 4.2.
+Planes doubled(const Planes& p) {
+  return {p[7], p[0] ^ p[7], p[1], p[2] ^ p[7], p[3] ^ p[7], p[4], p[5], p[6]};
 }
 
-// The 1-bit CFB mode of SP 800-38A, section 6.3.
+// Turned by 16 bits, each row lies where the one above it was. With b the next
+// row below a: 2a + 3b + c + d = 2(a + b) + b + (c + d).
+void mix_columns(Planes& planes) {
+  Planes next;
+  Planes sums;
+  for (std::size_t i = 0; i < 8; ++i) {
+    next[i] = std::rotl(planes[i], 16);
+    sums[i] = planes[i] ^ next[i];
+  }
+  planes = doubled(sums);
+  for (std::size_t i = 0; i < 8; ++i)
+    planes[i] ^= next[i] ^ std::rotl(sums[i], 32);
+}
+
+// The inverse matrix is the forward one times a matrix of 5, 0, 4, 0.
+void inverse_mix_columns(Planes& planes) {
+  Planes sums;
+  for (std::size_t i = 0; i < 8; ++i) {
+    sums[i] = planes[i] ^ std::rotl(planes[i], 32);
+  }
+  add(planes, doubled(doubled(sums)));
+  mix_columns(planes);
+}
+
+using RoundKey = Planes;
+
+RoundKey round_key_of(const std::uint32_t* words) {
+  const Block block{std::uint64_t{words[0]} << 32 | words[1],
+                    std::uint64_t{words[2]} << 32 | words[3]};
+  const Block blocks[kSliced] = {block, block, block, block};
+  return slice(blocks, kSliced);
+}
+
 template <bool kDecrypt>
-void cfb1(const AesSchedule& schedule, std::uint8_t* vector,
-          const std::uint8_t* input, std::uint8_t* output, std::size_t blocks) {
-  State chain = load(vector);
-  for (std::size_t i = 0; i < blocks * kAesBlockSize; ++i) {
-    const unsigned in = input[i];
-    unsigned out = 0;
-    for (int shift = 7; shift >= 0; --shift) {
-      const unsigned in_bit = in >> shift & 1;
-      const unsigned out_bit =
-          in_bit ^ transform<kForward>(schedule, chain)[0] >> 31;
-      chain = shift_in(chain, kDecrypt ? in_bit : out_bit);
-      out = out << 1 | out_bit;
-    }
-    output[i] = static_cast<std::uint8_t>(out);
+void shifted_substitution(Planes& planes) {
+  if constexpr (kDecrypt) {
+    inverse_substitute(planes);
+    shift_rows<-1>(planes);
+  } else {
+    substitute(planes);
+    shift_rows<1>(planes);
   }
-  store(chain, vector);
 }
+
+template <int kLanes>
+class Lanes {
+ public:
+  explicit Lanes(const std::array<Block, kLanes>& blocks) {
+    for (std::size_t i = 0; i < kGroups; ++i) {
+      groups_.value[i] = slice(&blocks[i * kSliced], kPerGroup);
+    }
+  }
+
+  std::array<Block, kLanes> blocks() const {
+    std::array<Block, kLanes> blocks;
+    for (std::size_t i = 0; i < kGroups; ++i) {
+      unslice(groups_.value[i], &blocks[i * kSliced], kPerGroup);
+    }
+    return blocks;
+  }
+
+  void add(const RoundKey& key) {
+    for (Planes& planes : groups_.value) velprobe::add(planes, key);
+  }
+
+  template <bool kDecrypt>
+  void full_round(const RoundKey& key) {
+    for (Planes& planes : groups_.value) {
+      shifted_substitution<kDecrypt>(planes);
+      kDecrypt ? inverse_mix_columns(planes) : mix_columns(planes);
+      velprobe::add(planes, key);
+    }
+  }
+
+  template <bool kDecrypt>
+  void final_round(const RoundKey& key) {
+    for (Planes& planes : groups_.value) {
+      shifted_substitution<kDecrypt>(planes);
+      velprobe::add(planes, key);
+    }
+  }
+
+ private:
+  static constexpr std::size_t kPerGroup = kLanes < kSliced ? kLanes : kSliced;
+  static constexpr std::size_t kGroups = kLanes / kPerGroup;
+
+  Wiped<std::array<Planes, kGroups>> groups_;
+};
+
+}  // namespace
+}  // namespace velprobe
+
+#include "aes_modes.h"
+
+namespace velprobe {
+namespace {
 
 std::uint32_t substitute_word(std::uint32_t word) {
-  return substitute_column<kForward>(word, word, word, word);
+  Block block{word, 0};
+  Planes planes = slice(&block, 1);
+  substitute(planes);
+  unslice(planes, &block, 1);
+  return static_cast<std::uint32_t>(block.high);
 }
 
-// The inverse table mixes what it has substituted, so the bytes go through the
-// forward substitution first.
 void inverse_mix_columns(std::uint32_t* round_key) {
-  for (int i = 0; i < 4; ++i) {
-    const std::uint32_t word = substitute_word(round_key[i]);
-    round_key[i] = mix_column<kInverse>(word, word, word, word);
-  }
+  Planes planes = round_key_of(round_key);
+  inverse_mix_columns(planes);
+  Block block;
+  unslice(planes, &block, 1);
+  round_key[0] = static_cast<std::uint32_t>(block.high >> 32);
+  round_key[1] = static_cast<std::uint32_t>(block.high);
+  round_key[2] = static_cast<std::uint32_t>(block.low >> 32);
+  round_key[3] = static_cast<std::uint32_t>(block.low);
 }
 
-constexpr AesPath kPortable = {
-    "portable",
-    {{ecb<kForward>, ecb<kInverse>},
-     {cbc_encrypt, cbc_decrypt},
-     {cfb1<false>, cfb1<true>}},
-    {rounds<kForward>, rounds<kInverse>},
-    substitute_word,
-    inverse_mix_columns,
-};
+constexpr AesPath kPortable =
+    make_path("portable", substitute_word, inverse_mix_columns);
 
 }  // namespace
 
