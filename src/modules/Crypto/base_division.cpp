@@ -1,5 +1,4 @@
 #include <algorithm>
-#include <bit>
 
 #include "base_bignum_c.h"
 #include "crypto_assert.h"
@@ -51,7 +50,8 @@ LeadingWords::LeadingWords(const std::uint32_t* m, std::uint64_t m_len) {
   const std::uint64_t pair0 = pair_below(m, m_len, m_len);
   const std::uint64_t pair1 = pair_below(m, m_len, below(m_len, 2));
   const std::uint64_t pair2 = pair_below(m, m_len, below(m_len, 4));
-  shift = std::countl_zero(pair0);
+  // The standard's count would ask first whether the word is zero.
+  shift = __builtin_clzll(pair0);
   high = shifted(pair0, pair1, shift);
   low = shifted(pair1, pair2, shift);
 

@@ -7,6 +7,7 @@
 
 #include "../../util/byte_order.h"
 #include "base_bignum_c.h"
+#include "constant_time.h"
 #include "crypto_assert.h"
 #include "wipe.h"
 
@@ -126,7 +127,7 @@ ErrorText bn_get_data(const BigNum* num, std::uint8_t* buffer,
 
   const std::uint32_t top = num->data[limbs - 1];
   for (int shift = 24; shift >= 0; shift -= 8) {
-    if (top >> shift != 0) {
+    if (revealed(top >> shift != 0)) {
       buffer[length++] = static_cast<std::uint8_t>(top >> shift);
     }
   }

@@ -43,7 +43,8 @@ constexpr std::uint64_t mask_of(std::uint64_t bit) {
 // chosen gives yes where the mask is all ones and no where it is zero.
 template <class Word>
 constexpr Word chosen(std::uint64_t mask, Word yes, Word no) {
-  return static_cast<Word>(no ^ ((yes ^ no) & static_cast<Word>(mask)));
+  return static_cast<Word>((yes & static_cast<Word>(mask)) |
+                           (no & static_cast<Word>(~mask)));
 }
 
 }  // namespace velprobe
