@@ -22,6 +22,8 @@ void expect_digest(const std::string& text, const std::string& digest) {
     md5_finish(&md5, out);
     ASSERT_EQ(to_hex({reinterpret_cast<char*>(out), sizeof out}), digest)
         << "in pieces of " << piece;
+    const std::string left(reinterpret_cast<char*>(&md5), sizeof md5);
+    ASSERT_EQ(left, std::string(sizeof md5, '\0')) << "not wiped";
   }
 }
 

@@ -180,9 +180,9 @@ int padEncrypt(const cipherInstance* cipher, const keyInstance* key,
   const int whole = blocks * kBlockBytes;
   if (whole > INT32_MAX - kBlockBytes) return kBadData;
 
-  std::uint8_t vector[kAesBlockSize];
-  std::ranges::copy(cipher->IV, vector);
-  crypt(*cipher, *key, kDirEncrypt, vector, input, blocks, output);
+  Wiped<std::uint8_t[kAesBlockSize]> vector;
+  std::ranges::copy(cipher->IV, vector.value);
+  crypt(*cipher, *key, kDirEncrypt, vector.value, input, blocks, output);
 
   const int tail = input_bytes - whole;
   const int padLen = kBlockBytes - tail;
@@ -190,7 +190,8 @@ int padEncrypt(const cipherInstance* cipher, const keyInstance* key,
   Wiped<std::uint8_t[kAesBlockSize]> last;
   std::ranges::fill(last.value, static_cast<std::uint8_t>(padLen));
   std::copy_n(input + whole, tail, last.value);
-  crypt(*cipher, *key, kDirEncrypt, vector, last.value, 1, output + whole);
+  crypt(*cipher, *key, kDirEncrypt, vector.value, last.value, 1,
+        output + whole);
   return whole + kBlockBytes;
 }
 
@@ -206,10 +207,11 @@ int padDecrypt(cipherInstance* cipher, const keyInstance* key,
         output);
 
   // The last cipher block never reaches the cipher's vector.
-  std::uint8_t vector[kAesBlockSize];
-  std::ranges::copy(cipher->IV, vector);
+  Wiped<std::uint8_t[kAesBlockSize]> vector;
+  std::ranges::copy(cipher->IV, vector.value);
   Wiped<std::uint8_t[kAesBlockSize]> last;
-  crypt(*cipher, *key, kDirDecrypt, vector, input + before, 1, last.value);
+  crypt(*cipher, *key, kDirDecrypt, vector.value, input + before, 1,
+        last.value);
   if (!is_padding_good(last.value, cipher->mode)) return kBadData;
   const int tail = kBlockBytes - revealed(last.value[kBlockBytes - 1]);
   std::copy_n(last.value, tail, output + before);
