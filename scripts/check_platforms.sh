@@ -17,17 +17,16 @@ declare -A tests=(
 [ $# -gt 0 ] || set -- "${!tests[@]}"
 gtest=/usr/src/googletest/googletest
 
-# compile PROCESSOR SOURCE: into the processor's folder, unless it is there.
+# compile PROCESSOR SOURCE: into the processor's folder.
 compile() {
-  local object=build/$1/${2//\//_}.o
-  [ "$object" -nt "$2" ] ||
-    "$1-linux-gnu-g++" -std=c++20 -O2 -Wall -Wextra -Werror \
-      -D_POSIX_C_SOURCE=200809L -D_DEFAULT_SOURCE \
-      -DVELPROBE_VERSION='"emulated"' -DVELPROBE_PROGRAM='""' \
-      -DVELSTANDIN_PROGRAM='""' -DVELPROBE_FAULT_SHIM='""' \
-      -DVELPROBE_SOURCE_DIR="\"$PWD\"" \
-      -DVELPROBE_VECTORS="\"${VELPROBE_VECTORS:-}\"" \
-      -I src -I tests -isystem "$gtest/include" -I "$gtest" -c "$2" -o "$object"
+  "$1-linux-gnu-g++" -std=c++20 -O2 -Wall -Wextra -Werror \
+    -D_POSIX_C_SOURCE=200809L -D_DEFAULT_SOURCE \
+    -DVELPROBE_VERSION='"emulated"' -DVELPROBE_PROGRAM='""' \
+    -DVELSTANDIN_PROGRAM='""' -DVELPROBE_FAULT_SHIM='""' \
+    -DVELPROBE_SOURCE_DIR="\"$PWD\"" \
+    -DVELPROBE_VECTORS="\"${VELPROBE_VECTORS:-}\"" \
+    -I src -I tests -isystem "$gtest/include" -I "$gtest" \
+    -c "$2" -o "build/$1/${2//\//_}.o"
 }
 export -f compile
 export gtest
@@ -38,6 +37,7 @@ for processor; do
     continue
   }
   build=build/$processor
+  rm -rf "$build"
   mkdir -p "$build"
   rooms=(src/modules/Crypto src/util)
   [ "$processor" = aarch64 ] || rooms+=(src/net src/protocol src/probe src/config)
@@ -49,9 +49,10 @@ for processor; do
   for name in "${names[@]}"; do
     "$processor-linux-gnu-g++" "$build/tests_${name}_test.cpp.o" \
       "$build"/src_*.o "$build"/*gtest*.o -o "$build/$name"
-    # The emulator knows neither the death of its own process nor that of others
-    # well, and takes minutes for the longest chains.
+    # The emulator shows neither a process's death nor what a socket holds, and
+    # judging large primes takes minutes in it.
     "qemu-$processor" -L "/usr/$processor-linux-gnu" "$build/$name" \
-      --gtest_brief=1 --gtest_filter='-*Death*:Primes.Judges*'
+      --gtest_brief=1 \
+      --gtest_filter='-*Death*:Primes.Judges*:SocketStream.*'
   done
 done
