@@ -11,7 +11,7 @@
 namespace velprobe {
 namespace {
 
-constexpr const char* kAcceleratedName = "armv8";
+inline constexpr const char* kAcceleratedName = "armv8";
 
 struct Block {
   uint8x16_t bytes;
@@ -21,7 +21,7 @@ struct Block {
   }
 };
 
-bool is_supported() {
+inline bool is_supported() {
   constexpr unsigned long kHasAes = 1UL << 3;  // HWCAP_AES
   return (getauxval(AT_HWCAP) & kHasAes) != 0;
 }
@@ -75,13 +75,13 @@ VELPROBE_AES_TARGET inline Block final_round(Block block, Block key) {
 }
 
 // With the same four bytes in every column, shifting rows changes nothing.
-VELPROBE_AES_TARGET std::uint32_t substitute_word(std::uint32_t word) {
+VELPROBE_AES_TARGET inline std::uint32_t substitute_word(std::uint32_t word) {
   const Block words{vreinterpretq_u8_u32(vdupq_n_u32(word))};
   return vgetq_lane_u32(
       vreinterpretq_u32_u8(substitute_and_shift<false>(words)), 0);
 }
 
-VELPROBE_AES_TARGET void inverse_mix_columns(std::uint32_t* round_key) {
+VELPROBE_AES_TARGET inline void inverse_mix_columns(std::uint32_t* round_key) {
   const Block key = swap_words(load(round_key));
   store(swap_words({vaesimcq_u8(key.bytes)}), round_key);
 }

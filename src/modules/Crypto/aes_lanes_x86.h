@@ -10,7 +10,7 @@
 namespace velprobe {
 namespace {
 
-constexpr const char* kAcceleratedName = "aesni";
+inline constexpr const char* kAcceleratedName = "aesni";
 
 // The plain __m128i as a template argument loses its attributes.
 struct Block {
@@ -21,7 +21,7 @@ struct Block {
   }
 };
 
-bool is_supported() {
+inline bool is_supported() {
   return __builtin_cpu_supports("aes") && __builtin_cpu_supports("ssse3");
 }
 
@@ -69,13 +69,13 @@ VELPROBE_AES_TARGET inline Block final_round(Block block, Block key) {
   return {_mm_aesenclast_si128(block.bytes, key.bytes)};
 }
 
-VELPROBE_AES_TARGET std::uint32_t substitute_word(std::uint32_t word) {
+VELPROBE_AES_TARGET inline std::uint32_t substitute_word(std::uint32_t word) {
   const __m128i words = _mm_set1_epi32(static_cast<int>(word));
   return static_cast<std::uint32_t>(
       _mm_cvtsi128_si32(_mm_aeskeygenassist_si128(words, 0)));
 }
 
-VELPROBE_AES_TARGET void inverse_mix_columns(std::uint32_t* round_key) {
+VELPROBE_AES_TARGET inline void inverse_mix_columns(std::uint32_t* round_key) {
   const Block key = swap_words(load(round_key));
   store(swap_words({_mm_aesimc_si128(key.bytes)}), round_key);
 }

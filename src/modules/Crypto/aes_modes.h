@@ -129,10 +129,11 @@ VELPROBE_AES_TARGET void ecb(const AesSchedule& schedule, std::uint8_t*,
 }
 
 // Each block waits for the one before it.
-VELPROBE_AES_TARGET void cbc_encrypt(const AesSchedule& schedule,
-                                     std::uint8_t* vector,
-                                     const std::uint8_t* input,
-                                     std::uint8_t* output, std::size_t blocks) {
+VELPROBE_AES_TARGET inline void cbc_encrypt(const AesSchedule& schedule,
+                                            std::uint8_t* vector,
+                                            const std::uint8_t* input,
+                                            std::uint8_t* output,
+                                            std::size_t blocks) {
   const RoundKeys keys(schedule);
   Blocks<1> chain{load(vector)};
   for (Run run{input, output, blocks}; run.blocks > 0; run.advance(1)) {
@@ -160,10 +161,11 @@ VELPROBE_AES_TARGET inline void cbc_decrypt_lanes(const RoundKeys& keys,
   }
 }
 
-VELPROBE_AES_TARGET void cbc_decrypt(const AesSchedule& schedule,
-                                     std::uint8_t* vector,
-                                     const std::uint8_t* input,
-                                     std::uint8_t* output, std::size_t blocks) {
+VELPROBE_AES_TARGET inline void cbc_decrypt(const AesSchedule& schedule,
+                                            std::uint8_t* vector,
+                                            const std::uint8_t* input,
+                                            std::uint8_t* output,
+                                            std::size_t blocks) {
   const RoundKeys keys(schedule);
   Block chain = load(vector);
   Run run{input, output, blocks};
@@ -196,11 +198,11 @@ struct ShiftVector {
 // The 1-bit CFB mode of SP 800-38A, section 6.3. Every bit waits for the one
 // before it. The next vector is prepared with the plain bit, whose place in it
 // the key stream's bit then changes without leaving the path's registers.
-VELPROBE_AES_TARGET void cfb1_encrypt(const AesSchedule& schedule,
-                                      std::uint8_t* vector,
-                                      const std::uint8_t* input,
-                                      std::uint8_t* output,
-                                      std::size_t blocks) {
+VELPROBE_AES_TARGET inline void cfb1_encrypt(const AesSchedule& schedule,
+                                             std::uint8_t* vector,
+                                             const std::uint8_t* input,
+                                             std::uint8_t* output,
+                                             std::size_t blocks) {
   const RoundKeys keys(schedule);
   ShiftVector chain(vector);
   Block next = chain.block();
@@ -220,11 +222,11 @@ VELPROBE_AES_TARGET void cfb1_encrypt(const AesSchedule& schedule,
 
 // Decryption knows all its vectors beforehand, so a byte's eight bits go side
 // by side.
-VELPROBE_AES_TARGET void cfb1_decrypt(const AesSchedule& schedule,
-                                      std::uint8_t* vector,
-                                      const std::uint8_t* input,
-                                      std::uint8_t* output,
-                                      std::size_t blocks) {
+VELPROBE_AES_TARGET inline void cfb1_decrypt(const AesSchedule& schedule,
+                                             std::uint8_t* vector,
+                                             const std::uint8_t* input,
+                                             std::uint8_t* output,
+                                             std::size_t blocks) {
   const RoundKeys keys(schedule);
   ShiftVector chain(vector);
   for (std::size_t i = 0; i < blocks * kAesBlockSize; ++i) {
