@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <filesystem>
 #include <functional>
 #include <map>
@@ -13,40 +12,6 @@
 #include "modules/Crypto/random.h"
 #include "support/big_numbers.h"
 #include "support/vectors.h"
-
-// The address sanitizer has an allocator of its own.
-#if !defined(__SANITIZE_ADDRESS__) && defined(__GLIBC__)
-#define VELPROBE_COUNTS_ALLOCATIONS
-#endif
-
-#ifdef VELPROBE_COUNTS_ALLOCATIONS
-namespace {
-
-// g_allocations_left is how many allocations still succeed; below zero one was
-// refused.
-constexpr int kNoLimit = 1 << 30;
-int g_allocations_left = kNoLimit;
-
-bool is_short() {
-  if (g_allocations_left <= 0) g_allocations_left = -1;
-  return g_allocations_left < 0 || --g_allocations_left < 0;
-}
-
-}  // namespace
-
-extern "C" {
-void* __libc_malloc(std::size_t size);
-void* __libc_calloc(std::size_t count, std::size_t size);
-
-void* malloc(std::size_t size) {
-  return is_short() ? nullptr : __libc_malloc(size);
-}
-
-void* calloc(std::size_t count, std::size_t size) {
-  return is_short() ? nullptr : __libc_calloc(count, size);
-}
-}
-#endif
 
 namespace velprobe {
 namespace {
@@ -64,7 +29,6 @@ struct {
 
 void start_script(const Limbs& script, std::uint32_t x = 1) {
   g_source = {};
-  g_source.requests.reserve(1000);  // the source itself allocates nothing
   for (std::uint32_t word : script) {
     for (int shift = 0; shift < 32; shift += 8) {
       g_source.bytes += static_cast<char>(word >> shift);
@@ -288,92 +252,6 @@ TEST(Primes, JudgesThePublicNumbers) {
   EXPECT_GT(num_cases["valid"], 60);
   EXPECT_GT(num_cases["invalid"], 200);
 }
-
-#ifdef VELPROBE_COUNTS_ALLOCATIONS
-// Each operation with its first, second, ... allocation failing, until it has
-// enough: it says so by null, -1 or its text, and never gives a result.
-TEST(Memory, NoAllocationIsTakenForGranted) {
-  const BigNumPtr a = number("b" + std::string(150, '3')), b = number("10001");
-  const BigNumPtr low = number("100000"), high = number("200000");
-  std::uint8_t byte;
-  urandom_bytes(&byte, 1);  // opens its handle
-  const BigNumPtr out = number("1"), prime = number("fff1"), step = number("2");
-  const std::function<bool()> kOperations[] = {
-      [&] { return bn_new(1, 99) != nullptr; },
-      [&] { return bn_copy(a.get(), 99) != nullptr; },
-      [&] {
-        const BigNumPtr num = bn_new(0, 0);
-        const std::uint8_t bytes[99] = {1};
-        return num && !bn_set_data(num.get(), bytes, sizeof bytes);
-      },
-      [&] { return bn_to_decimal(a.get()) != nullptr; },
-      [&] { return bn_mul(a.get(), b.get()) != nullptr; },
-      [&] { return bn_div(a.get(), b.get()) != nullptr; },
-      [&] { return bn_power_of_two(999) != nullptr; },
-      [&] { return bn_power_mod(a.get(), b.get(), a.get()) != nullptr; },
-      [&] { return bn_or_quotient(out.get(), a.get(), a.get()) == 0; },
-      [&] {
-        BigNumPtr odd;
-        bn_strip_twos(a.get(), odd);
-        return odd != nullptr;
-      },
-      [&] { return bn_random_below(a.get(), scripted) != nullptr; },
-      [&] { return bn_random_range(low.get(), a.get(), scripted) != nullptr; },
-      [&] { return bn_miller_rabin(prime.get(), b.get()); },
-      [&] {
-        return bn_find_prime(low.get(), high.get(), step.get(), scripted) !=
-               nullptr;
-      },
-      [&] {
-        BigNumPtr modulus, generator;
-        dh_generate_parameters(64, modulus, generator, scripted);
-        EXPECT_EQ(modulus == nullptr, generator == nullptr);
-        return modulus != nullptr;
-      },
-  };
-  for (const auto& operation : kOperations) {
-    SCOPED_TRACE(&operation - kOperations);
-    bool is_done = false;
-    for (int enough = 0; !is_done; ++enough) {
-      start_script({});
-      g_allocations_left = enough;
-      is_done = operation();
-      const bool was_short = g_allocations_left < 0;
-      g_allocations_left = kNoLimit;
-      ASSERT_EQ(is_done, !was_short) << "after allocation " << enough;
-    }
-  }
-}
-
-TEST(Memory, KeyGenerationSaysWhatItWasShortFor) {
-  // A number takes two allocations, a power three numbers.
-  const struct {
-    int up_to;
-    const char* text;
-  } kRows[] = {{2, "Error getting a random number for the key exchange"},
-               {8, "Error calculating public part of shared secret key"},
-               {10, "Error allocating primary memory for key check"},
-               {16, "Error allocating secondary memory for key check"},
-               {17, nullptr}};
-  const BigNumPtr modulus = number("17"), generator = number("5");
-  int enough = 0;
-  for (const auto& row : kRows) {
-    for (; enough < row.up_to; ++enough) {
-      start_script({6});
-      BigNumPtr public_key, private_key;
-      g_allocations_left = enough;
-      const ErrorText error = dh_generate_key(
-          public_key, private_key, modulus.get(), generator.get(), scripted);
-      g_allocations_left = kNoLimit;
-      EXPECT_STREQ(error.c_str(), row.text) << enough;
-    }
-  }
-}
-#else
-TEST(Memory, NoAllocationIsTakenForGranted) {
-  GTEST_SKIP() << "the allocator is not ours to make fail here";
-}
-#endif
 
 }  // namespace
 }  // namespace velprobe

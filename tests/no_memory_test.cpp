@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "modules/Crypto/key_agreement.h"
+#include "modules/Crypto/primes.h"
 #include "net/interfaces.h"
 #include "net/wait.h"
 #include "probe/address_set.h"
@@ -133,6 +134,38 @@ constexpr struct {
        return i == 200;
      }},
     {"copy", [](const Given& g) { return !!bn_copy(g.large, 99); }},
+    {"grown",
+     [](const Given&) {
+       const BigNumPtr num = bn_new(0, 0);
+       constexpr std::uint8_t kBytes[99] = {1};
+       return num && !bn_set_data(num.get(), kBytes, sizeof kBytes);
+     }},
+    {"odd part",
+     [](const Given& g) {
+       BigNumPtr odd;
+       bn_strip_twos(g.large, odd);
+       return !!odd;
+     }},
+    {"range",
+     [](const Given& g) {
+       return !!bn_random_range(g.small, g.large, fill_with_sevens);
+     }},
+    {"below",
+     [](const Given& g) {
+       return !!bn_random_below(g.large, fill_with_sevens);
+     }},
+    {"witness", [](const Given& g) { return bn_miller_rabin(g.small, g.two); }},
+    {"prime",
+     [](const Given& g) {
+       return !!bn_find_prime(g.two, g.small, g.two, fill_with_sevens);
+     }},
+    {"parameters",
+     [](const Given&) {
+       BigNumPtr modulus, generator;
+       dh_generate_parameters(64, modulus, generator, urandom_bytes);
+       EXPECT_EQ(!modulus, !generator);
+       return !!modulus;
+     }},
     {"decimal", [](const Given& g) { return !!bn_to_decimal(g.large); }},
     {"mul", [](const Given& g) { return !!bn_mul(g.large, g.small); }},
     {"div", [](const Given& g) { return !!bn_div(g.large, g.small); }},
@@ -148,6 +181,8 @@ constexpr struct {
 TEST(ShortMemory, IsNeverTakenForSuccess) {
   if (!kCanFail) GTEST_SKIP() << "the sanitizers replace the allocator";
   const Given given;
+  std::uint8_t byte;
+  urandom_bytes(&byte, 1);  // which opens its file
   for (const auto& operation : kOperations) {
     SCOPED_TRACE(operation.name);
     int nth = 0;
@@ -160,6 +195,31 @@ TEST(ShortMemory, IsNeverTakenForSuccess) {
       if (all_had) break;
     }
     EXPECT_GT(nth, 0);
+  }
+}
+
+// A number takes two allocations, a power three numbers.
+TEST(ShortMemory, OfAKeyIsToldByWhatItWasFor) {
+  if (!kCanFail) GTEST_SKIP() << "the sanitizers replace the allocator";
+  constexpr struct {
+    int up_to;
+    const char* text;
+  } kRows[] = {{2, "Error getting a random number for the key exchange"},
+               {8, "Error calculating public part of shared secret key"},
+               {10, "Error allocating primary memory for key check"},
+               {16, "Error allocating secondary memory for key check"},
+               {17, nullptr}};
+  const BigNumPtr modulus = bn_from_word(1000003), generator = bn_from_word(2);
+  int nth = 0;
+  for (const auto& row : kRows) {
+    for (; nth < row.up_to; ++nth) {
+      BigNumPtr shown, kept;
+      num_until_failure = nth;
+      const ErrorText error = dh_generate_key(
+          shown, kept, modulus.get(), generator.get(), fill_with_sevens);
+      num_until_failure = -1;
+      EXPECT_STREQ(error.c_str(), row.text) << "allocation " << nth;
+    }
   }
 }
 

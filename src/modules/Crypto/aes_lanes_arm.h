@@ -1,7 +1,7 @@
 // One step of AES on the instructions of ARMv8 processors. Only for
 // aes_block_accelerated.cpp.
-#ifndef VELPROBE_MODULES_CRYPTO_C_AES_LANES_ARM_H_
-#define VELPROBE_MODULES_CRYPTO_C_AES_LANES_ARM_H_
+#ifndef VELPROBE_MODULES_CRYPTO_AES_LANES_ARM_H_
+#define VELPROBE_MODULES_CRYPTO_AES_LANES_ARM_H_
 
 #include <arm_neon.h>
 #include <sys/auxv.h>
@@ -89,4 +89,4 @@ VELPROBE_AES_TARGET inline void inverse_mix_columns(std::uint32_t* round_key) {
 }  // namespace
 }  // namespace velprobe
 
-#endif  // VELPROBE_MODULES_CRYPTO_C_AES_LANES_ARM_H_
+#endif  // VELPROBE_MODULES_CRYPTO_AES_LANES_ARM_H_

@@ -1,7 +1,7 @@
 // One step of AES on the instructions of x86-64 processors. Only for
 // aes_block_accelerated.cpp.
-#ifndef VELPROBE_MODULES_CRYPTO_C_AES_LANES_X86_H_
-#define VELPROBE_MODULES_CRYPTO_C_AES_LANES_X86_H_
+#ifndef VELPROBE_MODULES_CRYPTO_AES_LANES_X86_H_
+#define VELPROBE_MODULES_CRYPTO_AES_LANES_X86_H_
 
 #include <immintrin.h>
 
@@ -83,4 +83,4 @@ VELPROBE_AES_TARGET inline void inverse_mix_columns(std::uint32_t* round_key) {
 }  // namespace
 }  // namespace velprobe
 
-#endif  // VELPROBE_MODULES_CRYPTO_C_AES_LANES_X86_H_
+#endif  // VELPROBE_MODULES_CRYPTO_AES_LANES_X86_H_

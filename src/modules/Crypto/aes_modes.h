@@ -17,8 +17,8 @@
 //
 // Blocks that do not depend on each other go through the rounds eight at a
 // time, which hides the latency of instructions.
-#ifndef VELPROBE_MODULES_CRYPTO_C_AES_MODES_H_
-#define VELPROBE_MODULES_CRYPTO_C_AES_MODES_H_
+#ifndef VELPROBE_MODULES_CRYPTO_AES_MODES_H_
+#define VELPROBE_MODULES_CRYPTO_AES_MODES_H_
 
 #include <array>
 
@@ -269,4 +269,4 @@ constexpr AesPath make_path(const char* name,
 }  // namespace
 }  // namespace velprobe
 
-#endif  // VELPROBE_MODULES_CRYPTO_C_AES_MODES_H_
+#endif  // VELPROBE_MODULES_CRYPTO_AES_MODES_H_

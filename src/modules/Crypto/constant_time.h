@@ -5,8 +5,8 @@
 // observer. scripts/check_constant_time.sh builds the module with
 // VELPROBE_PROVE_CONSTANT_TIME, where these calls tell memcheck that the value
 // may be looked at; any other look at a secret fails that check.
-#ifndef VELPROBE_MODULES_CRYPTO_C_CONSTANT_TIME_H_
-#define VELPROBE_MODULES_CRYPTO_C_CONSTANT_TIME_H_
+#ifndef VELPROBE_MODULES_CRYPTO_CONSTANT_TIME_H_
+#define VELPROBE_MODULES_CRYPTO_CONSTANT_TIME_H_
 
 #include <cstddef>
 #include <cstdint>
@@ -49,4 +49,4 @@ constexpr Word chosen(std::uint64_t mask, Word yes, Word no) {
 
 }  // namespace velprobe
 
-#endif  // VELPROBE_MODULES_CRYPTO_C_CONSTANT_TIME_H_
+#endif  // VELPROBE_MODULES_CRYPTO_CONSTANT_TIME_H_

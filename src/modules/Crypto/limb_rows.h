@@ -1,7 +1,7 @@
 // Rows: the inner loops of products and of division, a run of limbs times one
 // word. Internal to this folder.
-#ifndef VELPROBE_MODULES_CRYPTO_C_LIMB_ROWS_H_
-#define VELPROBE_MODULES_CRYPTO_C_LIMB_ROWS_H_
+#ifndef VELPROBE_MODULES_CRYPTO_LIMB_ROWS_H_
+#define VELPROBE_MODULES_CRYPTO_LIMB_ROWS_H_
 
 #include <cstdint>
 
@@ -118,4 +118,4 @@ inline std::uint64_t subtract_row(std::uint32_t* res,
 
 }  // namespace velprobe
 
-#endif  // VELPROBE_MODULES_CRYPTO_C_LIMB_ROWS_H_
+#endif  // VELPROBE_MODULES_CRYPTO_LIMB_ROWS_H_
