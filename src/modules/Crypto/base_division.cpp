@@ -154,10 +154,10 @@ void base_divide(std::uint32_t* a, std::uint64_t a_len, const std::uint32_t* m,
     const std::uint64_t borrow = subtract_row(a + at, m, m_len, digit);
     const std::uint64_t too_large = mask_of(borrow > above);
     digit += too_large;
-    // Only a remainder may be a secret, and it is almost never needed.
-    if (quotient == nullptr || too_large != 0) {
-      add_if(too_large, a + at, m, m_len);
-    }
+    // Hardly ever needed, and left out then where there is no secret: beside a
+    // quotient. By mask, or the compiler might look at too_large first.
+    const std::uint64_t is_remainder = mask_of(quotient == nullptr);
+    if ((is_remainder | too_large) != 0) add_if(too_large, a + at, m, m_len);
     std::fill(a + end, a + std::min(end + 2, a_len), 0u);
     if (quotient != nullptr) or_digit(quotient + at, digit);
     if (at == 0) return;

@@ -127,7 +127,8 @@ void Modulus::reduce(std::uint32_t* product) const {
 
 // finish leaves in num the limbs below len; above them are those of products.
 void finish(BigNum* num, std::uint64_t len, std::uint64_t used) {
-  wipe_memory(num->data + len, (used - len) * sizeof *num->data);
+  wipe_memory(num->data + len,
+              static_cast<std::size_t>(used - len) * sizeof *num->data);
   num->len = len;
   base_normalize(num);
 }

@@ -18,9 +18,16 @@ constexpr const char* kSource = "modules/Crypto/c/bignum";
 constexpr std::uint64_t kLimbBytes = 4;
 constexpr std::uint64_t kFewestLimbs = 16;
 
+// new_limbs gives size zero limbs, or null.
+std::uint32_t* new_limbs(std::uint64_t size) {
+  if (size > SIZE_MAX / kLimbBytes) return nullptr;
+  return static_cast<std::uint32_t*>(
+      std::calloc(static_cast<std::size_t>(size), kLimbBytes));
+}
+
 // new_number makes a zero with room for size limbs.
 BigNumPtr new_number(std::uint64_t size) {
-  auto* data = static_cast<std::uint32_t*>(std::calloc(size, kLimbBytes));
+  auto* data = new_limbs(size);
   if (data == nullptr) return nullptr;
   auto* num = static_cast<BigNum*>(std::malloc(sizeof(BigNum)));
   if (num == nullptr) {
@@ -35,7 +42,8 @@ BigNumPtr new_number(std::uint64_t size) {
 // The limbs beyond len are zero already: touching them would only cost pages.
 void wipe_limbs(BigNum* num) {
   if (num->data == nullptr) return;
-  wipe_memory(num->data, std::min(num->len, num->size) * kLimbBytes);
+  const auto used = static_cast<std::size_t>(std::min(num->len, num->size));
+  wipe_memory(num->data, used * sizeof *num->data);
 }
 
 // clear_from zeroes the limbs in use from the given one on; those beyond are
@@ -95,7 +103,7 @@ ErrorText bn_set_data(BigNum* num, const std::uint8_t* bytes, std::uint64_t n) {
   const std::uint64_t rest = n % kLimbBytes;
   const std::uint64_t needed = whole + (rest != 0 ? 1 : 0);
   if (num->size < needed) {
-    auto* data = static_cast<std::uint32_t*>(std::calloc(needed, kLimbBytes));
+    auto* data = new_limbs(needed);
     if (data == nullptr) return "Unable to allocate space for new data";
     wipe_limbs(num);
     std::free(num->data);

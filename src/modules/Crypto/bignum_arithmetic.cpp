@@ -206,19 +206,21 @@ BigNumPtr bn_power_mod(const BigNum* base, const BigNum* exponent,
 }
 
 Text bn_to_decimal(const BigNum* num) {
-  constexpr std::uint64_t kDigitsAtOnce = 19;
+  constexpr std::size_t kDigitsAtOnce = 19;
   const BigNumPtr rest = bn_dup(num);
   if (rest == nullptr) return nullptr;
   // A limb has fewer than 10 digits, and the last group may be nearly empty.
-  const std::uint64_t room = 10 * num->len + kDigitsAtOnce;
+  if (num->len > SIZE_MAX / 20) return nullptr;
+  const std::size_t room =
+      10 * static_cast<std::size_t>(num->len) + kDigitsAtOnce;
   const Text reversed = new_text(room);
   if (reversed == nullptr) return nullptr;
 
-  std::uint64_t count = 0;
+  std::size_t count = 0;
   for (std::uint64_t len = rest->len; len > 0;
        len = base_significant_limbs(rest->data, len)) {
     std::uint64_t group = base_div_ten19(rest->data, len);
-    for (std::uint64_t i = 0; i < kDigitsAtOnce; ++i, group /= 10) {
+    for (std::size_t i = 0; i < kDigitsAtOnce; ++i, group /= 10) {
       reversed[count++] = static_cast<char>('0' + group % 10);
     }
   }

@@ -91,7 +91,8 @@ ErrorText dh_generate_key(BigNumPtr& public_out, BigNumPtr& private_out,
     }
     public_out = bn_power_mod(generator, private_out.get(), modulus);
     if (public_out == nullptr) return kNoPublicValue;
-    reveal(public_out->data, public_out->len * sizeof *public_out->data);
+    reveal(public_out->data, static_cast<std::size_t>(public_out->len) *
+                                 sizeof *public_out->data);
 
     const BigNumPtr two = bn_from_word(2);
     if (two == nullptr) return "Error allocating primary memory for key check";

@@ -11,7 +11,72 @@
 
 namespace velprobe {
 
+#if defined(__SIZEOF_INT128__) && !defined(VELPROBE_OWN_WIDE)
+
 __extension__ using Wide = unsigned __int128;
+
+#else
+
+// Wide is an unsigned number of 128 bits where the compiler has none. Sums,
+// differences and products wrap; no operation takes a branch.
+struct Wide {
+  std::uint64_t low = 0;
+  std::uint64_t high = 0;
+
+  explicit constexpr operator std::uint64_t() const { return low; }
+  explicit constexpr operator std::uint32_t() const {
+    return static_cast<std::uint32_t>(low);
+  }
+
+  friend constexpr Wide operator+(Wide a, Wide b) {
+    const std::uint64_t low = a.low + b.low;
+    return {low, a.high + b.high + (low < b.low)};
+  }
+  friend constexpr Wide operator~(Wide a) { return {~a.low, ~a.high}; }
+  friend constexpr Wide operator-(Wide a, Wide b) {
+    return {a.low - b.low, a.high - b.high - (a.low < b.low)};
+  }
+  friend constexpr Wide operator*(Wide a, std::uint64_t b) {
+    constexpr std::uint64_t kHalf = 0xffffffff;
+    const std::uint64_t low_low = (a.low & kHalf) * (b & kHalf);
+    const std::uint64_t low_high = (a.low & kHalf) * (b >> 32);
+    const std::uint64_t high_low = (a.low >> 32) * (b & kHalf);
+    const std::uint64_t middle =
+        (low_low >> 32) + (low_high & kHalf) + (high_low & kHalf);
+    return {middle << 32 | (low_low & kHalf),
+            a.high * b + (a.low >> 32) * (b >> 32) + (low_high >> 32) +
+                (high_low >> 32) + (middle >> 32)};
+  }
+  friend constexpr Wide operator&(Wide a, Wide b) {
+    return {a.low & b.low, a.high & b.high};
+  }
+  friend constexpr Wide operator|(Wide a, Wide b) {
+    return {a.low | b.low, a.high | b.high};
+  }
+  // Shifts by up to 127 bits, but not by none.
+  friend constexpr Wide operator<<(Wide a, int by) {
+    if (by >= 64) return {0, a.low << (by - 64)};
+    return {a.low << by, a.high << by | a.low >> (64 - by)};
+  }
+  friend constexpr Wide operator>>(Wide a, int by) {
+    if (by >= 64) return {a.high >> (by - 64), 0};
+    return {a.low >> by | a.high << (64 - by), a.high >> by};
+  }
+  friend constexpr bool operator>=(Wide a, Wide b) {
+    return ((a.high > b.high) | ((a.high == b.high) & (a.low >= b.low))) != 0;
+  }
+
+  friend constexpr Wide operator+(Wide a, std::uint64_t b) {
+    return a + Wide{b, 0};
+  }
+  friend constexpr Wide operator-(Wide a, std::uint64_t b) {
+    return a - Wide{b, 0};
+  }
+  constexpr Wide& operator+=(Wide b) { return *this = *this + b; }
+  constexpr Wide& operator-=(Wide b) { return *this = *this - b; }
+};
+
+#endif
 
 // load_pair and store_pair are one 64-bit access where the byte order allows.
 inline std::uint64_t load_pair(const std::uint32_t* limbs) {
@@ -33,7 +98,7 @@ inline void store_pair(std::uint32_t* limbs, std::uint64_t pair) {
 }
 
 constexpr Wide wide(std::uint64_t high, std::uint64_t low) {
-  return Wide{high} << 64 | low;
+  return Wide{high} << 64 | Wide{low};
 }
 
 inline void store_wide(std::uint32_t* limbs, Wide value) {
@@ -59,9 +124,9 @@ constexpr std::uint64_t reciprocal_of(std::uint64_t d) {
   Wide quotient = Wide{x - 3} << 1;
   Wide rest = ~Wide{0} - quotient * d;
   for (int unit = 0; unit < 8; ++unit) {
-    const std::uint64_t fits = mask_of(rest >= d);
-    quotient += fits & 1;
-    rest -= fits & d;
+    const std::uint64_t fits = mask_of(rest >= Wide{d});
+    quotient += Wide{fits & 1};
+    rest -= Wide{fits & d};
   }
   return static_cast<std::uint64_t>(quotient);
 }

@@ -55,7 +55,7 @@ int bn_fill_random(BigNum* num, std::uint64_t nbytes, ByteSource source) {
   if (kLimbBytes * num->size < nbytes) return -1;
   const std::uint64_t limbs = (nbytes + kLimbBytes - 1) / kLimbBytes;
   std::fill(num->data, num->data + num->size, 0u);
-  source(num->data, limbs * kLimbBytes);
+  source(num->data, static_cast<std::size_t>(limbs * kLimbBytes));
   // The first byte is the lowest, so that a draw is the same number everywhere.
   for (std::uint64_t i = 0; i < limbs; ++i) {
     std::uint8_t bytes[kLimbBytes];
