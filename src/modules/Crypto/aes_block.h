@@ -1,6 +1,7 @@
 // The AES block transform (FIPS 197) and its modes, on whole blocks, behind one
-// table that two paths fill: a portable one and one on the processor's own AES
-// instructions. Internal to this folder and its tests: it checks nothing.
+// table that each path fills: a portable one, and one on the processor's own AES
+// instructions. Time and memory accesses of neither depend on key or data.
+// Internal to this folder and its tests: it checks nothing.
 #ifndef VELPROBE_MODULES_CRYPTO_AES_BLOCK_H_
 #define VELPROBE_MODULES_CRYPTO_AES_BLOCK_H_
 
@@ -52,13 +53,11 @@ struct AesPath {
   void (*inverse_mix_columns)(std::uint32_t* round_key);
 };
 
-// portable_aes_path runs anywhere. It looks tables up at places that depend on
-// key and data, so its timing may tell an observer on the same machine about
-// them.
+// portable_aes_path runs anywhere.
 const AesPath& portable_aes_path();
 
-// accelerated_aes_path is null where the processor has no AES instructions. Its
-// timing does not depend on key or data.
+// accelerated_aes_path is null where the processor has no AES instructions that
+// a path is written for.
 const AesPath* accelerated_aes_path();
 
 // aes_path is the path in use: the accelerated one where there is one. Chosen
