@@ -187,8 +187,8 @@ TEST_F(RaceTest, BitsOfALostGroupOrListLetNobodyIn) {
     mode_t before, after;
   } rows[] = {{"none", 0664, 0664},
               {"fchown 1 1 1", 0664, 0604},
-              {"fgetxattr 1 5 1", 0664, 0604},
-              {"fchmod 1 1 1", 0600, 0600}};  // right as they are
+              {"fgetxattr 1 5 1", 0664, 0600},  // a list, for all it knows
+              {"fchmod 1 1 1", 0600, 0600}};    // right as they are
   for (const auto& [fault, before, after] : rows) {
     const std::string path = folder_.write("c", lines_);
     ASSERT_EQ(chmod(path.c_str(), before), 0);

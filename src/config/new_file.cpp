@@ -49,6 +49,12 @@ bool is_no_attribute(int error) {
   return error == ENODATA || error == EOPNOTSUPP;
 }
 
+// lacks_attribute is false also when that is not to be found out.
+bool lacks_attribute(int descriptor, const char* name) {
+  return ::fgetxattr(descriptor, name, nullptr, 0) < 0 &&
+         is_no_attribute(errno);
+}
+
 // remove_attribute is true when the file has no such attribute any more.
 bool remove_attribute(int descriptor, const char* name) {
   return ::fremovexattr(descriptor, name) == 0 || is_no_attribute(errno);
@@ -73,15 +79,15 @@ mode_t without_group(mode_t mode) {
 }
 
 // take_access_list also rids the file of a list that it got from the folder.
-// With a list, the group's bits are the limit for everyone whom it names.
+// With a list, the group's bits are the limit for everyone whom it names, and
+// those whom it shuts out would be among the others without it.
 void take_access_list(NewFile& file) {
   const int descriptor = file.descriptor.get();
-  if (file.has_group &&
-      copy_attribute(file.old->descriptor.get(), descriptor, kAccessList)) {
-    return;
-  }
+  const int old = file.old->descriptor.get();
+  if (file.has_group && copy_attribute(old, descriptor, kAccessList)) return;
+  const bool had_list = !lacks_attribute(old, kAccessList);
   remove_attribute(descriptor, kAccessList);
-  file.mode = without_group(file.mode);
+  file.mode = had_list ? file.mode & 0700 : without_group(file.mode);
 }
 
 bool set_mode(int descriptor, mode_t mode) {

@@ -39,8 +39,9 @@ ErrorText create_new_file(NewFile& file);
 ErrorText write_bytes(const NewFile& file, std::string_view bytes);
 
 // finish_new_file gives the file the old one's access list, security label and
-// permission bits without any set-ID bit, and brings it to the disk. When list
-// or group cannot be kept, nobody gets in by the bits that were for them.
+// permission bits without any set-ID bit, and brings it to the disk. When the
+// group cannot be kept, nobody gets in by the bits that were for it; when a
+// list cannot, nobody but the owner gets in.
 //
 // Failure: "Error writing to %s: %s" (temporary file, system's text).
 ErrorText finish_new_file(NewFile& file);
