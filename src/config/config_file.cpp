@@ -56,7 +56,7 @@ Opening try_open(const ConfigPaths& paths, FileUse use) {
 // be about to become the missing file. A read asks no other machine for locks.
 bool is_being_replaced(const ConfigPaths& paths, FileUse use) {
   if (paths.collide || !paths.folder) return false;
-  if (use == FileUse::kRead && is_remote(paths)) {
+  if (use == FileUse::kRead && is_remote(paths.folder.get())) {
     struct stat status;
     return ::fstatat(paths.folder.get(), paths.temp_in_folder(), &status,
                      AT_SYMLINK_NOFOLLOW) == 0;
@@ -102,9 +102,11 @@ Opening open_when_present(const ConfigPaths& paths) {
 }
 
 // delete_unused_side_files waits for no lock: it asks only for one that this
-// machine grants or refuses at once, and that only rewrites exclude.
+// machine grants or refuses at once, and that only rewrites exclude. The file
+// may be elsewhere than its folder, behind a link.
 void delete_unused_side_files(const ConfigPaths& paths, int descriptor) {
-  if (!is_remote(paths) && try_lock(descriptor, LOCK_SH) &&
+  if (!is_remote(paths.folder.get()) && !is_remote(descriptor) &&
+      try_lock(descriptor, LOCK_SH) &&
       is_named(paths, paths.path_in_folder(), descriptor)) {
     delete_side_files(paths);
   }

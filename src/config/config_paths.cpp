@@ -79,12 +79,12 @@ bool is_named(const ConfigPaths& paths, const char* name, int descriptor) {
   return opened.st_dev == named.st_dev && opened.st_ino == named.st_ino;
 }
 
-bool is_remote(const ConfigPaths& paths) {
+bool is_remote(int descriptor) {
   static constexpr unsigned kRemote[] = {NFS_SUPER_MAGIC,  SMB_SUPER_MAGIC,
                                          CIFS_SUPER_MAGIC, SMB2_SUPER_MAGIC,
                                          CEPH_SUPER_MAGIC, AFS_SUPER_MAGIC};
   struct statfs status;
-  if (::fstatfs(paths.folder.get(), &status) != 0) return true;
+  if (::fstatfs(descriptor, &status) != 0) return true;
   return std::find(std::begin(kRemote), std::end(kRemote),
                    static_cast<unsigned>(status.f_type)) != std::end(kRemote);
 }

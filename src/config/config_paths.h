@@ -43,9 +43,9 @@ ConfigPaths open_config_paths(const char* path);
 // open file. When it is not, errno says why: EEXIST for another file's.
 bool is_named(const ConfigPaths& paths, const char* name, int descriptor);
 
-// is_remote tells whether the folder's locks are those of another machine, on
-// which a request may wait for long.
-bool is_remote(const ConfigPaths& paths);
+// is_remote tells whether the locks of an open file or folder are those of
+// another machine, on which a request may wait for long.
+bool is_remote(int descriptor);
 
 // TempState tells what the name of the temporary file stands for.
 enum class TempState {
