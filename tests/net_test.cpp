@@ -177,6 +177,14 @@ TEST_F(Connection, APeerThatLeftIsAnErrorAndNoSignal) {
   EXPECT_EQ("Other end closed connection", error);
 }
 
+TEST_F(Connection, ADeadlineLongPastLeavesNoWait) {
+  for (const Deadline past : {Deadline{}, Deadline::min()}) {
+    script_waits({0});
+    EXPECT_FALSE(socket_wait_readable(client.get(), 5, past));
+    EXPECT_EQ(std::vector<double>{0}, waits);
+  }
+}
+
 TEST_F(Connection, ACloseWithADeadlineWaitsForNobody) {
   const linger minutes = {1, 120};
   ::setsockopt(client.get(), SOL_SOCKET, SO_LINGER, &minutes, sizeof minutes);

@@ -19,8 +19,9 @@ using std::chrono::seconds;
 // To the nanosecond: a wait that ended early by rounding would be taken for a
 // time-out before its time.
 timespec time_until(Deadline end) {
-  const nanoseconds left = std::max(
-      nanoseconds::zero(), nanoseconds(end - std::chrono::steady_clock::now()));
+  const Deadline now = std::chrono::steady_clock::now();
+  // The distance to the first points of the clock does not fit its type.
+  const nanoseconds left = end > now ? end - now : nanoseconds::zero();
   const auto whole = std::chrono::duration_cast<seconds>(left);
   return {whole.count(), (left - whole).count()};
 }
