@@ -16,12 +16,12 @@ class ByteBuffer {
   ByteBuffer& operator=(ByteBuffer&& other) noexcept;
   ~ByteBuffer();
 
-  // append adds bytes at the end. False when memory is short: the buffer is
+  // append adds bytes at the end. False when memory runs out: the buffer is
   // then as it was.
   [[nodiscard]] bool append(std::string_view bytes);
 
-  // reserve makes room for at least extra further bytes. False when memory is
-  // short: the buffer is then as it was.
+  // reserve makes space for at least extra further bytes. False when memory
+  // runs out: the buffer is then as it was.
   [[nodiscard]] bool reserve(std::size_t extra);
 
   const char* data() const { return data_; }

@@ -13,11 +13,11 @@ namespace velprobe {
 // Text owns a text that a NUL ends; null means that the text is absent.
 using Text = std::unique_ptr<char[]>;
 
-// new_text allocates room for length characters and the NUL, all zero; null
-// when memory is short.
+// new_text allocates space for length characters and the NUL, all zero; null
+// when memory runs out.
 [[nodiscard]] Text new_text(std::size_t length);
 
-// copy_text makes a new copy of text; null when memory is short.
+// copy_text makes a new copy of text; null when memory runs out.
 [[nodiscard]] Text copy_text(std::string_view text);
 
 // is_absent_or_empty is true for a null pointer and for "".
