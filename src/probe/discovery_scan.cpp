@@ -102,7 +102,8 @@ ErrorText scan_interfaces(const NicInfo* nics, std::uint16_t port,
   if (found_servers == nullptr) return kNoPlace;
   found_servers->reset();
   std::int32_t handle;
-  if (!udp_open(handle)) return "Could not create socket";
+  if (!udp_open(handle))
+    return {"Could not create socket", take_last_os_error()};
   const FileDescriptor socket(handle);
   if (ErrorText error = udp_set_broadcast(handle, true)) return error;
 
