@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <sys/xattr.h>
 
+#include <cerrno>
 #include <cstring>
 #include <filesystem>
 #include <map>
@@ -97,9 +98,10 @@ TEST(SettingsTest, AreReadWithoutATrace) {
   EXPECT_EQ(parse_server_port(nullptr, 7), 7);
   EXPECT_EQ(parse_server_port("70000x", 7), 4464);
   std::filesystem::remove(path);
-  EXPECT_EQ(text_of(read_settings(path.c_str(), settings)),
-            "Could not open configuration file " + path +
-                ": No such file or directory");
+  const ErrorText missing = read_settings(path.c_str(), settings);
+  EXPECT_EQ(text_of(missing), "Could not open configuration file " + path +
+                                  ": No such file or directory");
+  EXPECT_EQ(missing.error_number(), ENOENT);
 }
 
 TEST(ConfigReadTest, OnlyASuccessfulReadClearsTheSideFiles) {

@@ -75,7 +75,7 @@ ErrorText take_values(std::string_view file, ConfigKey* keys) {
   for (Assignment assignment; next_assignment(&walk, &assignment);) {
     const std::size_t length = assignment.value_end - assignment.value_begin;
     Text value = copy_text(file.substr(assignment.value_begin, length));
-    if (!value) return kOutOfMemory;
+    if (!value) return kNoMemory;
     assignment.key->value = std::move(value);
   }
   return {};

@@ -163,8 +163,9 @@ int read_whole(int descriptor, ByteBuffer& bytes) {
 }
 
 ErrorText could_not_open(const char* path, int error_number) {
-  return format_error_text("Could not open configuration file %s: %s", path,
-                           os_error_text(error_number));
+  return {format_error_text("Could not open configuration file %s: %s", path,
+                            os_error_text(error_number)),
+          error_number};
 }
 
 ErrorText error_opening(const ConfigPaths& paths) {

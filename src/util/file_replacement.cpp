@@ -18,8 +18,8 @@ namespace {
 constexpr std::size_t kGenerationSuffixSize = 10;
 constexpr int kMostGenerations = 99'999'999;
 
-// keep_backup makes backup a second name of destination. A destination that does
-// not exist needs no backup.
+// keep_backup makes backup a second name of destination. A destination that
+// does not exist needs no backup.
 bool keep_backup(const char* destination, const char* backup) {
   ::unlink(backup);
   if (::link(destination, backup) == 0) return true;
@@ -42,8 +42,10 @@ int make_temp_name(char* buffer, std::size_t size, const char* path) {
 ErrorText get_file_size(const char* path, std::uint64_t* out_size) {
   struct stat status;
   if (::stat(path, &status) != 0) {
-    return format_error_text("Error retrieving file size for %s: %s", path,
-                             last_os_error_text());
+    const int error_number = take_last_os_error();
+    return {format_error_text("Error retrieving file size for %s: %s", path,
+                              os_error_text(error_number)),
+            error_number};
   }
   *out_size = static_cast<std::uint64_t>(status.st_size);
   return {};
@@ -66,7 +68,7 @@ ErrorText rotate_numbered_files(const char* path, int generations) {
   const std::size_t size = std::strlen(path) + kGenerationSuffixSize;
   Text newer = new_text(size);
   Text older = new_text(size);
-  if (!newer || !older) return kOutOfMemory;
+  if (!newer || !older) return kNoMemory;
 
   generations = std::min(generations, kMostGenerations);
   std::snprintf(older.get(), size, "%s.%i", path, generations);
@@ -77,8 +79,10 @@ ErrorText rotate_numbered_files(const char* path, int generations) {
     std::swap(newer, older);
   }
   if (const int result = std::rename(path, older.get()); result != 0) {
-    return format_error_text("Rename failed with code %d, error %s", result,
-                             last_os_error_text());
+    const int error_number = take_last_os_error();
+    return {format_error_text("Rename failed with code %d, error %s", result,
+                              os_error_text(error_number)),
+            error_number};
   }
   return {};
 }
