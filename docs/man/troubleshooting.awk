@@ -17,12 +17,18 @@ function roff(text,    parts, count, i, out) {
   return out
 }
 
+# width counts as mandoc does, which reads what is not ASCII as \[uXXXX].
+function width(text) {
+  gsub(/[^ -~]/, "[uXXXX].", text)
+  return length(text)
+}
+
 # flush prints the paragraph collected so far: a new line after each sentence,
 # as mdoc wants it, and before a line gets longer than 80 bytes.
 function flush(    words, count, i, line) {
   count = split(roff(paragraph), words, " ")
   for (i = 1; i <= count; i++) {
-    if (line != "" && length(line " " words[i]) > 80) {
+    if (line != "" && width(line " " words[i]) > 80) {
       print line
       line = ""
     }
