@@ -17,7 +17,8 @@ struct BerStream;
 struct BerStreamOperations {
   // read blocks until exactly size bytes are in buffer.
   ErrorText (*read)(BerStream* stream, void* buffer, std::size_t size);
-  // write takes all bytes; the channel may hold them back until a flush or read.
+  // write takes all bytes; the channel may hold them back until a flush or
+  // read.
   ErrorText (*write)(BerStream* stream, const void* bytes, std::size_t size);
   // flush pushes written bytes out now.
   ErrorText (*flush)(BerStream* stream);

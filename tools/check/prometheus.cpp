@@ -26,11 +26,10 @@ std::string label(std::string_view name, std::string_view value) {
 // series: an address in the agent's place, and that of the server unless it
 // tells rows apart.
 std::string labels_of(const Row& row, bool with_address) {
-  std::string labels =
-      joined({label("agent", row.is_named ? row.agent : ""), ",",
-              label("server", row.server), ",",
-              label("port", std::to_string(row.port)), ",",
-              label("source", source_name(row.source))});
+  std::string labels = joined({label("agent", row.is_named ? row.agent : ""),
+                               ",", label("server", row.server), ",",
+                               label("port", std::to_string(row.port)), ",",
+                               label("source", source_name(row.source))});
   if (!with_address) return labels;
   return joined({labels, ",", label("address", row.address)});
 }
