@@ -3,7 +3,8 @@
 #
 #   scripts/bench.sh [NAME...]    which ones, as in bench/NAME_bench.cpp; all
 #
-# With names the tables are shown and the page stays as it is.
+# With names the tables are shown and the page stays as it is. What other scripts
+# measured stands behind a mark in the page and stays.
 #
 # A section is the comment that opens the source and a table. Benchmarks of one
 # case, beside each other in the table, have the same name but for who does the
@@ -14,6 +15,7 @@ set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 . scripts/packages.sh
 page=docs/benchmarks.md
+mark='<!-- From here on by other scripts. -->'
 folder=build/bench
 
 need_packages "${build_packages[@]}" jq libbenchmark-dev libgmp-dev \
@@ -70,4 +72,6 @@ for source in bench/*_bench.cpp; do
   echo "$name ..." >&2
   section "$name" >>"$work/page"
 done
+printf '\n' >>"$work/page"
+sed -n "\|^$mark\$|,\$p" "$page" >>"$work/page"
 mv "$work/page" "$page"
