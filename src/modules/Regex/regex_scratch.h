@@ -1,0 +1,31 @@
+// What one match at a time works with.
+#ifndef VELPROBE_MODULES_REGEX_REGEX_SCRATCH_H_
+#define VELPROBE_MODULES_REGEX_REGEX_SCRATCH_H_
+
+#include "regex_cut.h"
+
+namespace velprobe {
+
+// A node whose match is known, and whose groups are to be found.
+struct GroupItem {
+  std::uint32_t node;
+  std::size_t begin, end;
+};
+
+// Scratch stays with the program from one match to the next.
+struct Scratch {
+  Walker walker;
+  Dfa search;
+  Dfa back;
+  Simulation simulation;
+  SpanCutter cutter;
+  Array<GroupItem> items;
+  std::uint64_t steps = 0;  // of the last match: bytes read
+
+  [[nodiscard]] bool init(const RegexProgram& program);
+  std::size_t bytes() const;
+};
+
+}  // namespace velprobe
+
+#endif  // VELPROBE_MODULES_REGEX_REGEX_SCRATCH_H_
