@@ -129,5 +129,7 @@ void compare_random(unsigned seed, int rounds, bool backrefs) {
 
 TEST(RegexTest, AgreesWithTheDefinition) { compare_random(20261121, atoi(getenv("ROUNDS")?getenv("ROUNDS"):"3000"), false); }
 
+TEST(RegexTest, AgreesWithTheDefinitionOnBackReferences) { compare_random(872, atoi(getenv("ROUNDS")?getenv("ROUNDS"):"3000"), true); }
+
 }  // namespace
 }  // namespace velprobe

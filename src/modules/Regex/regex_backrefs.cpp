@@ -1,4 +1,318 @@
+#include "regex_backrefs.h"
+
+#include <algorithm>
+
 #include "regex_search.h"
+
 namespace velprobe {
-int match_backrefs(const Subject&, Scratch&, std::size_t, RegexSpan*, std::size_t) { return kRegexNoSpace; }
+namespace {
+
+// Comparing or reading this many bytes counts as one step of a search.
+constexpr std::uint64_t kBytesAStep = 64;
+
+}  // namespace
+
+void SeenSet::restart(std::size_t key_length, std::size_t budget) {
+  key_length_ = key_length;
+  budget_ = budget;
+  keys_.clear();
+  std::memset(static_cast<void*>(slots_.data()), 0,
+              slots_.size() * sizeof slots_[0]);
 }
+
+std::size_t SeenSet::slot_of(const std::size_t* key) const {
+  std::uint64_t hash = 0;
+  for (std::size_t i = 0; i < key_length_; ++i) {
+    hash = (hash ^ key[i]) * 0x9E3779B97F4A7C15U;
+    hash ^= hash >> 29;
+  }
+  std::size_t slot = hash % slots_.size();
+  for (; slots_[slot] != 0; slot = (slot + 1) % slots_.size()) {
+    const std::size_t* other = keys_.data() + (slots_[slot] - 1) * key_length_;
+    if (std::memcmp(other, key, key_length_ * sizeof *key) == 0) break;
+  }
+  return slot;
+}
+
+bool SeenSet::grow() {
+  const std::size_t size = slots_.empty() ? 64 : 2 * slots_.size();
+  const std::size_t keys = size / 2 * key_length_;
+  if (size * sizeof slots_[0] + keys * sizeof keys_[0] > budget_) return false;
+  if (!keys_.reserve(keys) || !slots_.resize(size)) return false;
+  std::memset(static_cast<void*>(slots_.data()), 0, size * sizeof slots_[0]);
+  const std::size_t count = keys_.size() / key_length_;
+  for (std::size_t i = 0; i < count; ++i) {
+    slots_[slot_of(keys_.data() + i * key_length_)] =
+        static_cast<std::uint32_t>(i + 1);
+  }
+  return true;
+}
+
+bool SeenSet::add(const Array<std::size_t>& key) {
+  const std::size_t count = keys_.size() / key_length_;
+  const bool full = 2 * (count + 1) > slots_.size() && !grow();
+  if (slots_.empty()) return true;
+  const std::size_t slot = slot_of(key.data());
+  if (slots_[slot] != 0) return false;
+  if (full) return true;
+  for (std::size_t part : key) {
+    if (!keys_.push(part)) {
+      keys_.shrink(count * key_length_);
+      return true;
+    }
+  }
+  slots_[slot] = static_cast<std::uint32_t>(count + 1);
+  return true;
+}
+
+bool equal_bytes(const Subject& subject, std::size_t a, std::size_t b,
+                 std::size_t length) {
+  const char* text = subject.text;
+  if (!(subject.program.flags & kRegexIgnoreCase)) {
+    return std::memcmp(text + a, text + b, length) == 0;
+  }
+  for (std::size_t i = 0; i < length; ++i) {
+    const std::uint8_t x = byte_at(text, a + i);
+    const std::uint8_t y = byte_at(text, b + i);
+    if (x == y) continue;
+    if ((x ^ y) != 0x20 || !is_ascii_letter(x)) return false;
+  }
+  return true;
+}
+
+bool WaySearch::init(const RegexProgram& program) {
+  if (program_ != nullptr) return true;
+  std::size_t count = 0;
+  for (std::uint32_t group = 0; group < 10; ++group) {
+    if (!(program.tree.referred >> group & 1)) continue;
+    first_register_[group] = count;
+    count += kNumRegisters;
+  }
+  if (!node_registers_.resize(program.tree.nodes.size())) return false;
+  for (Inst inst : program.code) {
+    if (inst.op() != Op::kIterated) continue;
+    std::uint32_t& number = node_registers_[inst.arg()];
+    if (number != 0) continue;
+    number = static_cast<std::uint32_t>(count++);
+    if (!watched_.push(inst.arg())) return false;
+  }
+  if (!registers_.resize(count) || !key_.resize(count + 2)) return false;
+  program_ = &program;
+  return true;
+}
+
+bool WaySearch::set(std::size_t number, std::size_t value) {
+  if (registers_[number] == value) return true;
+  if (!tasks_.push({kUndo, number, registers_[number]})) return false;
+  registers_[number] = value;
+  return true;
+}
+
+bool WaySearch::close(std::uint32_t group, std::size_t at) {
+  const std::size_t first = first_register_[group];
+  return set(first + kBegin, registers_[first + kOpened]) &&
+         set(first + kEnd, at);
+}
+
+bool WaySearch::reset(std::uint32_t node) {
+  const Node& repeat = program_->tree.nodes[node];
+  for (std::uint32_t group = repeat.first_group;
+       group < repeat.end_group && group < 10; ++group) {
+    if (!refers_to(group)) continue;
+    const std::size_t first = first_register_[group];
+    for (std::size_t i = 0; i < kNumRegisters; ++i) {
+      if (!set(first + i, kUnset)) return false;
+    }
+  }
+  // The repetitions within begin anew as well.
+  for (std::uint32_t inner : watched_) {
+    const Node& other = program_->tree.nodes[inner];
+    const bool within = inner < node &&
+                        other.first_group >= repeat.first_group &&
+                        other.end_group <= repeat.end_group;
+    if (within && !set(node_registers_[inner], kUnset)) return false;
+  }
+  return true;
+}
+
+// A watched register is twice the begin of the iteration, plus one in the first
+// iteration: only that may be null.
+bool WaySearch::iterate(std::uint32_t node, std::size_t at) {
+  const std::uint32_t number = node_registers_[node];
+  if (number == 0) return true;
+  const std::size_t first = registers_[number] == kUnset ? 1 : 0;
+  return set(number, 2 * at + first);
+}
+
+bool WaySearch::may_end_iteration(std::uint32_t node, std::size_t at) const {
+  const std::size_t begun = registers_[node_registers_[node]];
+  return (begun & 1) != 0 || begun / 2 != at;
+}
+
+bool WaySearch::take_backref(const Subject& subject, std::uint32_t group,
+                             std::size_t* at) {
+  const std::size_t begin = registers_[first_register_[group] + kBegin];
+  if (begin == kUnset) return false;
+  const std::size_t length =
+      registers_[first_register_[group] + kEnd] - begin;
+  if (length > subject.size - *at ||
+      !equal_bytes(subject, begin, *at, length)) {
+    return false;
+  }
+  *at += length;
+  *budget_ -= std::min<std::uint64_t>(*budget_, length / kBytesAStep);
+  return true;
+}
+
+bool WaySearch::is_new(std::size_t pc, std::size_t at) {
+  if (!seen_ready_) {
+    seen_.restart(key_.size(), program_->limits.memory / 2);
+    seen_ready_ = true;
+  }
+  key_[0] = pc;
+  key_[1] = at;
+  std::memcpy(key_.data() + 2, registers_.data(),
+              registers_.size() * sizeof registers_[0]);
+  return seen_.add(key_);
+}
+
+// Does one instruction. False when there is no way on.
+bool WaySearch::step(const Subject& subject, Inst inst, std::size_t* pc,
+                     std::size_t* at) {
+  const std::uint32_t arg = inst.arg();
+  ++*pc;
+  switch (inst.op()) {
+    case Op::kByte:
+      return *at < subject.size &&
+             program_->takes(inst, subject.class_at((*at)++));
+    case Op::kSplit:
+      if (!is_new(*pc, *at)) return false;
+      failed_ |= !tasks_.push({arg, *at, 0});
+      return true;
+    case Op::kJump:
+      *pc = arg;
+      return true;
+    case Op::kAssert:
+      return passes(arg, subject.place(*at));
+    case Op::kOpen:
+      if (refers_to(arg)) {
+        failed_ |= !set(first_register_[arg] + kOpened, *at);
+      }
+      return true;
+    case Op::kClose:
+      if (refers_to(arg)) failed_ |= !close(arg, *at);
+      return true;
+    case Op::kIterate:
+      failed_ |= !iterate(arg, *at);
+      [[fallthrough]];
+    case Op::kReset:
+      failed_ |= !reset(arg);
+      return true;
+    case Op::kIterated:
+      return may_end_iteration(arg, *at);
+    case Op::kBackref:
+      *pc = program_->backrefs[arg].end;
+      return take_backref(subject, program_->backrefs[arg].group, at);
+    default:
+      return true;
+  }
+}
+
+// Follows one way to its end. False to stop the whole search.
+bool WaySearch::follow(const Subject& subject, std::size_t pc,
+                       std::size_t at) {
+  for (;;) {
+    const Inst inst = program_->code[pc];
+    if (inst.op() == Op::kMatch) {
+      if (!found_ || at > end_) end_ = at;
+      found_ = true;
+      return !any_ && at < subject.size;
+    }
+    if (*budget_ == 0) return !(failed_ = true);
+    --*budget_;
+    if (!step(subject, inst, &pc, &at)) return true;
+    if (failed_) return false;
+  }
+}
+
+Outcome WaySearch::run(const Subject& subject, std::size_t begin, bool any,
+                       std::uint64_t* budget, std::size_t* out_end) {
+  budget_ = budget;
+  any_ = any;
+  found_ = failed_ = seen_ready_ = false;
+  for (std::size_t& value : registers_) value = kUnset;
+  tasks_.clear();
+  if (!tasks_.push({0, begin, 0})) return Outcome::kNoSpace;
+  while (!tasks_.empty()) {
+    const Task task = tasks_.back();
+    tasks_.pop();
+    if (task.pc == kUndo) {
+      registers_[task.at] = task.value;
+    } else if (!follow(subject, task.pc, task.at)) {
+      break;
+    }
+  }
+  *out_end = end_;
+  if (failed_) return Outcome::kNoSpace;
+  return found_ ? Outcome::kFound : Outcome::kNone;
+}
+
+namespace {
+
+// Where a match could begin next: the automata read a back-reference as
+// anything its group can match.
+Found find_candidate(const Subject& subject, Scratch& scratch,
+                     std::size_t begin, RegexSpan* out_span) {
+  return find_span(subject, scratch, begin, false, out_span);
+}
+
+Outcome search(const Subject& subject, Scratch& scratch, std::size_t begin,
+               bool any, std::uint64_t* budget, RegexSpan* out_span) {
+  for (std::size_t at = begin; at <= subject.size;) {
+    const std::uint64_t before = scratch.steps;
+    const Found found = find_candidate(subject, scratch, at, out_span);
+    if (found == Found::kNo) return Outcome::kNone;
+    if (found == Found::kNoSpace) return Outcome::kNoSpace;
+    const std::uint64_t cost = (scratch.steps - before) / kBytesAStep;
+    if (at != begin && cost > *budget) return Outcome::kNoSpace;
+    if (at != begin) *budget -= cost;
+    const auto last = static_cast<std::size_t>(out_span->end);
+    for (at = static_cast<std::size_t>(out_span->begin); at <= last; ++at) {
+      std::size_t end = 0;
+      const Outcome outcome =
+          scratch.ways.run(subject, at, any, budget, &end);
+      if (outcome == Outcome::kNone) continue;
+      *out_span = {static_cast<std::ptrdiff_t>(at),
+                   static_cast<std::ptrdiff_t>(end)};
+      return outcome;
+    }
+  }
+  return Outcome::kNone;
+}
+
+int result_of(Outcome outcome) {
+  if (outcome == Outcome::kFound) return 0;
+  return outcome == Outcome::kNone ? kRegexNoMatch : kRegexNoSpace;
+}
+
+}  // namespace
+
+int match_backrefs(const Subject& subject, Scratch& scratch, std::size_t begin,
+                   RegexSpan* spans, std::size_t num_spans) {
+  if (!scratch.ways.init(subject.program)) return kRegexNoSpace;
+  std::uint64_t budget = subject.program.limits.backref_steps;
+  RegexSpan span{};
+  const Outcome found =
+      search(subject, scratch, begin, num_spans == 0, &budget, &span);
+  scratch.steps += subject.program.limits.backref_steps - budget;
+  if (found != Outcome::kFound || num_spans == 0) return result_of(found);
+  for (std::size_t i = 1; i < num_spans; ++i) spans[i] = {-1, -1};
+  spans[0] = span;
+  if (num_spans == 1) return 0;
+  return result_of(find_parse(subject, scratch,
+                              static_cast<std::size_t>(span.begin),
+                              static_cast<std::size_t>(span.end), &budget,
+                              spans, num_spans));
+}
+
+}  // namespace velprobe

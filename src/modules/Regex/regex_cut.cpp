@@ -217,4 +217,38 @@ bool SpanCutter::matches_null(const Subject& subject, std::uint32_t node,
   return true;
 }
 
+bool SpanCutter::ends_of(const Subject& subject, std::uint32_t node,
+                         std::size_t from, std::size_t limit,
+                         Array<std::size_t>& ends) {
+  const std::size_t kept = ends.size();
+  const Part part = part_of(node);
+  const std::uint32_t number = number_of(forward_numbers_, forward_, node);
+  if (number == UINT32_MAX) return false;
+  Entry entry = forward_.initial(number, subject.place(from));
+  for (std::size_t at = from; entry < kThrashing; ++at) {
+    if (entry & kAccepts && !ends.push(at)) return false;
+    if (entry & kStops || at == limit) return true;
+    const Entry row = entry & kRowMask;
+    const std::uint32_t symbol = subject.symbol(at);
+    entry = forward_.table()[row + symbol];
+    if (entry == kUnknown) entry = forward_.step(row, symbol, 1);
+  }
+  ends.shrink(kept);
+  if (entry == kUnknown || !simulation_->init(*program_, *walker_)) {
+    return false;
+  }
+  simulation_->clear();
+  if (!simulation_->begin(part.first, part.last, subject.place(from))) {
+    return false;
+  }
+  for (std::size_t at = from;; ++at) {
+    if (simulation_->accepted() && !ends.push(at)) return false;
+    if (at == limit || simulation_->empty()) return true;
+    if (!simulation_->step(subject.class_at(at), part.last,
+                           subject.place(at + 1))) {
+      return false;
+    }
+  }
+}
+
 }  // namespace velprobe

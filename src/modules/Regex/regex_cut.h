@@ -43,6 +43,12 @@ class SpanCutter {
   [[nodiscard]] bool matches_null(const Subject& subject, std::uint32_t node,
                                   std::size_t at, bool* out_answer);
 
+  // ends_of appends to ends every place up to limit where a match of the node
+  // that begins at from can end, ascending.
+  [[nodiscard]] bool ends_of(const Subject& subject, std::uint32_t node,
+                             std::size_t from, std::size_t limit,
+                             Array<std::size_t>& ends);
+
   std::uint64_t steps = 0;
   std::size_t bytes() const;
 

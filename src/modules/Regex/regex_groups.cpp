@@ -181,11 +181,7 @@ bool GroupFinder::run(std::size_t begin, std::size_t end) {
 
 int find_groups(const Subject& subject, Scratch& scratch, RegexSpan span,
                 RegexSpan* spans, std::size_t num_spans) {
-  if (!scratch.cutter.init(subject.program, scratch.walker, scratch.back,
-                           scratch.simulation,
-                           subject.program.limits.memory / 16)) {
-    return kRegexNoSpace;
-  }
+  if (!scratch.init_cutter(subject.program)) return kRegexNoSpace;
   scratch.cutter.steps = 0;
   GroupFinder finder(subject, scratch, spans, num_spans);
   const bool good = finder.run(static_cast<std::size_t>(span.begin),

@@ -65,22 +65,6 @@ int result_of(Found found) {
   return found == Found::kNo ? kRegexNoMatch : kRegexNoSpace;
 }
 
-Found find_span(const Subject& subject, Scratch& scratch, std::size_t begin,
-                bool any, RegexSpan* out_span) {
-  std::size_t first = begin;
-  std::size_t end = begin;
-  Found found = find_end(subject, scratch, begin, any, &end);
-  if (found == Found::kYes && !any) {
-    found = find_begin(subject, scratch, begin, end, &first);
-  }
-  if (found == Found::kGivenUp) {
-    return simulate_search(subject, scratch, begin, any, out_span);
-  }
-  *out_span = {static_cast<std::ptrdiff_t>(first),
-               static_cast<std::ptrdiff_t>(end)};
-  return found;
-}
-
 int match_automata(const Subject& subject, Scratch& scratch, std::size_t begin,
                    RegexSpan* spans, std::size_t num_spans) {
   RegexSpan span{};
@@ -138,7 +122,7 @@ int regex_match(const Regex* regex, std::string_view text,
   const std::size_t known = regex->num_groups + 1;
   const std::size_t wanted = num_spans < known ? num_spans : known;
   const int result =
-      program.tree.has_backrefs
+      program.tree.referred != 0
           ? match_backrefs(subject, scratch, begin, out_spans, wanted)
           : match_automata(subject, scratch, begin, out_spans, wanted);
   if (result != 0) return result;

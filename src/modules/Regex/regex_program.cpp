@@ -66,17 +66,24 @@ bool Emitter::emit_list(const Task& task, const Node& node) {
 
 bool Emitter::emit_copy(const Task& task, const Node& node, std::uint32_t i,
                         std::uint32_t pc) {
-  if (node.holds_group()) {
-    put(pc++, Op::kIterate, static_cast<std::uint32_t>(task.node), task.plain);
+  if (!node.holds_group()) return push(node.child, pc, task, i == 0);
+  // Of the copies within the minimum only an unbounded last one runs again.
+  const bool unbounded = node.max == kUnbounded;
+  const bool watches = tree_.nodes[node.child].nullable &&
+                       (!unbounded || i + 1 >= node.value);
+  if (tree_.nodes[node.child].nullable) {
+    const bool checks = watches && (unbounded || i >= node.value);
+    put(pc + iteration_size(tree_, node) - 1, Op::kIterated, task.node,
+        task.plain || !checks);
   }
+  put(pc++, watches ? Op::kIterate : Op::kReset, task.node, task.plain);
   return push(node.child, pc, task, i == 0);
 }
 
 bool Emitter::emit_repeat(const Task& task, const Node& node) {
   if (node.max == 0) return true;
   const std::uint32_t end = task.pc + node.size;
-  const std::uint32_t body =
-      tree_.nodes[node.child].size + (node.holds_group() ? 1 : 0);
+  const std::uint32_t body = iteration_size(tree_, node);
   std::uint32_t pc = task.pc;
   const bool unbounded = node.max == kUnbounded;
   const std::uint32_t copies =
@@ -312,10 +319,16 @@ std::size_t RegexProgram::bytes() const {
          jumps.bytes() + marks.bytes() + class_sets.bytes() + backrefs.bytes();
 }
 
+std::uint32_t iteration_size(const Tree& tree, const Node& repeat) {
+  const Node& child = tree.nodes[repeat.child];
+  if (!child.holds_group()) return child.size;
+  return child.size + (child.nullable ? 2 : 1);
+}
+
 std::uint32_t copy_begin(const Tree& tree, const Node& repeat,
                          std::uint32_t i) {
   const std::uint32_t mark = repeat.holds_group() ? 1 : 0;
-  const std::uint32_t body = tree.nodes[repeat.child].size + mark;
+  const std::uint32_t body = iteration_size(tree, repeat);
   if (repeat.max == kUnbounded && i >= repeat.value) {
     i = repeat.value == 0 ? 0 : repeat.value - 1;
   }
@@ -325,8 +338,7 @@ std::uint32_t copy_begin(const Tree& tree, const Node& repeat,
 
 std::uint32_t iterations_end(const Tree& tree, const Node& repeat,
                              std::uint32_t i) {
-  const std::uint32_t body =
-      tree.nodes[repeat.child].size + (repeat.holds_group() ? 1 : 0);
+  const std::uint32_t body = iteration_size(tree, repeat);
   if (repeat.max == kUnbounded) i = std::min(i, repeat.value);
   const std::uint32_t splits = i < repeat.value ? 0 : i - repeat.value;
   return repeat.first + i * body + splits;

@@ -19,7 +19,9 @@ enum class Op : std::uint32_t {
   kAssert,   // passes where Assertion arg holds
   kOpen,     // group arg begins
   kClose,    // group arg ends
-  kIterate,  // an iteration of the repetition at node arg begins
+  kReset,    // the groups within node arg have taken no part so far
+  kIterate,  // kReset; an iteration that may not be null begins
+  kIterated,  // that iteration of node arg ends
   kBackref,  // backrefs[arg] is taken, or what follows stands for it
   kNop,
 };
@@ -122,6 +124,10 @@ struct RegexProgram {
 
 // program_build makes the program of program.tree. Returns 0 or kRegexNoSpace.
 int program_build(RegexProgram& program);
+
+// The instructions of one iteration of a repetition: with groups within it
+// begins with kReset or kIterate, and ends with kIterated if it could be null.
+std::uint32_t iteration_size(const Tree& tree, const Node& repeat);
 
 // Copies of the body of a repetition: where copy i (from 0) begins, and where
 // the program stands when i iterations (from 1) are done.

@@ -2,6 +2,7 @@
 #ifndef VELPROBE_MODULES_REGEX_REGEX_SCRATCH_H_
 #define VELPROBE_MODULES_REGEX_REGEX_SCRATCH_H_
 
+#include "regex_backrefs.h"
 #include "regex_cut.h"
 
 namespace velprobe {
@@ -19,10 +20,16 @@ struct Scratch {
   Dfa back;
   Simulation simulation;
   SpanCutter cutter;
+  WaySearch ways;
   Array<GroupItem> items;
   std::uint64_t steps = 0;  // of the last match: bytes read
 
   [[nodiscard]] bool init(const RegexProgram& program);
+  // Before the cutter's first use.
+  [[nodiscard]] bool init_cutter(const RegexProgram& program) {
+    return cutter.init(program, walker, back, simulation,
+                       program.limits.memory / 16);
+  }
   std::size_t bytes() const;
 };
 

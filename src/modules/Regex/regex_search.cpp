@@ -119,4 +119,20 @@ Found find_begin(const Subject& subject, Scratch& scratch, std::size_t begin,
   return Found::kYes;
 }
 
+Found find_span(const Subject& subject, Scratch& scratch, std::size_t begin,
+                bool any, RegexSpan* out_span) {
+  std::size_t first = begin;
+  std::size_t end = begin;
+  Found found = find_end(subject, scratch, begin, any, &end);
+  if (found == Found::kYes && !any) {
+    found = find_begin(subject, scratch, begin, end, &first);
+  }
+  if (found == Found::kGivenUp) {
+    return simulate_search(subject, scratch, begin, any, out_span);
+  }
+  *out_span = {static_cast<std::ptrdiff_t>(first),
+               static_cast<std::ptrdiff_t>(end)};
+  return found;
+}
+
 }  // namespace velprobe

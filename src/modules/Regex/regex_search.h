@@ -23,6 +23,11 @@ Found find_begin(const Subject& subject, Scratch& scratch, std::size_t begin,
 Found simulate_search(const Subject& subject, Scratch& scratch,
                       std::size_t begin, bool any, RegexSpan* out_span);
 
+// find_span does all that; with any only whether there is a match is known, and
+// *out_span is without meaning.
+Found find_span(const Subject& subject, Scratch& scratch, std::size_t begin,
+                bool any, RegexSpan* out_span);
+
 // find_groups fills in the spans of the groups numbered 1 to num_spans - 1 of
 // the match span; they are -1 before. Returns 0 or kRegexNoSpace.
 int find_groups(const Subject& subject, Scratch& scratch, RegexSpan span,

@@ -2,6 +2,7 @@
 #include <algorithm>
 
 #include "regex_parse.h"
+#include "regex_program.h"
 
 namespace velprobe {
 namespace {
@@ -27,7 +28,7 @@ bool is_simple_repeat(std::uint32_t min, std::uint32_t max) {
 
 void size_repeat(const Tree& tree, Node& node) {
   const Node& child = tree.nodes[node.child];
-  const std::uint64_t body = child.size + (child.holds_group() ? 1ULL : 0ULL);
+  const std::uint64_t body = iteration_size(tree, node);
   const std::uint64_t min = node.value;
   if (node.max == 0) {
     node.size = 0;
@@ -62,6 +63,7 @@ void add_child(Node& list, const Node& child, bool is_first) {
     list.end_group = child.end_group;
   }
   list.only_null &= child.only_null;
+  list.has_backref |= child.has_backref;
   list.size = clamp_size(std::uint64_t{list.size} + child.size +
                          (is_alt && !is_first ? 2 : 0));
   if (!is_alt) {
@@ -147,6 +149,7 @@ std::uint32_t make_repeat(Tree& tree, std::uint32_t child, std::uint32_t min,
   }
   node.nullable = min == 0 || inner.nullable;
   node.only_null = max == 0 || inner.only_null;
+  node.has_backref = inner.has_backref;
   size_repeat(tree, node);
   return push_node(tree, node);
 }
@@ -168,7 +171,9 @@ std::uint32_t make_group(Tree& tree, std::uint32_t child,
 // match, so it is one instruction larger than that.
 std::uint32_t make_backref(Tree& tree, std::uint32_t number) {
   const Node& group = tree.nodes[tree.groups[number]];
+  tree.referred |= 1U << number;
   Node node;
+  node.has_backref = true;
   node.kind = NodeKind::kBackref;
   node.value = number;
   node.child = tree.groups[number];
@@ -176,7 +181,6 @@ std::uint32_t make_backref(Tree& tree, std::uint32_t number) {
   node.only_null = group.only_null;
   node.length = kVaries;
   node.size = clamp_size(group.size + 1ULL);
-  tree.has_backrefs = true;
   return push_node(tree, node);
 }
 

@@ -36,6 +36,7 @@ struct Node {
   NodeKind kind = NodeKind::kEmpty;
   bool nullable = true;      // can match the null string
   bool only_null = true;     // can match nothing else
+  bool has_backref = false;  // is or holds one
   std::uint32_t value = 0;
   std::uint32_t max = 0;
   std::uint32_t child = kNoNode;
@@ -57,7 +58,7 @@ struct Tree {
   // The node of each group by its number; kNoNode where none was kept.
   Array<std::uint32_t> groups;
   std::uint32_t root = 0;
-  bool has_backrefs = false;
+  std::uint32_t referred = 0;  // one bit for each group referred to
   bool has_assertions = false;
 };
 
