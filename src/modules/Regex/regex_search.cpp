@@ -14,15 +14,22 @@ struct Run {
   const Subject& subject;
   Entry row;
   std::size_t at;
+  std::size_t from;  // where reading began,
+  std::size_t read;  // and how much was read before
   std::size_t accepted;  // the last place where a match could end
   bool any_accepted;
+
+  void accept(std::size_t place) {
+    accepted = place;
+    any_accepted = true;
+  }
 };
 
 // Follows known transitions up to the place stop, which is before the text's
-// last byte when symbols tell what lies beyond. Returns the first entry from
-// stopping on, with run.at behind its byte and run.row before it.
+// last byte when symbols tell what lies beyond. Returns the first entry with one
+// of the given bits, with run.at behind its byte and run.row before it.
 template <bool kAhead>
-Entry follow(Run& run, const Entry* table, std::size_t stop, Entry stopping) {
+Entry follow(Run& run, const Entry* table, std::size_t stop, Entry bits) {
   const Alphabet& alphabet = run.subject.program.alphabet;
   const char* text = run.subject.text;
   std::size_t at = run.at;
@@ -35,10 +42,9 @@ Entry follow(Run& run, const Entry* table, std::size_t stop, Entry stopping) {
     }
     entry = table[row + symbol];
     ++at;
-    if (entry >= kAccepts) {
-      if (entry >= stopping) break;
-      run.accepted = at;
-      run.any_accepted = true;
+    if (entry > kRowMask) {
+      if (entry & bits) break;
+      if (entry & kAccepts) run.accept(at);
       entry &= kRowMask;
     }
     row = entry;
@@ -48,30 +54,51 @@ Entry follow(Run& run, const Entry* table, std::size_t stop, Entry stopping) {
   return entry;
 }
 
-// One step over the byte at run.at; also makes a state that follow missed.
-Entry step_once(Run& run, Dfa& dfa, std::uint64_t moved) {
-  const std::uint32_t symbol = run.subject.symbol(run.at++);
-  const Entry known = dfa.table()[run.row + symbol];
-  return known != kUnknown ? known : dfa.step(run.row, symbol, moved);
-}
-
-Entry advance(Run& run, Dfa& dfa, bool any, std::size_t* counted) {
+// Moves on until a state needs a look; the entry is that of the state at
+// run.at.
+Entry advance(Run& run, Dfa& dfa, Entry bits, std::size_t* counted) {
   const Subject& subject = run.subject;
   const Alphabet& alphabet = subject.program.alphabet;
   const bool looks_ahead = alphabet.num_symbols != alphabet.num_classes;
   const std::size_t stop = subject.size - (looks_ahead ? 1 : 0);
-  const Entry stopping = any ? kAccepts : kRare;
-  Entry entry = alphabet.edges_only
-                    ? follow<false>(run, dfa.table(), stop, stopping)
-                    : follow<true>(run, dfa.table(), stop, stopping);
+  const Entry entry = alphabet.edges_only
+                          ? follow<false>(run, dfa.table(), stop, bits)
+                          : follow<true>(run, dfa.table(), stop, bits);
   if (entry == kUnknown) {
     --run.at;
-  } else if (entry >= stopping || run.at == subject.size) {
+  } else if (entry & bits || run.at == subject.size) {
     return entry;
   }
-  entry = step_once(run, dfa, run.at - *counted);
+  const std::uint32_t symbol = subject.symbol(run.at++);
+  const Entry known = dfa.table()[run.row + symbol];
+  if (known != kUnknown) return known;
+  const std::size_t moved = run.at - *counted;
   *counted = run.at;
-  return entry;
+  return dfa.step(run.row, symbol, moved);
+}
+
+// Skips to where a match could begin. False when none can. Gives up when it
+// does not get far.
+bool skip(Run& run, Scratch& scratch, Hint& hint, Entry* entry,
+          std::size_t* counted) {
+  constexpr std::size_t kTries = 32;
+  constexpr std::size_t kWorthwhile = 12;
+  const Subject& subject = run.subject;
+  const std::size_t at =
+      scratch.finder.next(subject.text, subject.size, run.at, hint);
+  if (at == Finder::kNone) return false;
+  const std::size_t moved = at - run.at;
+  hint.passed += moved;
+  if (++hint.tries % kTries == 0) {
+    hint.useless = hint.passed < kTries * kWorthwhile;
+    hint.passed = 0;
+  }
+  if (moved == 0) return true;
+  scratch.steps += moved / 16;
+  run.read += run.at - run.from;
+  run.at = run.from = *counted = at;
+  *entry = scratch.search.initial(0, subject.place(at));
+  return true;
 }
 
 }  // namespace
@@ -79,21 +106,32 @@ Entry advance(Run& run, Dfa& dfa, bool any, std::size_t* counted) {
 Found find_end(const Subject& subject, Scratch& scratch, std::size_t begin,
                bool any, std::size_t* out_end) {
   Dfa& dfa = scratch.search;
-  Run run{subject, 0, begin, 0, false};
+  Hint hint;
+  if (!scratch.finder.may_match(subject.text, subject.size, begin, hint)) {
+    return Found::kNo;
+  }
+  Run run{subject, 0, begin, begin, 0, 0, false};
+  const Entry always = kStops | (any ? kAccepts : 0);
+  Entry bits = always | (scratch.finder.skips() ? kStart : 0);
   std::size_t counted = begin;
   Entry entry = dfa.initial(0, subject.place(begin));
   for (;;) {
     if (entry >= kThrashing) return failure_of(entry);
     if (entry & kAccepts) {
-      run.accepted = run.at;
-      run.any_accepted = true;
+      run.accept(run.at);
       if (any) break;
     }
-    if (entry & kStops || run.at == subject.size) break;
+    if (entry & kStops) break;
+    if (entry & bits & kStart) {
+      if (!skip(run, scratch, hint, &entry, &counted)) break;
+      if (hint.useless) bits = always;
+      if (entry & (kStops | kAccepts)) continue;
+    }
+    if (run.at == subject.size) break;
     run.row = entry & kRowMask;
-    entry = advance(run, dfa, any, &counted);
+    entry = advance(run, dfa, bits, &counted);
   }
-  scratch.steps += run.at - begin;
+  scratch.steps += run.read + run.at - run.from;
   *out_end = run.accepted;
   return run.any_accepted ? Found::kYes : Found::kNo;
 }
@@ -119,8 +157,27 @@ Found find_begin(const Subject& subject, Scratch& scratch, std::size_t begin,
   return Found::kYes;
 }
 
+namespace {
+
+Found find_literal(const Subject& subject, Scratch& scratch, std::size_t begin,
+                   std::size_t length, RegexSpan* out_span) {
+  Hint hint;
+  const std::size_t at =
+      scratch.finder.next(subject.text, subject.size, begin, hint);
+  if (at == Finder::kNone) return Found::kNo;
+  scratch.steps += (at - begin) / 16 + length;
+  *out_span = {static_cast<std::ptrdiff_t>(at),
+               static_cast<std::ptrdiff_t>(at + length)};
+  return Found::kYes;
+}
+
+}  // namespace
+
 Found find_span(const Subject& subject, Scratch& scratch, std::size_t begin,
                 bool any, RegexSpan* out_span) {
+  if (const std::size_t length = scratch.finder.literal_length()) {
+    return find_literal(subject, scratch, begin, length, out_span);
+  }
   std::size_t first = begin;
   std::size_t end = begin;
   Found found = find_end(subject, scratch, begin, any, &end);
