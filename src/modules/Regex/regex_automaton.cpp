@@ -233,6 +233,11 @@ void Dfa::forget() {
   moved_ = 0;
 }
 
+void Dfa::tag_start(bool tags) {
+  tags_start_ = tags;
+  forget();
+}
+
 void Dfa::make_room() {
   const std::size_t used =
       table_.size() * sizeof(Entry) + states_.size() * sizeof(State) +
@@ -267,7 +272,9 @@ Entry Dfa::add_state(std::uint32_t part, std::uint32_t hash) {
   state.asked_mark = UINT32_MAX;
   state.tagged = static_cast<Entry>(row) | (accepts_ ? kAccepts : 0);
   const bool has_pcs = num_pcs_ != 0;
-  if (!has_pcs) state.tagged |= start_place_ == kNoStart ? kStops : kStart;
+  const bool starts = start_place_ != kNoStart;
+  if (!has_pcs && !starts) state.tagged |= kStops;
+  if (!has_pcs && starts && tags_start_) state.tagged |= kStart;
   const std::size_t new_row = std::size_t{1} << shift_;
   if (!sets_.reserve(std::max(state.set + members_.size(),
                               state.set + members_.size() > sets_.capacity()

@@ -87,6 +87,8 @@ class Dfa {
   Entry step(Entry row, std::uint32_t symbol, std::uint64_t moved);
 
   const Entry* table() const { return table_.data(); }
+  // Whether states where nothing is under way have kStart. Forgets all states.
+  void tag_start(bool tags);
   // While pinned, no state is forgotten.
   void pin(bool pinned) { pinned_ = pinned; }
   // make_room forgets all states when more than half the room is in use.
@@ -158,6 +160,7 @@ class Dfa {
   Array<Part> parts_;
   StartSet starts_[kNumPlaces];
   bool pinned_ = false;
+  bool tags_start_ = false;
   std::uint32_t generation_ = 0;
   std::uint64_t moved_ = 0;  // since states were last forgotten
 

@@ -45,22 +45,13 @@ std::uint32_t SpanCutter::number_of(Array<std::uint32_t>& numbers, Dfa& dfa,
 
 // Runs the node back from the end of the span to its begin. Not done when the
 // states do not help.
-bool SpanCutter::run_back(std::uint32_t part, bool keep, bool* out_done) {
-  const Subject& subject = *subject_;
+bool SpanCutter::keep_rows(std::uint32_t part, bool keep, bool* out_done) {
   std::size_t at = end_;
-  std::size_t counted = end_;
-  Entry entry = back_->initial(part, subject.place(at));
-  for (;;) {
-    if (entry >= kThrashing) break;
-    if (keep || at == begin_) rows_[keep ? at - begin_ : 0] = entry & kRowMask;
-    if (at == begin_) break;
-    const Entry row = entry & kRowMask;
-    const std::uint32_t symbol = subject.symbol_back(at--);
-    entry = back_->table()[row + symbol];
-    if (entry != kUnknown) continue;
-    entry = back_->step(row, symbol, counted - at);
-    counted = at;
-  }
+  std::size_t accepted = 0;
+  Entry* kept = keep ? rows_.data() - begin_ : nullptr;
+  const Entry entry =
+      run_back(*subject_, *back_, part, begin_, &at, kept, &accepted);
+  if (!keep && entry < kThrashing) rows_[0] = entry & kRowMask;
   steps += end_ - at;
   *out_done = entry < kThrashing;
   return entry != kUnknown;
@@ -88,7 +79,7 @@ bool SpanCutter::prepare(const Subject& subject, std::uint32_t node,
   }
   back_->pin(true);
   bool done = false;
-  const bool good = run_back(part, keep, &done);
+  const bool good = keep_rows(part, keep, &done);
   back_->pin(false);
   return good && (done || simulate());
 }

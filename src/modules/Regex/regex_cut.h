@@ -14,6 +14,14 @@ struct Piece {
   std::uint32_t rest;   // where the program goes on behind it
 };
 
+// run_back runs a part back from *at to begin or to where it stops, and leaves
+// *at there. It stores the state at each place p in kept[p], when not null, and
+// the last place where the part could begin in *accepted. Returns the last
+// state's entry, or kUnknown or kThrashing as Dfa::step.
+Entry run_back(const Subject& subject, Dfa& dfa, std::uint32_t part,
+               std::size_t begin, std::size_t* at, Entry* kept,
+               std::size_t* accepted);
+
 // SpanCutter answers for one node and one span at a time where its parts end.
 // It runs the node back over the span and keeps the states; then each piece
 // runs forwards, and the last place where it may end and the rest fits is the
@@ -67,7 +75,7 @@ class SpanCutter {
   Part part_of(std::uint32_t node) const;
   std::uint32_t number_of(Array<std::uint32_t>& numbers, Dfa& dfa,
                           std::uint32_t node);
-  [[nodiscard]] bool run_back(std::uint32_t part, bool keep, bool* out_done);
+  [[nodiscard]] bool keep_rows(std::uint32_t part, bool keep, bool* out_done);
   [[nodiscard]] bool simulate();
   bool meet(Entry forward, std::size_t at, std::uint32_t shift);
   bool find_meeting(Entry forward, Entry backward, std::uint32_t shift,

@@ -61,19 +61,33 @@ void pick_rare(Needle& needle) {
   needle.frequency = frequency_at(needle, best);
 }
 
+// Whether a set is letters only, each in both cases.
+bool folds_case(const ByteSet& set) {
+  bool folds = true;
+  set.for_each([&](std::uint8_t byte) {
+    folds &= is_ascii_letter(byte) && set.has(byte ^ 0x20);
+  });
+  return folds;
+}
+
 }  // namespace
 
 bool ByteFinder::set(const ByteSet& bytes) {
   set_ = bytes;
+  ByteSet ranges = bytes;
+  folds_ = folds_case(bytes);
+  for (unsigned byte = 'A'; folds_ && byte <= 'Z'; ++byte) {
+    ranges.remove(static_cast<std::uint8_t>(byte));
+  }
   int frequency = 0;
   bytes.for_each([&](std::uint8_t byte) { frequency += frequency_of(byte); });
   if (frequency > kFrequentSet) return false;
   num_ranges_ = 0;
   for (unsigned byte = 0; byte < 256; ++byte) {
-    if (!bytes.has(static_cast<std::uint8_t>(byte))) continue;
+    if (!ranges.has(static_cast<std::uint8_t>(byte))) continue;
     if (num_ranges_ == kMaxRanges) return false;
     const unsigned first = byte;
-    while (byte < 255 && bytes.has(static_cast<std::uint8_t>(byte + 1))) ++byte;
+    while (byte < 255 && ranges.has(static_cast<std::uint8_t>(byte + 1))) ++byte;
     first_[num_ranges_] = static_cast<std::uint8_t>(first);
     width_[num_ranges_++] = static_cast<std::uint8_t>(byte - first);
   }
@@ -89,9 +103,10 @@ std::size_t ByteFinder::find(const char* text, std::size_t size,
     first[i] = _mm_set1_epi8(static_cast<char>(first_[i]));
     width[i] = _mm_set1_epi8(static_cast<char>(width_[i]));
   }
+  const __m128i fold = _mm_set1_epi8(folds_ ? 0x20 : 0);
   for (; size - at >= 16; at += 16) {
-    const __m128i bytes =
-        _mm_loadu_si128(reinterpret_cast<const __m128i*>(text + at));
+    const __m128i bytes = _mm_or_si128(
+        _mm_loadu_si128(reinterpret_cast<const __m128i*>(text + at)), fold);
     __m128i hit = _mm_setzero_si128();
     for (int i = 0; i < num_ranges_; ++i) {
       const __m128i off = _mm_sub_epi8(bytes, first[i]);

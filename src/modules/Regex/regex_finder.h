@@ -40,6 +40,7 @@ class ByteFinder {
   std::uint8_t first_[kMaxRanges] = {};
   std::uint8_t width_[kMaxRanges] = {};
   int num_ranges_ = 0;
+  bool folds_ = false;  // the ranges are of lower-case letters, for both cases
 };
 
 // Hint is what is known about one text so far.
@@ -51,7 +52,6 @@ struct Hint {
   std::size_t skipped = 0;  // and how many bytes lay before them
   std::size_t tries = 0;    // of the search to skip,
   std::size_t passed = 0;   // and how many bytes it did not read
-  bool useless = false;     // the last ones got nowhere
 };
 
 // Finder knows where a match could begin.

@@ -179,8 +179,39 @@ bool GroupFinder::run(std::size_t begin, std::size_t end) {
 
 }  // namespace
 
+Found find_by_one_pass(const Subject& subject, Scratch& scratch,
+                       std::size_t begin, RegexSpan* out_span,
+                       RegexSpan* spans, std::size_t num_spans) {
+  OnePass& one_pass = scratch.one_pass;
+  const std::size_t budget = subject.program.limits.memory / 16;
+  if (!one_pass.useful()) return Found::kGivenUp;
+  if (!one_pass.init(subject.program, budget)) return Found::kNoSpace;
+  Hint hint;
+  std::size_t first = begin;
+  if (scratch.finder.skips()) {
+    first = scratch.finder.next(subject.text, subject.size, begin, hint);
+    if (first == Finder::kNone) return Found::kNo;
+  }
+  std::size_t end = first;
+  const Found found = one_pass.run(subject, first, subject.size, false, &end,
+                                   spans, num_spans);
+  scratch.steps += one_pass.steps;
+  *out_span = {static_cast<std::ptrdiff_t>(first),
+               static_cast<std::ptrdiff_t>(end)};
+  return found;
+}
+
 int find_groups(const Subject& subject, Scratch& scratch, RegexSpan span,
                 RegexSpan* spans, std::size_t num_spans) {
+  if (scratch.one_pass.useful()) {
+    auto end = static_cast<std::size_t>(span.end);
+    const Found found =
+        scratch.one_pass.run(subject, static_cast<std::size_t>(span.begin),
+                             end, true, &end, spans, num_spans);
+    scratch.steps += scratch.one_pass.steps;
+    if (found == Found::kYes) return 0;
+    for (std::size_t i = 1; i < num_spans; ++i) spans[i] = {-1, -1};
+  }
   if (!scratch.init_cutter(subject.program)) return kRegexNoSpace;
   scratch.cutter.steps = 0;
   GroupFinder finder(subject, scratch, spans, num_spans);

@@ -8,8 +8,14 @@ namespace velprobe {
 bool Scratch::init(const RegexProgram& program) {
   // Arrays may take twice what they use, so the budgets add up to a half.
   const std::size_t memory = program.limits.memory;
-  return walker.init(program) && finder.init(program, walker) &&
-         search.init(program, walker, Direction::kSearch, memory / 4) &&
+  if (!walker.init(program) || !finder.init(program, walker)) {
+    return false;
+  }
+  if (!search.init(program, walker, Direction::kSearch, memory / 4)) {
+    return false;
+  }
+  search.tag_start(finder.skips());
+  return
          back.init(program, walker, Direction::kBackward, memory / 16 * 3);
 }
 
@@ -68,6 +74,11 @@ int result_of(Found found) {
 int match_automata(const Subject& subject, Scratch& scratch, std::size_t begin,
                    RegexSpan* spans, std::size_t num_spans) {
   RegexSpan span{};
+  if (num_spans > 1 && find_by_one_pass(subject, scratch, begin, &span, spans,
+                                        num_spans) == Found::kYes) {
+    spans[0] = span;
+    return 0;
+  }
   const Found found =
       find_span(subject, scratch, begin, num_spans == 0, &span);
   if (found != Found::kYes || num_spans == 0) return result_of(found);

@@ -5,6 +5,7 @@
 #include "regex_backrefs.h"
 #include "regex_cut.h"
 #include "regex_finder.h"
+#include "regex_one_pass.h"
 
 namespace velprobe {
 
@@ -22,6 +23,7 @@ struct Scratch {
   Dfa back;
   Simulation simulation;
   SpanCutter cutter;
+  OnePass one_pass;
   WaySearch ways;
   Array<GroupItem> items;
   std::uint64_t steps = 0;  // of the last match: bytes read

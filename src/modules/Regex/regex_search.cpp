@@ -33,6 +33,7 @@ Entry follow(Run& run, const Entry* table, std::size_t stop, Entry bits) {
   const Alphabet& alphabet = run.subject.program.alphabet;
   const char* text = run.subject.text;
   std::size_t at = run.at;
+  std::size_t accepted = SIZE_MAX;
   Entry row = run.row;
   Entry entry = row;
   while (at < stop) {
@@ -44,11 +45,12 @@ Entry follow(Run& run, const Entry* table, std::size_t stop, Entry bits) {
     ++at;
     if (entry > kRowMask) {
       if (entry & bits) break;
-      if (entry & kAccepts) run.accept(at);
+      if (entry & kAccepts) accepted = at;
       entry &= kRowMask;
     }
     row = entry;
   }
+  if (accepted != SIZE_MAX) run.accept(accepted);
   run.at = at;
   run.row = row;
   return entry;
@@ -82,7 +84,7 @@ Entry advance(Run& run, Dfa& dfa, Entry bits, std::size_t* counted) {
 bool skip(Run& run, Scratch& scratch, Hint& hint, Entry* entry,
           std::size_t* counted) {
   constexpr std::size_t kTries = 32;
-  constexpr std::size_t kWorthwhile = 12;
+  constexpr std::size_t kWorthwhile = 24;
   const Subject& subject = run.subject;
   const std::size_t at =
       scratch.finder.next(subject.text, subject.size, run.at, hint);
@@ -90,10 +92,9 @@ bool skip(Run& run, Scratch& scratch, Hint& hint, Entry* entry,
   const std::size_t moved = at - run.at;
   hint.passed += moved;
   if (++hint.tries % kTries == 0) {
-    hint.useless = hint.passed < kTries * kWorthwhile;
+    if (hint.passed < kTries * kWorthwhile) scratch.search.tag_start(false);
     hint.passed = 0;
   }
-  if (moved == 0) return true;
   scratch.steps += moved / 16;
   run.read += run.at - run.from;
   run.at = run.from = *counted = at;
@@ -103,6 +104,66 @@ bool skip(Run& run, Scratch& scratch, Hint& hint, Entry* entry,
 
 }  // namespace
 
+// Follows known transitions back to stop, which is behind the text's first byte
+// when symbols tell what lies before. Returns the first entry that is unknown or
+// stops, with *at before its byte and *row behind it.
+template <bool kAhead>
+Entry follow_back(const Subject& subject, const Entry* table, std::size_t stop,
+                  std::size_t* at, Entry* row, Entry* kept,
+                  std::size_t* accepted) {
+  const Alphabet& alphabet = subject.program.alphabet;
+  std::size_t place = *at;
+  Entry entry = *row;
+  while (place > stop) {
+    std::uint32_t symbol =
+        alphabet.class_of[byte_at(subject.text, place - 1)];
+    if constexpr (kAhead) {
+      symbol += alphabet.offset_of_byte[byte_at(subject.text, place - 2)];
+    }
+    const Entry next = table[*row + symbol];
+    if (next == kUnknown) {
+      entry = kUnknown;
+      break;
+    }
+    entry = next;
+    --place;
+    *row = entry & kRowMask;
+    if (entry & kAccepts) *accepted = place;
+    if (kept != nullptr) kept[place] = *row;
+    if (entry & kStops) break;
+  }
+  *at = place;
+  return entry;
+}
+
+Entry run_back(const Subject& subject, Dfa& dfa, std::uint32_t part,
+               std::size_t begin, std::size_t* at, Entry* kept,
+               std::size_t* accepted) {
+  const Alphabet& alphabet = subject.program.alphabet;
+  const bool looks_ahead = alphabet.num_symbols != alphabet.num_classes;
+  const std::size_t stop = std::max<std::size_t>(begin, looks_ahead ? 1 : 0);
+  Entry entry = dfa.initial(part, subject.place(*at));
+  for (std::size_t counted = *at;;) {
+    if (entry >= kThrashing) return entry;
+    Entry row = entry & kRowMask;
+    if (entry & kAccepts) *accepted = *at;
+    if (kept != nullptr) kept[*at] = row;
+    if (entry & kStops || *at == begin) return entry;
+    entry = alphabet.edges_only
+                ? follow_back<false>(subject, dfa.table(), stop, at, &row,
+                                     kept, accepted)
+                : follow_back<true>(subject, dfa.table(), stop, at, &row, kept,
+                                    accepted);
+    if ((entry != kUnknown && entry & kStops) || *at == begin) return entry;
+    const std::uint32_t symbol = subject.symbol_back(*at);
+    --*at;
+    entry = dfa.table()[row + symbol];
+    if (entry != kUnknown) continue;
+    entry = dfa.step(row, symbol, counted - *at);
+    counted = *at;
+  }
+}
+
 Found find_end(const Subject& subject, Scratch& scratch, std::size_t begin,
                bool any, std::size_t* out_end) {
   Dfa& dfa = scratch.search;
@@ -111,8 +172,7 @@ Found find_end(const Subject& subject, Scratch& scratch, std::size_t begin,
     return Found::kNo;
   }
   Run run{subject, 0, begin, begin, 0, 0, false};
-  const Entry always = kStops | (any ? kAccepts : 0);
-  Entry bits = always | (scratch.finder.skips() ? kStart : 0);
+  const Entry bits = kStops | kStart | (any ? kAccepts : 0);
   std::size_t counted = begin;
   Entry entry = dfa.initial(0, subject.place(begin));
   for (;;) {
@@ -122,9 +182,8 @@ Found find_end(const Subject& subject, Scratch& scratch, std::size_t begin,
       if (any) break;
     }
     if (entry & kStops) break;
-    if (entry & bits & kStart) {
+    if (entry & kStart) {
       if (!skip(run, scratch, hint, &entry, &counted)) break;
-      if (hint.useless) bits = always;
       if (entry & (kStops | kAccepts)) continue;
     }
     if (run.at == subject.size) break;
@@ -138,23 +197,13 @@ Found find_end(const Subject& subject, Scratch& scratch, std::size_t begin,
 
 Found find_begin(const Subject& subject, Scratch& scratch, std::size_t begin,
                  std::size_t end, std::size_t* out_begin) {
-  Dfa& dfa = scratch.back;
+  *out_begin = begin;
+  if (subject.program.anchored || begin == end) return Found::kYes;
   std::size_t at = end;
-  std::size_t counted = end;
-  Entry entry = dfa.initial(0, subject.place(end));
-  for (;;) {
-    if (entry >= kThrashing) return failure_of(entry);
-    if (entry & kAccepts) *out_begin = at;
-    if (entry & kStops || at == begin) break;
-    const Entry row = entry & kRowMask;
-    const std::uint32_t symbol = subject.symbol_back(at--);
-    entry = dfa.table()[row + symbol];
-    if (entry != kUnknown) continue;
-    entry = dfa.step(row, symbol, counted - at);
-    counted = at;
-  }
+  const Entry entry =
+      run_back(subject, scratch.back, 0, begin, &at, nullptr, out_begin);
   scratch.steps += end - at;
-  return Found::kYes;
+  return entry < kThrashing ? Found::kYes : failure_of(entry);
 }
 
 namespace {

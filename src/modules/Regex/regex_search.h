@@ -6,9 +6,6 @@
 
 namespace velprobe {
 
-// The outcome of a run.
-enum class Found { kYes, kNo, kNoSpace, kGivenUp };
-
 // find_end finds the end of the leftmost and longest match at or behind begin;
 // any asks only whether there is one. No byte is read twice.
 Found find_end(const Subject& subject, Scratch& scratch, std::size_t begin,
@@ -27,6 +24,12 @@ Found simulate_search(const Subject& subject, Scratch& scratch,
 // *out_span is without meaning.
 Found find_span(const Subject& subject, Scratch& scratch, std::size_t begin,
                 bool any, RegexSpan* out_span);
+
+// find_by_one_pass tries the place where a match could first begin: *out_span
+// and the spans of the groups are set on kYes. Otherwise nothing is known.
+Found find_by_one_pass(const Subject& subject, Scratch& scratch,
+                       std::size_t begin, RegexSpan* out_span,
+                       RegexSpan* spans, std::size_t num_spans);
 
 // find_groups fills in the spans of the groups numbered 1 to num_spans - 1 of
 // the match span; they are -1 before. Returns 0 or kRegexNoSpace.

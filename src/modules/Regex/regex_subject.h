@@ -6,6 +6,9 @@
 
 namespace velprobe {
 
+// The outcome of a run.
+enum class Found { kYes, kNo, kNoSpace, kGivenUp };
+
 // Subject is the text of one call and what its edges count as.
 struct Subject {
   const RegexProgram& program;
