@@ -67,10 +67,9 @@ struct Glibc : Engine {
 
   static EnginePtr make(const Row& row) {
     auto engine = std::make_unique<Glibc>();
-    const int flags =
-        (row.flags & kRegexExtended ? REG_EXTENDED : 0) |
-        (row.flags & kRegexIgnoreCase ? REG_ICASE : 0) |
-        (row.num_spans == 0 ? REG_NOSUB : 0);
+    const int flags = (row.flags & kRegexExtended ? REG_EXTENDED : 0) |
+                      (row.flags & kRegexIgnoreCase ? REG_ICASE : 0) |
+                      (row.num_spans == 0 ? REG_NOSUB : 0);
     std::string pattern = row.pattern;
     for (std::size_t at; (at = pattern.find("[[:<:]]")) != std::string::npos;) {
       pattern.replace(at, 7, "\\<");
@@ -180,8 +179,8 @@ struct Re2 : Engine {
     options.set_case_sensitive(!(row.flags & kRegexIgnoreCase));
     options.set_never_capture(row.num_spans <= 1);
     options.set_dot_nl(true);
-    engine->regex = std::make_unique<re2::RE2>(with_word_edges(row.pattern),
-                                               options);
+    engine->regex =
+        std::make_unique<re2::RE2>(with_word_edges(row.pattern), options);
     if (!engine->regex->ok()) return {};
     engine->spans.resize(row.num_spans);
     return engine;
@@ -218,8 +217,7 @@ struct Pcre2 : Engine {
         &error, &offset, nullptr);
     if (engine->regex == nullptr) return {};
     pcre2_jit_compile(engine->regex, PCRE2_JIT_COMPLETE);
-    engine->data =
-        pcre2_match_data_create_from_pattern(engine->regex, nullptr);
+    engine->data = pcre2_match_data_create_from_pattern(engine->regex, nullptr);
     return engine;
   }
   ~Pcre2() override {
@@ -254,8 +252,7 @@ bool takes_too_long(const Row& row, std::string_view engine) {
 }
 
 constexpr Maker kMakers[] = {
-    {"velprobe", Velprobe::make},
-    {"glibc", Glibc::make},
+    {"velprobe", Velprobe::make}, {"glibc", Glibc::make},
 #ifdef VELPROBE_HAVE_TRE
     {"tre", Tre::make},
 #endif
@@ -274,7 +271,7 @@ std::mt19937& random_numbers() {
 
 std::string random_word(std::size_t syllables) {
   static const char* const kSyllables[] = {
-      "the", "er",  "in",  "an", "on",  "re", "al",  "st", "ing", "tion",
+      "the", "er",  "in",   "an", "on",  "re",  "al",  "st", "ing", "tion",
       "ho",  "sea", "ment", "li", "pro", "ver", "com", "ta", "ly",  "ness",
       "oo",  "de",  "wi",   "th", "be",  "ar",  "gra", "mi", "sh",  "ket"};
   std::string word;
@@ -286,9 +283,9 @@ std::string random_word(std::size_t syllables) {
 
 // A megabyte of prose with something to find every few thousand bytes.
 std::string make_prose() {
-  static const char* const kFinds[] = {
-      "2026-11-21", "jane.doe@example.org", "https://example.org/a/b?c=d",
-      "Sherlock Holmes", "SHERLOCK HOLMES"};
+  static const char* const kFinds[] = {"2026-11-21", "jane.doe@example.org",
+                                       "https://example.org/a/b?c=d",
+                                       "Sherlock Holmes", "SHERLOCK HOLMES"};
   std::string text;
   std::size_t line = 0;
   while (text.size() < 1 << 20) {
@@ -365,8 +362,8 @@ std::string thousand_words() {
 std::size_t find_all(Engine& engine, const std::string& text) {
   std::size_t count = 0;
   std::size_t begin = 0;
-  for (RegexSpan span{}; begin <= text.size() &&
-                         engine.find(text, begin, &span); ++count) {
+  for (RegexSpan span{};
+       begin <= text.size() && engine.find(text, begin, &span); ++count) {
     begin = static_cast<std::size_t>(span.end + (span.begin == span.end));
   }
   return count;
@@ -452,20 +449,20 @@ void add_rows() {
   add_line({"syslog line, 5 groups", kSyslogPattern, kRegexExtended, 6},
            syslog);
   add_line({"uri, 9 groups", kUriPattern, kRegexExtended, 10}, uri);
-  add_line({"(a|ab)(c|bcd)(d*)", "(a|ab)(c|bcd)(d*)", kRegexExtended, 4},
-           abcd);
+  add_line({"(a|ab)(c|bcd)(d*)", "(a|ab)(c|bcd)(d*)", kRegexExtended, 4}, abcd);
   const std::string nested = "((a{1,5}b?){2,6}c?){3,8}";
   add_text({"nested counts", nested}, abc);
   add_text({"nested counts, groups", nested, kRegexExtended, 3}, abc);
-  add_text({"((a)|(aa)|(aaa))*, groups", "((a)|(aa)|(aaa))*", kRegexExtended,
-            5}, as);
+  add_text(
+      {"((a)|(aa)|(aaa))*, groups", "((a)|(aa)|(aaa))*", kRegexExtended, 5},
+      as);
   add_text({"(a|a?)+b absent", "(a|a?)+b"}, as);
   add_text({"(x+x+)+y absent", "(x+x+)+y"}, xs);
   add_text({"(a?){30}a{30}", "(a?){30}a{30}"}, as);
   add_text({"(a|b)*a(a|b){12}c", "(a|b)*a(a|b){12}c"}, ab);
   add_text({"(a|b)*a(a|b){60}c", "(a|b)*a(a|b){60}c"}, ab);
-  add_text({"(a|b)*a(a|b){12}c, c at the end of lines",
-            "(a|b)*a(a|b){12}c"}, abc);
+  add_text({"(a|b)*a(a|b){12}c, c at the end of lines", "(a|b)*a(a|b){12}c"},
+           abc);
   add_text({"double letter", "\\([a-z]\\)\\1", 0}, prose());
   add_compile({"compile literal", "Sherlock"}, empty, 0);
   add_compile({"compile log line", kAccessPattern, kRegexExtended, 10}, empty,

@@ -230,10 +230,9 @@ struct Maker {
   bool extended() const { return (flags & kRegexExtended) != 0; }
 
   Part set() {
-    static const char* const kTexts[] = {"a",    "b",     "c",     "a",
-                                         "b",    ".",     "[ab]",  "[^a]",
-                                         "-",    "[^b-]", "[a-c]", "\n",
-                                         "[^\n]", "B",    "[[:upper:]]"};
+    static const char* const kTexts[] = {
+        "a", "b",     "c",     "a",  "b",     ".", "[ab]",       "[^a]",
+        "-", "[^b-]", "[a-c]", "\n", "[^\n]", "B", "[[:upper:]]"};
     Part part;
     part.is = Is::kSet;
     part.text = kTexts[next(std::size(kTexts))];
@@ -298,7 +297,7 @@ struct Maker {
   }
   Part repeated(Part part) {
     for (unsigned n = 0; next(5) < 2 && n < 2; ++n) {
-      static constexpr int kCounts[][2] = {{0, -1}, {1, -1}, {0, 1}, {2, 2},
+      static constexpr int kCounts[][2] = {{0, -1}, {1, -1}, {0, 1},  {2, 2},
                                            {0, 2},  {1, 3},  {2, -1}, {0, 3},
                                            {0, -1}, {0, 0},  {3, 4}};
       const auto& counts = kCounts[next(std::size(kCounts))];

@@ -70,7 +70,8 @@ struct RegexLimits {
   std::size_t memory = 8 << 20;
   // Parentheses within parentheses.
   std::size_t nesting = 1000;
-  // Steps of a match of an expression with back-references.
+  // Steps of a match of an expression with back-references. The first few at
+  // each begin in the text do not count.
   std::uint64_t backref_steps = 1 << 24;
 };
 

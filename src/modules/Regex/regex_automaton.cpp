@@ -12,8 +12,8 @@ constexpr std::size_t kFewStates = 16;
 
 }  // namespace
 
-bool Dfa::init(const RegexProgram& program, Walker& walker,
-               Direction direction, std::size_t budget) {
+bool Dfa::init(const RegexProgram& program, Walker& walker, Direction direction,
+               std::size_t budget) {
   program_ = &program;
   walker_ = &walker;
   direction_ = direction;
@@ -239,9 +239,9 @@ void Dfa::tag_start(bool tags) {
 }
 
 void Dfa::make_room() {
-  const std::size_t used =
-      table_.size() * sizeof(Entry) + states_.size() * sizeof(State) +
-      sets_.size() * sizeof(std::uint32_t);
+  const std::size_t used = table_.size() * sizeof(Entry) +
+                           states_.size() * sizeof(State) +
+                           sets_.size() * sizeof(std::uint32_t);
   if (used > budget_ / 2) forget();
 }
 

@@ -11,9 +11,9 @@ namespace velprobe {
 // loops over a text have to know about that state.
 using Entry = std::uint32_t;
 inline constexpr Entry kRowMask = (1U << 28) - 1;
-inline constexpr Entry kStart = 1U << 28;    // nothing is under way
-inline constexpr Entry kAccepts = 1U << 29;  // a match ends here
-inline constexpr Entry kStops = 1U << 30;    // no state follows
+inline constexpr Entry kStart = 1U << 28;      // nothing is under way
+inline constexpr Entry kAccepts = 1U << 29;    // a match ends here
+inline constexpr Entry kStops = 1U << 30;      // no state follows
 inline constexpr Entry kUnknown = UINT32_MAX;  // to be made by dfa_step
 // Not an entry: states would be made faster than they are used.
 inline constexpr Entry kThrashing = UINT32_MAX - 1;

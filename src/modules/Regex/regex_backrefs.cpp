@@ -9,6 +9,11 @@ namespace {
 
 // Comparing or reading this many bytes counts as one step of a search.
 constexpr std::uint64_t kBytesAStep = 64;
+// So many steps at each begin are not counted: all begins of a text together
+// must not spend the budget.
+constexpr std::uint32_t kFreeSteps = 64;
+// A candidate is looked for again after up to so many begins.
+constexpr std::size_t kMaxWindow = 4096;
 
 }  // namespace
 
@@ -98,12 +103,50 @@ bool WaySearch::init(const RegexProgram& program) {
   }
   if (!registers_.resize(count) || !key_.resize(count + 2)) return false;
   program_ = &program;
+  find_twins();
   return true;
 }
 
+// Walks the program up to where it first forks or refers back.
+void WaySearch::find_twins() {
+  std::size_t begins[10] = {};
+  std::size_t ends[10] = {};
+  std::size_t at = 0;
+  for (std::size_t pc = 0;; ++pc) {
+    const Inst inst = program_->code[pc];
+    const std::uint32_t arg = inst.arg();
+    if (inst.op() == Op::kByte) {
+      ++at;
+    } else if (inst.op() == Op::kOpen || inst.op() == Op::kClose) {
+      if (arg < 10) (inst.op() == Op::kOpen ? begins : ends)[arg] = at;
+    } else if (inst.op() == Op::kBackref) {
+      const std::uint32_t group = program_->backrefs[arg].group;
+      twins_ = {begins[group], at, ends[group] - begins[group]};
+      return;
+    } else if (inst.op() != Op::kAssert) {
+      return;
+    }
+  }
+}
+
+std::size_t WaySearch::next(const Subject& subject, std::size_t at,
+                            std::size_t last) const {
+  if (twins_.length == 0) return at;
+  const bool folds = (program_->flags & kRegexIgnoreCase) != 0;
+  for (; at <= last; ++at) {
+    const std::size_t second = at + twins_.second;
+    if (second + twins_.length > subject.size) return last + 1;
+    const unsigned differing = byte_at(subject.text, at + twins_.first) ^
+                               byte_at(subject.text, second);
+    if (differing == 0 || (folds && differing == 0x20)) return at;
+  }
+  return at;
+}
+
 bool WaySearch::set(std::size_t number, std::size_t value) {
-  if (registers_[number] == value) return true;
-  if (!tasks_.push({kUndo, number, registers_[number]})) return false;
+  // Where nothing is left to go back to, nothing has to be undone.
+  const bool undoes = !tasks_.empty() && registers_[number] != value;
+  if (undoes && !tasks_.push({kUndo, number, registers_[number]})) return false;
   registers_[number] = value;
   return true;
 }
@@ -153,8 +196,7 @@ bool WaySearch::take_backref(const Subject& subject, std::uint32_t group,
                              std::size_t* at) {
   const std::size_t begin = registers_[first_register_[group] + kBegin];
   if (begin == kUnset) return false;
-  const std::size_t length =
-      registers_[first_register_[group] + kEnd] - begin;
+  const std::size_t length = registers_[first_register_[group] + kEnd] - begin;
   if (length > subject.size - *at ||
       !equal_bytes(subject, begin, *at, length)) {
     return false;
@@ -219,8 +261,7 @@ bool WaySearch::step(const Subject& subject, Inst inst, std::size_t* pc,
 }
 
 // Follows one way to its end. False to stop the whole search.
-bool WaySearch::follow(const Subject& subject, std::size_t pc,
-                       std::size_t at) {
+bool WaySearch::follow(const Subject& subject, std::size_t pc, std::size_t at) {
   for (;;) {
     const Inst inst = program_->code[pc];
     if (inst.op() == Op::kMatch) {
@@ -228,8 +269,14 @@ bool WaySearch::follow(const Subject& subject, std::size_t pc,
       found_ = true;
       return !any_ && at < subject.size;
     }
-    if (*budget_ == 0) return !(failed_ = true);
-    --*budget_;
+    if (free_steps_ != 0) {
+      --free_steps_;
+    } else if (*budget_ == 0) {
+      failed_ = true;
+      return false;
+    } else {
+      --*budget_;
+    }
     if (!step(subject, inst, &pc, &at)) return true;
     if (failed_) return false;
   }
@@ -242,14 +289,14 @@ Outcome WaySearch::run(const Subject& subject, std::size_t begin, bool any,
   found_ = failed_ = seen_ready_ = false;
   for (std::size_t& value : registers_) value = kUnset;
   tasks_.clear();
-  if (!tasks_.push({0, begin, 0})) return Outcome::kNoSpace;
-  while (!tasks_.empty()) {
+  free_steps_ = kFreeSteps;
+  for (bool goes_on = follow(subject, 0, begin); goes_on && !tasks_.empty();) {
     const Task task = tasks_.back();
     tasks_.pop();
     if (task.pc == kUndo) {
       registers_[task.at] = task.value;
-    } else if (!follow(subject, task.pc, task.at)) {
-      break;
+    } else {
+      goes_on = follow(subject, task.pc, task.at);
     }
   }
   *out_end = end_;
@@ -259,33 +306,44 @@ Outcome WaySearch::run(const Subject& subject, std::size_t begin, bool any,
 
 namespace {
 
-// Where a match could begin next: the automata read a back-reference as
-// anything its group can match.
-Found find_candidate(const Subject& subject, Scratch& scratch,
-                     std::size_t begin, RegexSpan* out_span) {
-  return find_span(subject, scratch, begin, false, out_span);
+// Tries all begins up to last.
+Outcome try_begins(const Subject& subject, Scratch& scratch, std::size_t* at,
+                   std::size_t last, bool any, std::uint64_t* budget,
+                   std::size_t* out_end) {
+  for (;; ++*at) {
+    *at = scratch.ways.next(subject, *at, last);
+    if (*at > last) return Outcome::kNone;
+    const Outcome outcome =
+        scratch.ways.run(subject, *at, any, budget, out_end);
+    if (outcome != Outcome::kNone) return outcome;
+  }
 }
 
+// The automata tell where a match could begin next: they read a back-reference
+// as anything that its group can match. Where that is nearly everywhere they
+// are asked ever less often.
 Outcome search(const Subject& subject, Scratch& scratch, std::size_t begin,
                bool any, std::uint64_t* budget, RegexSpan* out_span) {
+  std::size_t window = 1;
   for (std::size_t at = begin; at <= subject.size;) {
     const std::uint64_t before = scratch.steps;
-    const Found found = find_candidate(subject, scratch, at, out_span);
+    const Found found = find_span(subject, scratch, at, false, out_span);
     if (found == Found::kNo) return Outcome::kNone;
-    if (found == Found::kNoSpace) return Outcome::kNoSpace;
+    if (found != Found::kYes) return Outcome::kNoSpace;
     const std::uint64_t cost = (scratch.steps - before) / kBytesAStep;
-    if (at != begin && cost > *budget) return Outcome::kNoSpace;
-    if (at != begin) *budget -= cost;
-    const auto last = static_cast<std::size_t>(out_span->end);
-    for (at = static_cast<std::size_t>(out_span->begin); at <= last; ++at) {
-      std::size_t end = 0;
-      const Outcome outcome =
-          scratch.ways.run(subject, at, any, budget, &end);
-      if (outcome == Outcome::kNone) continue;
-      *out_span = {static_cast<std::ptrdiff_t>(at),
-                   static_cast<std::ptrdiff_t>(end)};
-      return outcome;
-    }
+    *budget -= std::min(*budget, at == begin ? 0 : cost);
+    const auto candidate = static_cast<std::size_t>(out_span->begin);
+    window = candidate == at ? std::min(2 * window, kMaxWindow) : 1;
+    at = candidate;
+    std::size_t last = static_cast<std::size_t>(out_span->end);
+    last = std::max(last, std::min(at + window, subject.size));
+    std::size_t end = 0;
+    const Outcome outcome =
+        try_begins(subject, scratch, &at, last, any, budget, &end);
+    if (outcome == Outcome::kNone) continue;
+    *out_span = {static_cast<std::ptrdiff_t>(at),
+                 static_cast<std::ptrdiff_t>(end)};
+    return outcome;
   }
   return Outcome::kNone;
 }
@@ -309,10 +367,9 @@ int match_backrefs(const Subject& subject, Scratch& scratch, std::size_t begin,
   for (std::size_t i = 1; i < num_spans; ++i) spans[i] = {-1, -1};
   spans[0] = span;
   if (num_spans == 1) return 0;
-  return result_of(find_parse(subject, scratch,
-                              static_cast<std::size_t>(span.begin),
-                              static_cast<std::size_t>(span.end), &budget,
-                              spans, num_spans));
+  return result_of(find_parse(
+      subject, scratch, static_cast<std::size_t>(span.begin),
+      static_cast<std::size_t>(span.end), &budget, spans, num_spans));
 }
 
 }  // namespace velprobe

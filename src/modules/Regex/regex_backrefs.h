@@ -36,6 +36,12 @@ class WaySearch {
  public:
   [[nodiscard]] bool init(const RegexProgram& program);
 
+  // next gives the first begin from at to last that may have a match: what
+  // every match begins with is looked at, as far as its length is fixed; behind
+  // last there is none.
+  std::size_t next(const Subject& subject, std::size_t at,
+                   std::size_t last) const;
+
   // run sets *out_end to the end of the longest match that begins at begin,
   // with any to the end of one. Takes its steps from *budget.
   Outcome run(const Subject& subject, std::size_t begin, bool any,
@@ -49,6 +55,12 @@ class WaySearch {
     std::size_t at;  // or the register
     std::size_t value;
   };
+  // Two stretches at fixed distances from a match's begin that are alike.
+  struct Twins {
+    std::size_t first, second, length;
+  };
+  void find_twins();
+
   // The registers of a group that is referred to.
   enum GroupRegister : std::size_t { kOpened, kBegin, kEnd, kNumRegisters };
   static constexpr std::size_t kUndo = SIZE_MAX;
@@ -70,12 +82,13 @@ class WaySearch {
   }
 
   const RegexProgram* program_ = nullptr;
-  std::size_t first_register_[10] = {};     // of each group referred to
-  Array<std::uint32_t> node_registers_;     // of repetitions, 0: none
-  Array<std::uint32_t> watched_;            // repetitions with a register
+  std::size_t first_register_[10] = {};  // of each group referred to
+  Array<std::uint32_t> node_registers_;  // of repetitions, 0: none
+  Array<std::uint32_t> watched_;         // repetitions with a register
   Array<std::size_t> registers_;
   Array<Task> tasks_;
   Array<std::size_t> key_;
+  Twins twins_ = {0, 0, 0};  // the first ones; none when of no length
   SeenSet seen_;
   bool seen_ready_ = false;
   bool any_ = false;
@@ -83,6 +96,7 @@ class WaySearch {
   bool failed_ = false;  // memory was short
   std::size_t end_ = 0;
   std::uint64_t* budget_ = nullptr;
+  std::uint32_t free_steps_ = 0;
 };
 
 // find_parse fills in the groups of a match with back-references whose span is

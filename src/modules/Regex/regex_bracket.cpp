@@ -11,12 +11,24 @@ struct ClassEntry {
   Predicate has;  // asked for the bytes of ASCII only
 };
 
-constexpr bool is_upper(unsigned b) { return b >= 'A' && b <= 'Z'; }
-constexpr bool is_lower(unsigned b) { return b >= 'a' && b <= 'z'; }
-constexpr bool is_digit(unsigned b) { return b >= '0' && b <= '9'; }
-constexpr bool is_alpha(unsigned b) { return is_upper(b) || is_lower(b); }
-constexpr bool is_alnum(unsigned b) { return is_alpha(b) || is_digit(b); }
-constexpr bool is_graph(unsigned b) { return b > ' ' && b < 127; }
+constexpr bool is_upper(unsigned b) {
+  return b >= 'A' && b <= 'Z';
+}
+constexpr bool is_lower(unsigned b) {
+  return b >= 'a' && b <= 'z';
+}
+constexpr bool is_digit(unsigned b) {
+  return b >= '0' && b <= '9';
+}
+constexpr bool is_alpha(unsigned b) {
+  return is_upper(b) || is_lower(b);
+}
+constexpr bool is_alnum(unsigned b) {
+  return is_alpha(b) || is_digit(b);
+}
+constexpr bool is_graph(unsigned b) {
+  return b > ' ' && b < 127;
+}
 
 constexpr ClassEntry kClasses[] = {
     {"alnum", is_alnum},

@@ -36,8 +36,7 @@ class Array {
   [[nodiscard]] bool reserve(std::size_t capacity) {
     if (capacity <= capacity_) return true;
     if (capacity > PTRDIFF_MAX / sizeof(T)) return false;
-    void* grown =
-        std::realloc(static_cast<void*>(data_), capacity * sizeof(T));
+    void* grown = std::realloc(static_cast<void*>(data_), capacity * sizeof(T));
     if (grown == nullptr) return false;
     data_ = static_cast<T*>(grown);
     capacity_ = capacity;
@@ -94,8 +93,12 @@ inline std::uint8_t byte_at(const char* text, std::size_t i) {
 struct ByteSet {
   std::uint64_t words[4] = {};
 
-  bool has(std::uint8_t byte) const { return words[byte >> 6] >> (byte & 63) & 1; }
-  void add(std::uint8_t byte) { words[byte >> 6] |= std::uint64_t{1} << (byte & 63); }
+  bool has(std::uint8_t byte) const {
+    return words[byte >> 6] >> (byte & 63) & 1;
+  }
+  void add(std::uint8_t byte) {
+    words[byte >> 6] |= std::uint64_t{1} << (byte & 63);
+  }
   void remove(std::uint8_t byte) {
     words[byte >> 6] &= ~(std::uint64_t{1} << (byte & 63));
   }

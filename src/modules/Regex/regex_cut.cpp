@@ -112,8 +112,7 @@ bool SpanCutter::find_meeting(Entry forward, Entry backward,
 bool SpanCutter::meet(Entry forward, std::size_t at, std::uint32_t shift) {
   const Entry backward = row_at(at + 1);
   const std::uint32_t byte_class = subject_->class_at(at);
-  const std::uint32_t generation =
-      forward_.generation() + back_->generation();
+  const std::uint32_t generation = forward_.generation() + back_->generation();
   const std::uint32_t hash =
       (forward * 31 + backward) * 31 + shift * 7 + byte_class;
   Meeting& meeting = meetings_[(hash ^ hash >> 12) % kNumMeetings];
@@ -123,8 +122,9 @@ bool SpanCutter::meet(Entry forward, std::size_t at, std::uint32_t shift) {
                      meeting.generation == generation;
   if (!known) {
     steps += forward_.members(forward).num_pcs;
-    meeting = {forward, backward, shift, byte_class, generation,
-               find_meeting(forward, backward, shift, byte_class)};
+    meeting = {forward,    backward,
+               shift,      byte_class,
+               generation, find_meeting(forward, backward, shift, byte_class)};
   }
   return meeting.answer;
 }
@@ -132,8 +132,7 @@ bool SpanCutter::meet(Entry forward, std::size_t at, std::uint32_t shift) {
 bool SpanCutter::cut_by_states(const Piece& piece, std::size_t from,
                                std::size_t* out_end, bool* out_done) {
   const Subject& subject = *subject_;
-  const std::uint32_t part =
-      number_of(forward_numbers_, forward_, piece.node);
+  const std::uint32_t part = number_of(forward_numbers_, forward_, piece.node);
   if (part == UINT32_MAX) return false;
   const std::uint32_t shift =
       piece.begin - program_->tree.nodes[piece.node].first;

@@ -40,8 +40,7 @@ class SpanCutter {
 
   // fits tells whether what begins at instruction rest, which is marked, can
   // match from at to the end of the span.
-  [[nodiscard]] bool fits(std::size_t at, std::uint32_t rest,
-                          bool* out_answer);
+  [[nodiscard]] bool fits(std::size_t at, std::uint32_t rest, bool* out_answer);
 
   // cut finds the last end of a piece that begins at from.
   [[nodiscard]] bool cut(const Piece& piece, std::size_t from,

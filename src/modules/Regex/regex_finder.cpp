@@ -11,10 +11,9 @@ namespace {
 
 // How often a byte is to be expected in a thousand of a log or a text.
 int frequency_of(std::uint8_t byte) {
-  static constexpr std::uint8_t kLetters[] = {65, 12, 25, 35, 100, 18, 17, 45,
-                                              60, 2,  6,  35, 20,  60, 60, 17,
-                                              1,  50, 55, 75, 25,  8,  15, 2,
-                                              15, 1};
+  static constexpr std::uint8_t kLetters[] = {
+      65, 12, 25, 35, 100, 18, 17, 45, 60, 2,  6, 35, 20,
+      60, 60, 17, 1,  50,  55, 75, 25, 8,  15, 2, 15, 1};
   if (byte >= 'a' && byte <= 'z') return kLetters[byte - 'a'];
   if (byte >= 'A' && byte <= 'Z') return 3;
   if (byte == ' ') return 150;
@@ -34,8 +33,8 @@ int forms_of(const ByteSet& set, std::uint8_t* forms) {
   int n = 0;
   set.for_each([&](std::uint8_t byte) { forms[n++] = byte; });
   if (n == 1) forms[1] = forms[0];
-  const bool pair = n == 2 && is_ascii_letter(forms[0]) &&
-                    (forms[0] ^ forms[1]) == 0x20;
+  const bool pair =
+      n == 2 && is_ascii_letter(forms[0]) && (forms[0] ^ forms[1]) == 0x20;
   return n == 1 || pair ? n : 0;
 }
 
@@ -87,7 +86,8 @@ bool ByteFinder::set(const ByteSet& bytes) {
     if (!ranges.has(static_cast<std::uint8_t>(byte))) continue;
     if (num_ranges_ == kMaxRanges) return false;
     const unsigned first = byte;
-    while (byte < 255 && ranges.has(static_cast<std::uint8_t>(byte + 1))) ++byte;
+    while (byte < 255 && ranges.has(static_cast<std::uint8_t>(byte + 1)))
+      ++byte;
     first_[num_ranges_] = static_cast<std::uint8_t>(first);
     width_[num_ranges_++] = static_cast<std::uint8_t>(byte - first);
   }
@@ -110,8 +110,7 @@ std::size_t ByteFinder::find(const char* text, std::size_t size,
     __m128i hit = _mm_setzero_si128();
     for (int i = 0; i < num_ranges_; ++i) {
       const __m128i off = _mm_sub_epi8(bytes, first[i]);
-      hit = _mm_or_si128(hit,
-                         _mm_cmpeq_epi8(_mm_min_epu8(off, width[i]), off));
+      hit = _mm_or_si128(hit, _mm_cmpeq_epi8(_mm_min_epu8(off, width[i]), off));
     }
     const auto mask = static_cast<unsigned>(_mm_movemask_epi8(hit));
     if (mask != 0) return at + static_cast<unsigned>(std::countr_zero(mask));
@@ -197,8 +196,7 @@ bool Finder::find_runs(const RegexProgram& program) {
       end_run(run);
       inside = todo.size() + 1;
       if (run.length != kNone) {
-        run.length =
-            node.length == kVaries ? kNone : run.length + node.length;
+        run.length = node.length == kVaries ? kNone : run.length + node.length;
       }
     }
     if (!push_children(node)) return false;
@@ -286,8 +284,7 @@ std::size_t Finder::find_needle(const char* text, std::size_t size,
       return find_pair(text, size, at);
     }
     const char* from = text + at + rare;
-    const void* found =
-        std::memchr(from, byte, size - at - needle_.length + 1);
+    const void* found = std::memchr(from, byte, size - at - needle_.length + 1);
     if (found == nullptr) return kNone;
     const auto moved =
         static_cast<std::size_t>(static_cast<const char*>(found) - from);

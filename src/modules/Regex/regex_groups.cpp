@@ -129,8 +129,8 @@ bool GroupFinder::open_repetition(const GroupItem& item) {
   const Node& repeat = node(item.node);
   if (item.begin == item.end) {
     bool matches = repeat.value > 0;
-    if (!matches && !cutter_.matches_null(subject_, repeat.child, item.begin,
-                                          &matches)) {
+    if (!matches &&
+        !cutter_.matches_null(subject_, repeat.child, item.begin, &matches)) {
       return false;
     }
     return !matches || push({repeat.child, item.begin, item.end});
@@ -180,10 +180,11 @@ bool GroupFinder::run(std::size_t begin, std::size_t end) {
 }  // namespace
 
 Found find_by_one_pass(const Subject& subject, Scratch& scratch,
-                       std::size_t begin, RegexSpan* out_span,
-                       RegexSpan* spans, std::size_t num_spans) {
+                       std::size_t begin, RegexSpan* out_span, RegexSpan* spans,
+                       std::size_t num_spans) {
   OnePass& one_pass = scratch.one_pass;
   const std::size_t budget = subject.program.limits.memory / 16;
+  out_span->begin = static_cast<std::ptrdiff_t>(begin);
   if (!one_pass.useful()) return Found::kGivenUp;
   if (!one_pass.init(subject.program, budget)) return Found::kNoSpace;
   Hint hint;
@@ -193,12 +194,12 @@ Found find_by_one_pass(const Subject& subject, Scratch& scratch,
     if (first == Finder::kNone) return Found::kNo;
   }
   std::size_t end = first;
-  const Found found = one_pass.run(subject, first, subject.size, false, &end,
-                                   spans, num_spans);
+  const Found found =
+      one_pass.run(subject, first, subject.size, false, &end, spans, num_spans);
   scratch.steps += one_pass.steps;
   *out_span = {static_cast<std::ptrdiff_t>(first),
                static_cast<std::ptrdiff_t>(end)};
-  return found;
+  return found == Found::kYes ? found : Found::kGivenUp;
 }
 
 int find_groups(const Subject& subject, Scratch& scratch, RegexSpan span,
@@ -206,12 +207,12 @@ int find_groups(const Subject& subject, Scratch& scratch, RegexSpan span,
   if (scratch.one_pass.useful()) {
     auto end = static_cast<std::size_t>(span.end);
     const Found found =
-        scratch.one_pass.run(subject, static_cast<std::size_t>(span.begin),
-                             end, true, &end, spans, num_spans);
+        scratch.one_pass.run(subject, static_cast<std::size_t>(span.begin), end,
+                             true, &end, spans, num_spans);
     scratch.steps += scratch.one_pass.steps;
     if (found == Found::kYes) return 0;
-    for (std::size_t i = 1; i < num_spans; ++i) spans[i] = {-1, -1};
   }
+  for (std::size_t i = 1; i < num_spans; ++i) spans[i] = {-1, -1};
   if (!scratch.init_cutter(subject.program)) return kRegexNoSpace;
   scratch.cutter.steps = 0;
   GroupFinder finder(subject, scratch, spans, num_spans);

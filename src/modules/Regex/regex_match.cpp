@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <new>
 
 #include "regex_parse.h"
@@ -15,8 +16,7 @@ bool Scratch::init(const RegexProgram& program) {
     return false;
   }
   search.tag_start(finder.skips());
-  return
-         back.init(program, walker, Direction::kBackward, memory / 16 * 3);
+  return back.init(program, walker, Direction::kBackward, memory / 16 * 3);
 }
 
 namespace {
@@ -74,17 +74,16 @@ int result_of(Found found) {
 int match_automata(const Subject& subject, Scratch& scratch, std::size_t begin,
                    RegexSpan* spans, std::size_t num_spans) {
   RegexSpan span{};
-  if (num_spans > 1 && find_by_one_pass(subject, scratch, begin, &span, spans,
-                                        num_spans) == Found::kYes) {
-    spans[0] = span;
-    return 0;
+  Found found = Found::kGivenUp;
+  if (num_spans > 1) {
+    found = find_by_one_pass(subject, scratch, begin, &span, spans, num_spans);
+    begin = static_cast<std::size_t>(span.begin);
   }
-  const Found found =
-      find_span(subject, scratch, begin, num_spans == 0, &span);
+  const bool cut = found == Found::kGivenUp;
+  if (cut) found = find_span(subject, scratch, begin, num_spans == 0, &span);
   if (found != Found::kYes || num_spans == 0) return result_of(found);
-  for (std::size_t i = 1; i < num_spans; ++i) spans[i] = {-1, -1};
   spans[0] = span;
-  if (num_spans == 1) return 0;
+  if (!cut || num_spans == 1) return 0;
   return find_groups(subject, scratch, span, spans, num_spans);
 }
 
@@ -101,8 +100,8 @@ int regex_compile(Regex* regex, std::string_view pattern, unsigned flags,
   if (program == nullptr) return kRegexNoSpace;
   program->flags = flags;
   program->limits = limits;
-  int error = regex_parse(pattern, flags, limits, program->tree,
-                          &regex->error_offset);
+  int error =
+      regex_parse(pattern, flags, limits, program->tree, &regex->error_offset);
   if (error == 0) error = program_build(*program);
   if (error != 0) {
     delete program;
@@ -113,9 +112,8 @@ int regex_compile(Regex* regex, std::string_view pattern, unsigned flags,
   return 0;
 }
 
-int regex_match(const Regex* regex, std::string_view text,
-                RegexSpan* out_spans, std::size_t num_spans, unsigned flags,
-                std::size_t begin) {
+int regex_match(const Regex* regex, std::string_view text, RegexSpan* out_spans,
+                std::size_t num_spans, unsigned flags, std::size_t begin) {
   if (regex == nullptr || regex->program == nullptr || is_null(text) ||
       begin > text.size() || (flags & ~kMatchFlags) != 0 ||
       (out_spans == nullptr && num_spans != 0)) {
@@ -132,11 +130,14 @@ int regex_match(const Regex* regex, std::string_view text,
   // Spans beyond the last group are not the business of the search.
   const std::size_t known = regex->num_groups + 1;
   const std::size_t wanted = num_spans < known ? num_spans : known;
+  if (!scratch.spans.resize(wanted)) return kRegexNoSpace;
+  RegexSpan* spans = scratch.spans.data();
   const int result =
       program.tree.referred != 0
-          ? match_backrefs(subject, scratch, begin, out_spans, wanted)
-          : match_automata(subject, scratch, begin, out_spans, wanted);
+          ? match_backrefs(subject, scratch, begin, spans, wanted)
+          : match_automata(subject, scratch, begin, spans, wanted);
   if (result != 0) return result;
+  std::copy_n(spans, wanted, out_spans);
   for (std::size_t i = wanted; i < num_spans; ++i) out_spans[i] = {-1, -1};
   return 0;
 }

@@ -166,9 +166,9 @@ void OnePass::act(std::uint32_t actions, std::size_t at, RegexSpan* spans,
   }
 }
 
-Found OnePass::run(const Subject& subject, std::size_t begin,
-                   std::size_t limit, bool exact, std::size_t* out_end,
-                   RegexSpan* spans, std::size_t num_spans) {
+Found OnePass::run(const Subject& subject, std::size_t begin, std::size_t limit,
+                   bool exact, std::size_t* out_end, RegexSpan* spans,
+                   std::size_t num_spans) {
   steps = 0;
   for (std::size_t i = 1; i < num_spans; ++i) spans[i] = {-1, -1};
   const std::uint32_t first = node_at(0, subject.place(begin));

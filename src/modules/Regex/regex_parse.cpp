@@ -1,5 +1,6 @@
 #include "regex_parse.h"
 
+#include <algorithm>
 #include <optional>
 
 namespace velprobe {
@@ -210,10 +211,9 @@ std::optional<Counts> Parser::take_repetition() {
   if (take('+', '+')) return Counts{1, kUnbounded};
   if (take('?', '?')) return Counts{0, 1};
   const bool counted =
-      !extended_ ||
-      (offset_ + 1 < pattern_.size() &&
-       (pattern_[offset_ + 1] == ',' ||
-        is_ascii_digit(byte_at(pattern_.data(), offset_ + 1))));
+      !extended_ || (offset_ + 1 < pattern_.size() &&
+                     (pattern_[offset_ + 1] == ',' ||
+                      is_ascii_digit(byte_at(pattern_.data(), offset_ + 1))));
   if (!counted || !take('{', '{')) return std::nullopt;
   Counts counts;
   // Without this a repetition of nothing would be told by its counts.
@@ -252,7 +252,8 @@ bool Parser::parse_backref(std::uint32_t number) {
 bool Parser::parse_escape() {
   if (offset_ + 1 == pattern_.size()) return fail(kRegexBadEscape, offset_);
   const std::uint8_t byte = byte_at(pattern_.data(), offset_ + 1);
-  if (byte >= '1' && byte <= '9') return parse_backref(byte - std::uint8_t{'0'});
+  if (byte >= '1' && byte <= '9')
+    return parse_backref(byte - std::uint8_t{'0'});
   const bool other_meaning =
       is_ascii_letter(byte) || byte == '0' ||
       std::string_view("<>'`").find(static_cast<char>(byte)) !=
@@ -321,7 +322,11 @@ bool Parser::keeps_groups() const {
 
 int Parser::parse() {
   keeps_groups_ = keeps_groups();
-  if (!levels_.push({}) || !tree_.groups.push(kNoNode)) return kRegexNoSpace;
+  // Most bytes become a node; more room is made when needed.
+  const std::size_t expected = std::min<std::size_t>(pattern_.size() + 8, 512);
+  if (!tree_.nodes.reserve(expected) || !levels_.push({}) ||
+      !tree_.groups.push(kNoNode))
+    return kRegexNoSpace;
   while (offset_ < pattern_.size()) {
     if (!parse_next()) return error_;
   }

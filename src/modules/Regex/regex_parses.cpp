@@ -122,8 +122,8 @@ bool ParseSearch::reset(const Node& repeat) {
 // Keeps what is left to try for a goal, with all as it is now.
 bool ParseSearch::offer(const Goal& goal, std::uint32_t branch,
                         std::size_t first_end) {
-  return choices_.push({goal, branch, first_end, ends_.size(), goals_.size(),
-                        changes_.size()});
+  return choices_.push(
+      {goal, branch, first_end, ends_.size(), goals_.size(), changes_.size()});
 }
 
 bool ParseSearch::is_new(const Goal& goal) {

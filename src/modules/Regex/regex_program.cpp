@@ -69,8 +69,8 @@ bool Emitter::emit_copy(const Task& task, const Node& node, std::uint32_t i,
   if (!node.holds_group()) return push(node.child, pc, task, i == 0);
   // Of the copies within the minimum only an unbounded last one runs again.
   const bool unbounded = node.max == kUnbounded;
-  const bool watches = tree_.nodes[node.child].nullable &&
-                       (!unbounded || i + 1 >= node.value);
+  const bool watches =
+      tree_.nodes[node.child].nullable && (!unbounded || i + 1 >= node.value);
   if (tree_.nodes[node.child].nullable) {
     const bool checks = watches && (unbounded || i >= node.value);
     put(pc + iteration_size(tree_, node) - 1, Op::kIterated, task.node,
@@ -86,8 +86,7 @@ bool Emitter::emit_repeat(const Task& task, const Node& node) {
   const std::uint32_t body = iteration_size(tree_, node);
   std::uint32_t pc = task.pc;
   const bool unbounded = node.max == kUnbounded;
-  const std::uint32_t copies =
-      unbounded ? std::max(node.value, 1U) : node.max;
+  const std::uint32_t copies = unbounded ? std::max(node.value, 1U) : node.max;
   const bool marked = task.first_copy && node.holds_group();
   for (std::uint32_t i = 0; i < copies; ++i) {
     if (marked) mark(pc);
@@ -184,16 +183,24 @@ class Splitter {
  public:
   explicit Splitter(Alphabet& alphabet) : alphabet_(alphabet) {
     std::memset(alphabet.class_of, 0, sizeof alphabet.class_of);
+    alphabet.sample[0] = 0;
     sizes_[0] = 256;
   }
 
   void split_by(const ByteSet& set) {
+    if (set.count() == 1) {
+      set.for_each([&](std::uint8_t byte) { split_off(byte); });
+      return;
+    }
     std::uint16_t hits[256] = {};
     std::uint8_t touched[256];
+    std::uint8_t firsts[256];
     unsigned num_touched = 0;
     set.for_each([&](std::uint8_t byte) {
       const std::uint8_t old = alphabet_.class_of[byte];
-      if (hits[old]++ == 0) touched[num_touched++] = old;
+      if (hits[old]++ != 0) return;
+      firsts[num_touched] = byte;
+      touched[num_touched++] = old;
     });
     std::uint8_t moved_to[256];
     bool any = false;
@@ -202,6 +209,7 @@ class Splitter {
       moved_to[old] = old;
       if (hits[old] == sizes_[old]) continue;
       moved_to[old] = static_cast<std::uint8_t>(count_);
+      alphabet_.sample[count_] = firsts[i];
       sizes_[count_++] = hits[old];
       sizes_[old] = static_cast<std::uint16_t>(sizes_[old] - hits[old]);
       any = true;
@@ -213,7 +221,27 @@ class Splitter {
   }
   std::uint32_t count() const { return count_; }
 
+  // Samples that have moved to another class are replaced.
+  void mend_samples() {
+    for (std::uint32_t i = 0; i < count_; ++i) {
+      if (alphabet_.class_of[alphabet_.sample[i]] == i) continue;
+      const auto* found = static_cast<const std::uint8_t*>(
+          std::memchr(alphabet_.class_of, static_cast<int>(i), 256));
+      alphabet_.sample[i] =
+          static_cast<std::uint8_t>(found - alphabet_.class_of);
+    }
+  }
+
  private:
+  void split_off(std::uint8_t byte) {
+    const std::uint8_t old = alphabet_.class_of[byte];
+    if (sizes_[old] == 1) return;
+    --sizes_[old];
+    sizes_[count_] = 1;
+    alphabet_.sample[count_] = byte;
+    alphabet_.class_of[byte] = static_cast<std::uint8_t>(count_++);
+  }
+
   Alphabet& alphabet_;
   std::uint16_t sizes_[256] = {};
   std::uint32_t count_ = 1;
@@ -237,14 +265,6 @@ Needs needed_kinds(const RegexProgram& program) {
 
 void set_kinds(Alphabet& alphabet, bool has_assertions, Needs needs) {
   alphabet.edges_only = !needs.words && !needs.newlines;
-  for (unsigned byte = 0; byte < 256; ++byte) {
-    Kind kind = kOther;
-    if (needs.words && is_word_byte(static_cast<std::uint8_t>(byte))) {
-      kind = kWord;
-    }
-    if (needs.newlines && byte == '\n') kind = kNewline;
-    alphabet.kind_of[byte] = kind;
-  }
   const std::uint32_t n = alphabet.num_classes;
   for (std::uint32_t kind = 0; kind < kNumKinds; ++kind) {
     std::uint32_t index = kind;
@@ -253,9 +273,15 @@ void set_kinds(Alphabet& alphabet, bool has_assertions, Needs needs) {
     alphabet.offset_of_kind[kind] = static_cast<std::uint16_t>(index * n);
   }
   alphabet.num_symbols = alphabet.offset_of_kind[kEdge] + n;
+  std::memset(alphabet.kind_of, kOther, sizeof alphabet.kind_of);
+  std::memset(alphabet.offset_of_byte, 0, sizeof alphabet.offset_of_byte);
+  if (alphabet.edges_only) return;
   for (unsigned byte = 0; byte < 256; ++byte) {
-    alphabet.offset_of_byte[byte] =
-        alphabet.offset_of_kind[alphabet.kind_of[byte]];
+    Kind& kind = alphabet.kind_of[byte];
+    const bool is_word = is_word_byte(static_cast<std::uint8_t>(byte));
+    if (needs.words && is_word) kind = kWord;
+    if (needs.newlines && byte == '\n') kind = kNewline;
+    alphabet.offset_of_byte[byte] = alphabet.offset_of_kind[kind];
   }
 }
 
@@ -277,15 +303,14 @@ bool build_alphabet(RegexProgram& program) {
     splitter.split_by(special);
   }
   alphabet.num_classes = splitter.count();
-  for (unsigned byte = 256; byte-- > 0;) {
-    alphabet.sample[alphabet.class_of[byte]] = static_cast<std::uint8_t>(byte);
-  }
+  splitter.mend_samples();
   set_kinds(alphabet, program.tree.has_assertions, needs);
   if (!program.class_sets.resize(program.tree.sets.size())) return false;
   for (std::size_t i = 0; i < program.tree.sets.size(); ++i) {
-    program.tree.sets[i].for_each([&](std::uint8_t byte) {
-      program.class_sets[i].add(alphabet.class_of[byte]);
-    });
+    for (std::uint32_t c = 0; c < alphabet.num_classes; ++c) {
+      const bool has = program.tree.sets[i].has(alphabet.sample[c]);
+      if (has) program.class_sets[i].add(static_cast<std::uint8_t>(c));
+    }
   }
   return true;
 }
@@ -355,8 +380,8 @@ int program_build(RegexProgram& program) {
   if (!emitter.run() || !link_jumps(program) || !build_alphabet(program)) {
     return kRegexNoSpace;
   }
-  program.anchored = !(program.flags & kRegexNewline) &&
-                     begins_anchored(program.tree);
+  program.anchored =
+      !(program.flags & kRegexNewline) && begins_anchored(program.tree);
   return program.bytes() <= program.limits.memory ? 0 : kRegexNoSpace;
 }
 

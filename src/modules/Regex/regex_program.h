@@ -13,16 +13,16 @@ namespace velprobe {
 // Each instruction but kJump goes on with the one behind it.
 enum class Op : std::uint32_t {
   kMatch,
-  kByte,     // takes one byte of set arg
-  kSplit,    // goes on at arg as well
-  kJump,     // goes on at arg
-  kAssert,   // passes where Assertion arg holds
-  kOpen,     // group arg begins
-  kClose,    // group arg ends
-  kReset,    // the groups within node arg have taken no part so far
-  kIterate,  // kReset; an iteration that may not be null begins
+  kByte,      // takes one byte of set arg
+  kSplit,     // goes on at arg as well
+  kJump,      // goes on at arg
+  kAssert,    // passes where Assertion arg holds
+  kOpen,      // group arg begins
+  kClose,     // group arg ends
+  kReset,     // the groups within node arg have taken no part so far
+  kIterate,   // kReset; an iteration that may not be null begins
   kIterated,  // that iteration of node arg ends
-  kBackref,  // backrefs[arg] is taken, or what follows stands for it
+  kBackref,   // backrefs[arg] is taken, or what follows stands for it
   kNop,
 };
 
@@ -38,7 +38,7 @@ constexpr Inst make_inst(Op op, std::uint32_t arg = 0) {
 }
 
 // What stands on one side of a place in the text, as far as assertions ask.
-enum Kind : std::uint32_t { kOther, kWord, kNewline, kEdge };
+enum Kind : std::uint8_t { kOther, kWord, kNewline, kEdge };
 inline constexpr std::uint32_t kNumKinds = 4;
 
 // Place is what stands before and behind a place in the text.
@@ -73,8 +73,8 @@ struct Backref {
 // alike. A symbol is a class and what stands behind it.
 struct Alphabet {
   std::uint8_t class_of[256];
-  std::uint8_t sample[256];         // one byte of each class
-  Kind kind_of[256];                // of each byte
+  std::uint8_t sample[256];           // one byte of each class
+  Kind kind_of[256];                  // of each byte
   std::uint16_t offset_of_byte[256];  // offset_of_kind of the byte's kind
   std::uint16_t offset_of_kind[kNumKinds];
   std::uint32_t num_classes;

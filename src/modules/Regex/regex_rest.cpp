@@ -9,8 +9,7 @@ std::uint64_t* SimulatedRest::set_at(std::size_t at) {
   return sets_.data() + place * 2 * num_words_;
 }
 
-void SimulatedRest::record_marks(const Simulation& simulation,
-                                 std::size_t at) {
+void SimulatedRest::record_marks(const Simulation& simulation, std::size_t at) {
   std::uint64_t* marks = marks_at(at);
   std::fill_n(marks, num_words_, std::uint64_t{0});
   for (std::uint32_t pc : simulation.marks()) {
@@ -33,7 +32,8 @@ bool SimulatedRest::prepare(const Subject& subject, Simulation& simulation,
   const std::size_t needed = num_blocks + 4 * block_size_;
   const std::size_t room =
       (subject.program.limits.memory + 4 * (end - begin)) / 8;
-  if (needed > room / num_words_ || !milestones_.resize(num_blocks * num_words_) ||
+  if (needed > room / num_words_ ||
+      !milestones_.resize(num_blocks * num_words_) ||
       !sets_.resize(4 * block_size_ * num_words_) ||
       !saved_.resize(num_words_)) {
     return false;
@@ -44,9 +44,9 @@ bool SimulatedRest::prepare(const Subject& subject, Simulation& simulation,
   }
   for (std::size_t p = end;; --p) {
     if ((p - begin) % block_size_ == 0 && p != begin) {
-      std::copy_n(simulation.set(), num_words_,
-                  milestones_.data() +
-                      ((p - begin) / block_size_ - 1) * num_words_);
+      std::copy_n(
+          simulation.set(), num_words_,
+          milestones_.data() + ((p - begin) / block_size_ - 1) * num_words_);
     }
     if (p == begin) return true;
     simulation.read_back(subject.class_at(p - 1));

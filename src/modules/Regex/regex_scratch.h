@@ -26,6 +26,7 @@ struct Scratch {
   OnePass one_pass;
   WaySearch ways;
   Array<GroupItem> items;
+  Array<RegexSpan> spans;
   std::uint64_t steps = 0;  // of the last match: bytes read
 
   [[nodiscard]] bool init(const RegexProgram& program);

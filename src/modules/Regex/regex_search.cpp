@@ -14,8 +14,8 @@ struct Run {
   const Subject& subject;
   Entry row;
   std::size_t at;
-  std::size_t from;  // where reading began,
-  std::size_t read;  // and how much was read before
+  std::size_t from;      // where reading began,
+  std::size_t read;      // and how much was read before
   std::size_t accepted;  // the last place where a match could end
   bool any_accepted;
 
@@ -26,8 +26,8 @@ struct Run {
 };
 
 // Follows known transitions up to the place stop, which is before the text's
-// last byte when symbols tell what lies beyond. Returns the first entry with one
-// of the given bits, with run.at behind its byte and run.row before it.
+// last byte when symbols tell what lies beyond. Returns the first entry with
+// one of the given bits, with run.at behind its byte and run.row before it.
 template <bool kAhead>
 Entry follow(Run& run, const Entry* table, std::size_t stop, Entry bits) {
   const Alphabet& alphabet = run.subject.program.alphabet;
@@ -105,8 +105,8 @@ bool skip(Run& run, Scratch& scratch, Hint& hint, Entry* entry,
 }  // namespace
 
 // Follows known transitions back to stop, which is behind the text's first byte
-// when symbols tell what lies before. Returns the first entry that is unknown or
-// stops, with *at before its byte and *row behind it.
+// when symbols tell what lies before. Returns the first entry that is unknown
+// or stops, with *at before its byte and *row behind it.
 template <bool kAhead>
 Entry follow_back(const Subject& subject, const Entry* table, std::size_t stop,
                   std::size_t* at, Entry* row, Entry* kept,
@@ -115,8 +115,7 @@ Entry follow_back(const Subject& subject, const Entry* table, std::size_t stop,
   std::size_t place = *at;
   Entry entry = *row;
   while (place > stop) {
-    std::uint32_t symbol =
-        alphabet.class_of[byte_at(subject.text, place - 1)];
+    std::uint32_t symbol = alphabet.class_of[byte_at(subject.text, place - 1)];
     if constexpr (kAhead) {
       symbol += alphabet.offset_of_byte[byte_at(subject.text, place - 2)];
     }
@@ -149,11 +148,10 @@ Entry run_back(const Subject& subject, Dfa& dfa, std::uint32_t part,
     if (entry & kAccepts) *accepted = *at;
     if (kept != nullptr) kept[*at] = row;
     if (entry & kStops || *at == begin) return entry;
-    entry = alphabet.edges_only
-                ? follow_back<false>(subject, dfa.table(), stop, at, &row,
-                                     kept, accepted)
-                : follow_back<true>(subject, dfa.table(), stop, at, &row, kept,
-                                    accepted);
+    entry = alphabet.edges_only ? follow_back<false>(subject, dfa.table(), stop,
+                                                     at, &row, kept, accepted)
+                                : follow_back<true>(subject, dfa.table(), stop,
+                                                    at, &row, kept, accepted);
     if ((entry != kUnknown && entry & kStops) || *at == begin) return entry;
     const std::uint32_t symbol = subject.symbol_back(*at);
     --*at;

@@ -25,11 +25,12 @@ Found simulate_search(const Subject& subject, Scratch& scratch,
 Found find_span(const Subject& subject, Scratch& scratch, std::size_t begin,
                 bool any, RegexSpan* out_span);
 
-// find_by_one_pass tries the place where a match could first begin: *out_span
-// and the spans of the groups are set on kYes. Otherwise nothing is known.
+// find_by_one_pass tries the place where a match could first begin, which is
+// then *out_span's begin. kYes: that is the match, and spans has its groups.
+// kNo: there is none. kGivenUp: nothing is known of that place.
 Found find_by_one_pass(const Subject& subject, Scratch& scratch,
-                       std::size_t begin, RegexSpan* out_span,
-                       RegexSpan* spans, std::size_t num_spans);
+                       std::size_t begin, RegexSpan* out_span, RegexSpan* spans,
+                       std::size_t num_spans);
 
 // find_groups fills in the spans of the groups numbered 1 to num_spans - 1 of
 // the match span; they are -1 before. Returns 0 or kRegexNoSpace.

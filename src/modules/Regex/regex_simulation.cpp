@@ -30,7 +30,8 @@ bool Simulation::init(const RegexProgram& program, Walker& walker) {
   const std::size_t classes = program.alphabet.num_classes;
   const bool masked = words * classes * sizeof(std::uint64_t) <= kMaskBytes;
   if (!now_.resize(words) || !then_.resize(words) || !is_byte_.resize(words) ||
-      !is_plain_.resize(words) || !masks_.resize(masked ? words * classes : 0)) {
+      !is_plain_.resize(words) ||
+      !masks_.resize(masked ? words * classes : 0)) {
     return false;
   }
   for (std::uint32_t pc = 0; pc < program.code.size(); ++pc) {

@@ -37,8 +37,8 @@ class Simulation {
   // What the last step backwards reached and is marked.
   const Array<std::uint32_t>& marks() const;
   std::size_t bytes() const {
-    return now_.bytes() + then_.bytes() + is_byte_.bytes() +
-           is_plain_.bytes() + masks_.bytes();
+    return now_.bytes() + then_.bytes() + is_byte_.bytes() + is_plain_.bytes() +
+           masks_.bytes();
   }
 
  private:

@@ -39,8 +39,8 @@ void size_repeat(const Tree& tree, Node& node) {
   }
   if (node.value == node.max && child.length != kVaries) {
     const std::uint64_t length = std::uint64_t{child.length} * node.max;
-    node.length = length < kTooLarge ? static_cast<std::uint32_t>(length)
-                                     : kVaries;
+    node.length =
+        length < kTooLarge ? static_cast<std::uint32_t>(length) : kVaries;
   } else {
     node.length = node.only_null ? 0 : kVaries;
   }

@@ -55,8 +55,8 @@ bool Walker::push_jumps(std::uint32_t pc, std::uint32_t first,
   return true;
 }
 
-bool Walker::backward(std::uint32_t pc, std::uint32_t first,
-                      std::uint32_t last, Place place) {
+bool Walker::backward(std::uint32_t pc, std::uint32_t first, std::uint32_t last,
+                      Place place) {
   for (stack_.clear();;) {
     while (visit(pc)) {
       if (program_->is_marked(pc) && !marks.push(pc)) return false;
