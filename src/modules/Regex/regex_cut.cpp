@@ -200,6 +200,8 @@ bool SpanCutter::cut(const Piece& piece, std::size_t from,
 
 bool SpanCutter::matches_null(const Subject& subject, std::uint32_t node,
                               std::size_t at, bool* out_answer) {
+  *out_answer = program_->tree.nodes[node].nullable;
+  if (!*out_answer || !program_->tree.has_assertions) return true;
   const Part part = part_of(node);
   walker_->restart();
   if (!walker_->forward(part.first, part.last, subject.place(at))) return false;

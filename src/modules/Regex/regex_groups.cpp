@@ -185,8 +185,8 @@ Found find_by_one_pass(const Subject& subject, Scratch& scratch,
   OnePass& one_pass = scratch.one_pass;
   const std::size_t budget = subject.program.limits.memory / 16;
   out_span->begin = static_cast<std::ptrdiff_t>(begin);
-  if (!one_pass.useful()) return Found::kGivenUp;
   if (!one_pass.init(subject.program, budget)) return Found::kNoSpace;
+  if (!one_pass.useful()) return Found::kGivenUp;
   Hint hint;
   std::size_t first = begin;
   if (scratch.finder.skips()) {
