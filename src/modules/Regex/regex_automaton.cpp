@@ -238,6 +238,10 @@ void Dfa::tag_start(bool tags) {
   forget();
 }
 
+std::size_t Dfa::bytes() const {
+  return table_.bytes() + states_.bytes() + sets_.bytes() + parts_.bytes();
+}
+
 void Dfa::make_room() {
   const std::size_t used = table_.size() * sizeof(Entry) +
                            states_.size() * sizeof(State) +
@@ -259,6 +263,13 @@ Entry Dfa::intern(std::uint32_t part, bool may_forget) {
   return add_state(part, hash);
 }
 
+// Makes room for size values; by a quarter more, for memory is counted.
+template <class T>
+bool Dfa::grow(Array<T>& array, std::size_t size) {
+  if (size <= array.capacity()) return true;
+  return array.reserve(size + array.capacity() / 4 + 64);
+}
+
 Entry Dfa::add_state(std::uint32_t part, std::uint32_t hash) {
   const std::size_t index = states_.size();
   const std::size_t row = index << shift_;
@@ -276,14 +287,9 @@ Entry Dfa::add_state(std::uint32_t part, std::uint32_t hash) {
   if (!has_pcs && !starts) state.tagged |= kStops;
   if (!has_pcs && starts && tags_start_) state.tagged |= kStart;
   const std::size_t new_row = std::size_t{1} << shift_;
-  if (!sets_.reserve(std::max(state.set + members_.size(),
-                              state.set + members_.size() > sets_.capacity()
-                                  ? 2 * sets_.capacity()
-                                  : 0)) ||
-      !table_.reserve(row + new_row > table_.capacity()
-                          ? std::max<std::size_t>(2 * row, 8 * new_row)
-                          : 0) ||
-      !table_.resize(row + new_row) || !states_.push(state)) {
+  if (!grow(sets_, state.set + members_.size()) ||
+      !grow(table_, row + new_row) || !table_.resize(row + new_row) ||
+      !grow(states_, index + 1) || !states_.push(state)) {
     return kUnknown;
   }
   for (std::uint32_t pc : members_) {

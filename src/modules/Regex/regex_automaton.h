@@ -86,6 +86,7 @@ class Dfa {
   // kUnknown: memory is short.
   Entry step(Entry row, std::uint32_t symbol, std::uint64_t moved);
 
+  std::size_t bytes() const;
   const Entry* table() const { return table_.data(); }
   // Whether states where nothing is under way have kStart. Forgets all states.
   void tag_start(bool tags);
@@ -146,6 +147,8 @@ class Dfa {
   Entry add_state(std::uint32_t part, std::uint32_t hash);
   std::uint32_t hash_members(std::uint32_t part) const;
   bool has_room() const;
+  template <class T>
+  [[nodiscard]] static bool grow(Array<T>& array, std::size_t size);
   void forget();
 
   const RegexProgram* program_ = nullptr;

@@ -21,8 +21,14 @@ void SeenSet::restart(std::size_t key_length, std::size_t budget) {
   key_length_ = key_length;
   budget_ = budget;
   keys_.clear();
-  std::memset(static_cast<void*>(slots_.data()), 0,
-              slots_.size() * sizeof slots_[0]);
+  std::fill(slots_.begin(), slots_.end(), 0U);
+}
+
+void SeenSet::release() {
+  constexpr std::size_t kSmall = 1 << 12;
+  if (slots_.size() <= kSmall) return;
+  slots_ = {};
+  keys_ = {};
 }
 
 std::size_t SeenSet::slot_of(const std::size_t* key) const {
@@ -44,7 +50,7 @@ bool SeenSet::grow() {
   const std::size_t keys = size / 2 * key_length_;
   if (size * sizeof slots_[0] + keys * sizeof keys_[0] > budget_) return false;
   if (!keys_.reserve(keys) || !slots_.resize(size)) return false;
-  std::memset(static_cast<void*>(slots_.data()), 0, size * sizeof slots_[0]);
+  std::fill(slots_.begin(), slots_.end(), 0U);
   const std::size_t count = keys_.size() / key_length_;
   for (std::size_t i = 0; i < count; ++i) {
     slots_[slot_of(keys_.data() + i * key_length_)] =
@@ -74,7 +80,7 @@ bool equal_bytes(const Subject& subject, std::size_t a, std::size_t b,
                  std::size_t length) {
   const char* text = subject.text;
   if (!(subject.program.flags & kRegexIgnoreCase)) {
-    return std::memcmp(text + a, text + b, length) == 0;
+    return length == 0 || std::memcmp(text + a, text + b, length) == 0;
   }
   for (std::size_t i = 0; i < length; ++i) {
     const std::uint8_t x = byte_at(text, a + i);
@@ -141,6 +147,12 @@ std::size_t WaySearch::next(const Subject& subject, std::size_t at,
     if (differing == 0 || (folds && differing == 0x20)) return at;
   }
   return at;
+}
+
+void WaySearch::release() {
+  constexpr std::size_t kSmall = 1 << 12;
+  if (tasks_.capacity() > kSmall) tasks_ = {};
+  seen_.release();
 }
 
 bool WaySearch::set(std::size_t number, std::size_t value) {
@@ -229,7 +241,8 @@ bool WaySearch::step(const Subject& subject, Inst inst, std::size_t* pc,
              program_->takes(inst, subject.class_at((*at)++));
     case Op::kSplit:
       if (!is_new(*pc, *at)) return false;
-      failed_ |= !tasks_.push({arg, *at, 0});
+      failed_ |= tasks_.size() > program_->limits.memory / 2 / sizeof(Task) ||
+                 !tasks_.push({arg, *at, 0});
       return true;
     case Op::kJump:
       *pc = arg;

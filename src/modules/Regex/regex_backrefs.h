@@ -14,6 +14,8 @@ struct Scratch;
 class SeenSet {
  public:
   void restart(std::size_t key_length, std::size_t budget);
+  // release gives much memory back; restart comes before the next key.
+  void release();
   // add is true when the key is new, as far as remembered.
   bool add(const Array<std::size_t>& key);
 
@@ -46,6 +48,9 @@ class WaySearch {
   // with any to the end of one. Takes its steps from *budget.
   Outcome run(const Subject& subject, std::size_t begin, bool any,
               std::uint64_t* budget, std::size_t* out_end);
+
+  // release gives back what grew with the text.
+  void release();
 
  private:
   // What is left to do: go on at an instruction, or give a register its former

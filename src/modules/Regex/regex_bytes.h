@@ -22,7 +22,8 @@ class Array {
   Array() = default;
   Array(Array&& other) noexcept { swap(other); }
   Array& operator=(Array&& other) noexcept {
-    swap(other);
+    Array taken(std::move(other));
+    swap(taken);
     return *this;
   }
   ~Array() { std::free(data_); }

@@ -21,8 +21,14 @@ bool SpanCutter::init(const RegexProgram& program, Walker& walker, Dfa& back,
 }
 
 std::size_t SpanCutter::bytes() const {
-  return forward_numbers_.bytes() + back_numbers_.bytes() + rows_.bytes() +
+  return forward_.bytes() + forward_numbers_.bytes() + back_numbers_.bytes() +
          meetings_.bytes();
+}
+
+void SpanCutter::release() {
+  constexpr std::size_t kSmall = 1 << 16;
+  if (rows_.bytes() > kSmall) rows_ = {};
+  rest_ = {};
 }
 
 Part SpanCutter::part_of(std::uint32_t node) const {
@@ -48,7 +54,7 @@ std::uint32_t SpanCutter::number_of(Array<std::uint32_t>& numbers, Dfa& dfa,
 bool SpanCutter::keep_rows(std::uint32_t part, bool keep, bool* out_done) {
   std::size_t at = end_;
   std::size_t accepted = 0;
-  Entry* kept = keep ? rows_.data() - begin_ : nullptr;
+  Entry* kept = keep ? rows_.data() : nullptr;
   const Entry entry =
       run_back(*subject_, *back_, part, begin_, &at, kept, &accepted);
   if (!keep && entry < kThrashing) rows_[0] = entry & kRowMask;

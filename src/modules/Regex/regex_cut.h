@@ -15,9 +15,9 @@ struct Piece {
 };
 
 // run_back runs a part back from *at to begin or to where it stops, and leaves
-// *at there. It stores the state at each place p in kept[p], when not null, and
-// the last place where the part could begin in *accepted. Returns the last
-// state's entry, or kUnknown or kThrashing as Dfa::step.
+// *at there. It stores the state at each place p in kept[p - begin], when not
+// null, and the last place where the part could begin in *accepted. Returns the
+// last state's entry, or kUnknown or kThrashing as Dfa::step.
 Entry run_back(const Subject& subject, Dfa& dfa, std::uint32_t part,
                std::size_t begin, std::size_t* at, Entry* kept,
                std::size_t* accepted);
@@ -55,6 +55,9 @@ class SpanCutter {
   [[nodiscard]] bool ends_of(const Subject& subject, std::uint32_t node,
                              std::size_t from, std::size_t limit,
                              Array<std::size_t>& ends);
+
+  // release gives back what grew with the last span.
+  void release();
 
   std::uint64_t steps = 0;
   std::size_t bytes() const;

@@ -7,7 +7,8 @@
 namespace velprobe {
 
 bool Scratch::init(const RegexProgram& program) {
-  // Arrays may take twice what they use, so the budgets add up to a half.
+  // The budgets add up to a half; arrays may take a quarter more than they use,
+  // and a simulation needs room beside them.
   const std::size_t memory = program.limits.memory;
   if (!walker.init(program) || !finder.init(program, walker)) {
     return false;
@@ -17,6 +18,13 @@ bool Scratch::init(const RegexProgram& program) {
   }
   search.tag_start(finder.skips());
   return back.init(program, walker, Direction::kBackward, memory / 16 * 3);
+}
+
+void Scratch::release() {
+  constexpr std::size_t kSmall = 1 << 12;
+  cutter.release();
+  ways.release();
+  if (items.capacity() > kSmall) items = {};
 }
 
 namespace {
@@ -48,11 +56,14 @@ class ScratchLease {
   ScratchLease& operator=(const ScratchLease&) = delete;
   ~ScratchLease() {
     if (scratch_ == nullptr) return;
-    for (std::atomic<Scratch*>& slot : program_.slots) {
+    scratch_->release();
+    // Only the first slot keeps a large one.
+    const bool large = scratch_->bytes() > program_.limits.memory / 16;
+    for (std::size_t i = 0; i < (large ? 1 : RegexProgram::kNumSlots); ++i) {
       Scratch* empty = nullptr;
-      if (slot.compare_exchange_strong(empty, scratch_,
-                                       std::memory_order_release,
-                                       std::memory_order_relaxed)) {
+      if (program_.slots[i].compare_exchange_strong(
+              empty, scratch_, std::memory_order_release,
+              std::memory_order_relaxed)) {
         return;
       }
     }

@@ -71,6 +71,9 @@ class ParseSearch {
   Try match_plain(const Goal& goal);
   Try retry();
   bool is_new(const Goal& goal);
+  std::size_t bytes() const {
+    return goals_.bytes() + choices_.bytes() + changes_.bytes() + ends_.bytes();
+  }
 
   const Subject& subject_;
   const Tree& tree_;
@@ -304,8 +307,10 @@ ParseSearch::Try ParseSearch::retry() {
 
 Outcome ParseSearch::run(std::size_t begin, std::size_t end) {
   if (!push(Aim::kNode, tree_.root, begin, end)) return Outcome::kNoSpace;
+  const std::size_t room =
+      subject_.program.limits.memory / 2 + 8 * (end - begin);
   while (head_ != 0) {
-    if (*budget_ == 0) return Outcome::kNoSpace;
+    if (*budget_ == 0 || bytes() > room) return Outcome::kNoSpace;
     --*budget_;
     const Goal goal = goals_[head_];
     head_ = goal.next;

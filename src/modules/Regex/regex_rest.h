@@ -26,7 +26,6 @@ class SimulatedRest {
                           std::size_t at);
 
  private:
-  std::size_t words() const { return num_words_; }
   std::uint64_t* set_at(std::size_t at);
   std::uint64_t* marks_at(std::size_t at) { return set_at(at) + num_words_; }
   [[nodiscard]] bool need(const Subject& subject, Simulation& simulation,

@@ -35,7 +35,12 @@ struct Scratch {
     return cutter.init(program, walker, back, simulation,
                        program.limits.memory / 16);
   }
-  std::size_t bytes() const;
+  // release gives back what grew with the text; what is left takes bytes.
+  void release();
+  std::size_t bytes() const {
+    return walker.bytes() + search.bytes() + back.bytes() + cutter.bytes() +
+           simulation.bytes();
+  }
 };
 
 }  // namespace velprobe

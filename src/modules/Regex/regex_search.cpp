@@ -109,7 +109,7 @@ bool skip(Run& run, Scratch& scratch, Hint& hint, Entry* entry,
 // or stops, with *at before its byte and *row behind it.
 template <bool kAhead>
 Entry follow_back(const Subject& subject, const Entry* table, std::size_t stop,
-                  std::size_t* at, Entry* row, Entry* kept,
+                  std::size_t begin, std::size_t* at, Entry* row, Entry* kept,
                   std::size_t* accepted) {
   const Alphabet& alphabet = subject.program.alphabet;
   std::size_t place = *at;
@@ -128,7 +128,7 @@ Entry follow_back(const Subject& subject, const Entry* table, std::size_t stop,
     --place;
     *row = entry & kRowMask;
     if (entry & kAccepts) *accepted = place;
-    if (kept != nullptr) kept[place] = *row;
+    if (kept != nullptr) kept[place - begin] = *row;
     if (entry & kStops) break;
   }
   *at = place;
@@ -146,12 +146,13 @@ Entry run_back(const Subject& subject, Dfa& dfa, std::uint32_t part,
     if (entry >= kThrashing) return entry;
     Entry row = entry & kRowMask;
     if (entry & kAccepts) *accepted = *at;
-    if (kept != nullptr) kept[*at] = row;
+    if (kept != nullptr) kept[*at - begin] = row;
     if (entry & kStops || *at == begin) return entry;
-    entry = alphabet.edges_only ? follow_back<false>(subject, dfa.table(), stop,
-                                                     at, &row, kept, accepted)
-                                : follow_back<true>(subject, dfa.table(), stop,
-                                                    at, &row, kept, accepted);
+    entry = alphabet.edges_only
+                ? follow_back<false>(subject, dfa.table(), stop, begin, at,
+                                     &row, kept, accepted)
+                : follow_back<true>(subject, dfa.table(), stop, begin, at, &row,
+                                    kept, accepted);
     if ((entry != kUnknown && entry & kStops) || *at == begin) return entry;
     const std::uint32_t symbol = subject.symbol_back(*at);
     --*at;
