@@ -332,7 +332,7 @@ struct Maker {
     part.is = Is::kAlt;
     do {
       part.parts.push_back(sequence());
-    } while (next(3) == 0 && budget > 0);
+    } while (next(3) == 0 && --budget > 0);
     return part;
   }
 
