@@ -10,6 +10,10 @@
 #include <memory>
 #include <string_view>
 
+namespace velprobe {
+struct RegexProgram;  // the library's own
+}
+
 #pragma GCC visibility push(default)
 namespace velprobe {
 
@@ -50,8 +54,6 @@ struct RegexSpan {
   std::ptrdiff_t begin;
   std::ptrdiff_t end;
 };
-
-struct RegexProgram;
 
 // Regex is a compiled expression. Any number of threads may match with one at
 // the same time. regex_free ends it.

@@ -31,10 +31,17 @@ struct Subject {
   // The symbol of the byte at p for a run forwards, of the byte before p for
   // one backwards.
   std::uint32_t symbol(std::size_t p) const {
-    return class_at(p) + program.alphabet.offset_of_kind[after(p + 1)];
+    const Alphabet& alphabet = program.alphabet;
+    if (p + 1 == size)
+      return class_at(p) + alphabet.offset_of_kind[after(size)];
+    if (alphabet.edges_only) return class_at(p);
+    return class_at(p) + alphabet.offset_of_byte[byte_at(text, p + 1)];
   }
   std::uint32_t symbol_back(std::size_t p) const {
-    return class_at(p - 1) + program.alphabet.offset_of_kind[before(p - 1)];
+    const Alphabet& alphabet = program.alphabet;
+    if (p == 1) return class_at(0) + alphabet.offset_of_kind[before(0)];
+    if (alphabet.edges_only) return class_at(p - 1);
+    return class_at(p - 1) + alphabet.offset_of_byte[byte_at(text, p - 2)];
   }
 };
 
