@@ -98,7 +98,7 @@ struct Glibc : Engine {
   }
 };
 
-constexpr int kGlibcUnused = REG_EXTENDED;  // its macros end here
+// TRE's header has macros of the same names.
 #undef REG_EXTENDED
 #undef REG_ICASE
 #undef REG_NEWLINE

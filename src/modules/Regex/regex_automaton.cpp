@@ -103,7 +103,7 @@ Entry Dfa::initial(std::uint32_t part, Place place) {
     good = good && begin_anew(place, false);
   }
   if (!good) return kUnknown;
-  const Entry entry = intern(part, true);
+  const Entry entry = intern(part);
   if (entry < kThrashing) parts_[part].initial[place.index()] = entry;
   return entry;
 }
@@ -187,7 +187,7 @@ Entry Dfa::step(Entry row, std::uint32_t symbol, std::uint64_t moved) {
                         : step_forward(from, symbol);
   if (!good) return kUnknown;
   const std::uint32_t generation = generation_;
-  const Entry entry = intern(from.part, true);
+  const Entry entry = intern(from.part);
   if (entry < kThrashing && generation == generation_) {
     table_[row + symbol] = entry;
   }
@@ -249,14 +249,14 @@ void Dfa::make_room() {
   if (used > budget_ / 2) forget();
 }
 
-Entry Dfa::intern(std::uint32_t part, bool may_forget) {
+Entry Dfa::intern(std::uint32_t part) {
   const std::uint32_t hash = hash_members(part);
   const Entry known = find(part, hash);
   if (known != kUnknown) return known;
   if (!has_room()) {
     const bool useful = moved_ >= kBytesAState * states_.size();
     const bool few = states_.size() < kFewStates;
-    if (pinned_ || !may_forget) return kThrashing;
+    if (pinned_) return kThrashing;
     forget();
     if (!useful || few || !has_room()) return kThrashing;
   }

@@ -142,7 +142,7 @@ class Dfa {
   const StartSet* start_set(Place place);
   Place place_behind(std::uint32_t symbol) const;
   void begin_members();
-  Entry intern(std::uint32_t part, bool may_forget);
+  Entry intern(std::uint32_t part);
   Entry find(std::uint32_t part, std::uint32_t hash) const;
   Entry add_state(std::uint32_t part, std::uint32_t hash);
   std::uint32_t hash_members(std::uint32_t part) const;
