@@ -3,13 +3,12 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <charconv>
 #include <clocale>
 #include <cmath>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <limits>
-#include <system_error>
 
 #include "../util/byte_buffer.h"
 
@@ -23,7 +22,6 @@ constexpr std::uint32_t kFillerTag = 0x19 * 8;
 constexpr std::uint32_t kFirstHighTag = 31 * 8;
 constexpr std::uint32_t kLongestInteger = 5;
 constexpr std::uint32_t kLongestReal = 59;
-constexpr int kRealPrecision = 6;  // digits behind the point
 
 // Format bytes of reals (X.690 8.5): a decimal text, and the special values in
 // this protocol's own assignment.
@@ -220,14 +218,28 @@ ErrorText skip_open_list(BerStream& stream, const char* not_terminated) {
   return {};
 }
 
-// strtod takes more forms than std::from_chars, and peers may use them; its
-// point is the one of the thread's locale.
+// PointLocale makes the thread's numbers those of the C locale, with a point,
+// for as long as it lives. printf and strtod by it, rather than <charconv>:
+// strtod takes more forms, which peers may use, and std::to_chars would be a
+// third of the program and load the mathematics library.
+class PointLocale {
+ public:
+  PointLocale() = default;
+  PointLocale(const PointLocale&) = delete;
+  PointLocale& operator=(const PointLocale&) = delete;
+  ~PointLocale() { ::uselocale(callers_); }
+
+ private:
+  static locale_t c_locale() {
+    static const locale_t locale = ::newlocale(LC_ALL_MASK, "C", nullptr);
+    return locale;
+  }
+  locale_t callers_ = ::uselocale(c_locale());
+};
+
 double real_of(const char* text) {
-  static const locale_t c_locale = ::newlocale(LC_ALL_MASK, "C", nullptr);
-  const locale_t callers_locale = ::uselocale(c_locale);
-  const double value = std::strtod(text, nullptr);
-  ::uselocale(callers_locale);
-  return value;
+  const PointLocale locale;
+  return std::strtod(text, nullptr);
 }
 
 // Reads length bytes into a buffer that grows as they arrive.
@@ -443,16 +455,13 @@ ErrorText write_real(BerStream& stream, double value) {
     add_length(piece, 0);
   } else if (std::isfinite(value)) {
     std::array<char, kLongestReal> text;
-    // As printf's "%e" in the C locale; the process may have another.
-    const auto [end, failure] =
-        std::to_chars(text.data(), text.data() + text.size(), value,
-                      std::chars_format::scientific, kRealPrecision);
-    if (failure != std::errc())
+    const PointLocale locale;
+    const int length = std::snprintf(text.data(), text.size(), "%e", value);
+    if (length < 0 || static_cast<std::size_t>(length) >= text.size())
       return "String representation of double larger than buffer";
-    const auto length = static_cast<std::size_t>(end - text.data());
     add_length(piece, static_cast<std::uint32_t>(length) + 1);
     piece.add(kRealText);
-    piece.add(text.data(), length);
+    piece.add(text.data(), static_cast<std::size_t>(length));
   } else {
     add_length(piece, 1);
     piece.add(std::isnan(value) ? kRealNotANumber
