@@ -19,6 +19,8 @@ if ! command -v promtool >/dev/null &&
   exit 0
 fi
 
+# Before the server, which may take its time to write.
+: >"$work/server"
 "$build/tools/standin/velstandin" --port 0 --no-discovery --node good \
   >"$work/server" &
 server=$!
