@@ -1,6 +1,6 @@
 // The AES block transform (FIPS 197) and its modes, on whole blocks, behind one
-// table that each path fills: a portable one, and one on the processor's own AES
-// instructions. Time and memory accesses of neither depend on key or data.
+// table that each path fills: a portable one, and one on the processor's own
+// AES instructions. Time and memory accesses of neither depend on key or data.
 // Internal to this folder and its tests: it checks nothing.
 #ifndef VELPROBE_MODULES_CRYPTO_AES_BLOCK_H_
 #define VELPROBE_MODULES_CRYPTO_AES_BLOCK_H_
