@@ -324,7 +324,7 @@ struct Maker {
   void add_anchor(Part& cat, bool front) {
     Part part;
     part.is = Is::kAssert;
-    part.text = part.bytes = front ? "^" : "$";
+    part.text = part.bytes = std::string(1, front ? '^' : '$');
     cat.parts.insert(front ? cat.parts.begin() : cat.parts.end(), part);
   }
   Part alternatives() {
