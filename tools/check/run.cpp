@@ -1,6 +1,7 @@
 #include "run.h"
 
 #include <algorithm>
+#include <string_view>
 #include <tuple>
 #include <utility>
 
@@ -25,6 +26,10 @@ Clock::duration duration_of(double seconds) {
       std::chrono::duration<double>(seconds));
 }
 
+std::string scan_remark(std::string_view interface, std::string_view what) {
+  return joined({"scan on ", interface, ": ", what});
+}
+
 }  // namespace
 
 Run::Run(Plan plan, const Settings& settings)
@@ -46,9 +51,13 @@ void Run::start() {
                                 });
   for (std::size_t i = 0; i < plan_.servers.size(); ++i) add_jobs(i);
   if (!settings_.scan) return;
-  scans_ = start_scans(plan_.port, [self](const Scanned& scanned) {
-    self->take_scanned(scanned);
-  });
+  std::set<std::string> unscanned;
+  scans_ = start_scans(
+      plan_.port,
+      [self](const Scanned& scanned) { self->take_scanned(scanned); },
+      unscanned);
+  for (const std::string& interface : unscanned)
+    remarks_.push_back(scan_remark(interface, kNoThread));
 }
 
 void Run::add_jobs(std::size_t server) {
@@ -125,8 +134,7 @@ void Run::take_scanned(const Scanned& scanned) {
   if (closed_) return;
   scans_.erase(scanned.interface);
   if (!scanned.failure.empty())
-    remarks_.push_back(
-        joined({"scan on ", scanned.interface, ": ", scanned.failure}));
+    remarks_.push_back(scan_remark(scanned.interface, scanned.failure));
   for (const std::string& address : scanned.servers) {
     const auto is_asked = [&](const Job& job) {
       return job.row.address == address && job.row.port == plan_.port;
@@ -243,8 +251,7 @@ void Run::close() {
       settle(job, Result::kTimeout, text_of_unknown(job));
   }
   for (const std::string& interface : scans_)
-    remarks_.push_back(
-        joined({"scan on ", interface, ": not finished in time"}));
+    remarks_.push_back(scan_remark(interface, "not finished in time"));
 }
 
 std::vector<Row> Run::rows() {

@@ -44,19 +44,20 @@ bool start_scan(const std::string& name, const NicInfo* nic, std::uint16_t port,
 
 }  // namespace
 
-std::set<std::string> start_scans(std::uint16_t port, const Deliver& deliver) {
+std::set<std::string> start_scans(std::uint16_t port, const Deliver& deliver,
+                                  std::set<std::string>& out_unscanned) {
   const std::unique_ptr<NicInfo[]> nics = list_nics();
   std::set<std::string> names;
   const auto start = [&](const char* name, const NicInfo* nic) {
     if (!names.insert(name).second) return;
     if (start_scan(name, nic, port, deliver)) return;
     names.erase(name);
-    deliver({name, {}, kNoThread});
+    out_unscanned.insert(name);
   };
   for (const NicInfo* nic = nics.get(); nic != nullptr && nic->name[0] != '\0';
        ++nic)
     start(nic->name, nic);
-  if (names.empty()) start(kAnyInterface, nullptr);
+  if (names.empty() && out_unscanned.empty()) start(kAnyInterface, nullptr);
   return names;
 }
 

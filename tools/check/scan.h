@@ -19,10 +19,11 @@ struct Scanned {
 
 // start_scans starts a scan on each interface in a thread of its own, so that
 // one that fails says nothing about the others, and gives their names. deliver
-// is called once for each, in that thread; where no thread is to be had, at
-// once.
+// is called once for each, in that thread. Interfaces for which no thread is to
+// be had go to out_unscanned instead.
 std::set<std::string> start_scans(
-    std::uint16_t port, const std::function<void(const Scanned&)>& deliver);
+    std::uint16_t port, const std::function<void(const Scanned&)>& deliver,
+    std::set<std::string>& out_unscanned);
 
 }  // namespace velprobe::check
 
