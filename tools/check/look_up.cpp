@@ -57,7 +57,10 @@ bool LookUps::add(std::size_t number, const std::string& name) {
   const std::lock_guard lock(mutex_);
   waiting_.push_back({number, name});
   changed_.notify_one();
-  return grow();
+  if (grow()) return true;
+  // Whoever came later would look it up after all, and tell it twice.
+  waiting_.pop_back();
+  return false;
 }
 
 // grow starts another thread if there is work for one. With fewer threads than
