@@ -8,8 +8,8 @@
 namespace velprobe::check {
 
 // watch_for_wake_ups is to be called once, before all else here. From then on
-// SIGINT and SIGTERM ask the run to stop; a second one ends the program at once
-// with the status for an unknown verdict.
+// SIGINT and SIGTERM ask the run to stop; another one a second later or after
+// that ends the program at once with the status for an unknown verdict.
 //   "Error creating an event descriptor: %s", "Error watching signals: %s"
 ErrorText watch_for_wake_ups();
 
