@@ -1,6 +1,7 @@
 #include "output.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -125,12 +126,19 @@ bool is_regular(int file) {
   return ::fstat(file, &status) != 0 || S_ISREG(status.st_mode);
 }
 
+// The pipe that a caller hands down may be non-blocking.
+bool wait_for_room(int descriptor) {
+  pollfd waited = {descriptor, POLLOUT, 0};
+  return ::poll(&waited, 1, -1) >= 0 || errno == EINTR;
+}
+
 }  // namespace
 
 bool write_all(int descriptor, std::string_view text) {
   while (!text.empty()) {
     const ssize_t written = ::write(descriptor, text.data(), text.size());
     if (written < 0 && errno == EINTR) continue;
+    if (written < 0 && errno == EAGAIN && wait_for_room(descriptor)) continue;
     if (written < 0) return false;
     text.remove_prefix(static_cast<std::size_t>(written));
   }
