@@ -417,6 +417,8 @@ TEST(Check, EndsWithUnknownAfterBadUsage) {
       {"a:b"},
       {"::1"},
       {"-f", "/nonexistent/agent.conf"},
+      {"-f", "/nonexistent/agent.conf", "--prometheus", "--output",
+       "/dev/null"},
       {"--servers-from", "/nonexistent"},
       {"--servers-from", "/"},
   };

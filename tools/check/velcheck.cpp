@@ -23,6 +23,7 @@
 #include "prometheus.h"
 #include "report.h"
 #include "run.h"
+#include "util/printable_text.h"
 #include "util/standard_streams.h"
 #include "wake_up.h"
 
@@ -39,8 +40,10 @@ Clock::duration duration_of(double seconds) {
       std::chrono::duration<double>(seconds));
 }
 
-int complain(const char* text) {
-  std::fprintf(stderr, "velcheck: %s\n", text);
+// The text may hold words of a file.
+int complain(std::string text) {
+  replace_control_bytes(text.data());
+  std::fprintf(stderr, "velcheck: %s\n", text.c_str());
   return kUnknown;
 }
 
@@ -90,9 +93,17 @@ std::string text_of(const Report& report, Format format) {
   return {};
 }
 
+// Rows and metrics have no place for what is said of the whole run.
+void tell_besides(const Report& report, Format format) {
+  if (format == Format::kPlugin || format == Format::kJson) return;
+  if (!report.error.empty()) complain(report.error);
+  for (const std::string& remark : report.remarks) complain(remark);
+}
+
 int write_report(const Report& report, Output& output) {
+  tell_besides(report, output.format);
   if (output.format == Format::kJsonLines && !report.error.empty())
-    return complain(report.error.c_str());
+    return report.status;
   if (output.path != nullptr) {
     if (ErrorText error =
             replace_file(output.path, text_of(report, output.format)))
