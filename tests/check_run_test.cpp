@@ -399,6 +399,9 @@ TEST(Check, MakesDoWithFewDescriptors) {
 // --- The way out ------------------------------------------------------------
 
 TEST(Check, EndsWithUnknownAfterBadUsage) {
+  TempFolder folder;
+  const string pipe = folder.path("pipe");
+  ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
   const Words rows[] = {
       {},
       {"--bogus"},
@@ -419,6 +422,8 @@ TEST(Check, EndsWithUnknownAfterBadUsage) {
       {"-f", "/nonexistent/agent.conf"},
       {"-f", "/nonexistent/agent.conf", "--prometheus", "--output",
        "/dev/null"},
+      {"-f", pipe, "-t", "0.1"},
+      {"--servers-from", pipe, "-t", "0.1"},
       {"--servers-from", "/nonexistent"},
       {"--servers-from", "/"},
   };

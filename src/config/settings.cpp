@@ -21,8 +21,12 @@ ErrorText read_settings(const char* path, AgentSettings& out_settings) {
   if (int error = read_whole(file.get(), bytes)) {
     return could_not_open(path, error);
   }
+  return parse_settings(bytes.view(), out_settings);
+}
+
+ErrorText parse_settings(std::string_view bytes, AgentSettings& out_settings) {
   ConfigKeyList keys;
-  if (ErrorText error = take_values(bytes.view(), keys.head())) return error;
+  if (ErrorText error = take_values(bytes, keys.head())) return error;
   out_settings = {std::move(keys[kDomainKey]), std::move(keys[kNameKey]),
                   std::move(keys[kServerPortKey]),
                   std::move(keys[kServerListKey])};

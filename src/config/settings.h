@@ -5,6 +5,7 @@
 #define VELPROBE_CONFIG_SETTINGS_H_
 
 #include <cstdint>
+#include <string_view>
 
 #include "../util/error_text.h"
 #include "../util/text.h"
@@ -30,6 +31,11 @@ struct AgentSettings {
 // also for a read error and for more than 64 MiB; "Out of memory".
 // out_settings is then as it was.
 ErrorText read_settings(const char* path, AgentSettings& out_settings);
+
+// parse_settings takes the settings from the bytes of such a file, for a caller
+// that reads it itself.
+//   "Out of memory"; out_settings is then as it was.
+ErrorText parse_settings(std::string_view bytes, AgentSettings& out_settings);
 
 // parse_server_port gives the port that the text of server_port stands for: the
 // low 16 bits of a number as strtol reads it with base 0, so decimal, "0x" and

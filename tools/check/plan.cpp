@@ -1,6 +1,7 @@
 #include "plan.h"
 
 #include <charconv>
+#include <cstring>
 #include <system_error>
 #include <utility>
 
@@ -23,10 +24,13 @@ bool parse_port(std::string_view text, std::uint16_t& out_port) {
   return error == std::errc() && stop == end && out_port > 0;
 }
 
-ErrorText take_config(const Options& options, Plan& plan) {
+ErrorText take_config(const Options& options, Deadline deadline, Plan& plan) {
   AgentSettings settings;
   if (options.config != nullptr) {
-    if (ErrorText error = read_settings(options.config, settings)) return error;
+    std::string text;
+    if (ErrorText error = read_text_file(options.config, deadline, text))
+      return error;
+    if (ErrorText error = parse_settings(text, settings)) return error;
   }
   const char* port = settings.server_port.get();
   plan.port =
@@ -46,7 +50,11 @@ ErrorText take_config(const Options& options, Plan& plan) {
 
 ErrorText take_servers_from(const char* path, Deadline deadline, Plan& plan) {
   std::string text;
-  if (ErrorText error = read_text_file(path, deadline, text)) return error;
+  const bool is_input = std::strcmp(path, "-") == 0;
+  const char* title = is_input ? kStandardInput : path;
+  if (ErrorText error = is_input ? read_standard_input(deadline, text)
+                                 : read_text_file(path, deadline, text))
+    return error;
   std::string last;
   const std::size_t bad_line =
       for_each_entry(text, [&](std::string_view entry) {
@@ -57,8 +65,8 @@ ErrorText take_servers_from(const char* path, Deadline deadline, Plan& plan) {
         return true;
       });
   if (bad_line == 0) return {};
-  return format_error_text("%s, line %zu: %s: \"%s\"", file_title(path),
-                           bad_line, kNotAServer, last.c_str());
+  return format_error_text("%s, line %zu: %s: \"%s\"", title, bad_line,
+                           kNotAServer, last.c_str());
 }
 
 ErrorText take_arguments(const Options& options, Plan& plan) {
@@ -92,7 +100,7 @@ bool parse_server(std::string_view text, std::uint16_t default_port,
 }
 
 ErrorText make_plan(const Options& options, Deadline deadline, Plan& out_plan) {
-  if (ErrorText error = take_config(options, out_plan)) return error;
+  if (ErrorText error = take_config(options, deadline, out_plan)) return error;
   if (options.servers_from != nullptr) {
     if (ErrorText error =
             take_servers_from(options.servers_from, deadline, out_plan))

@@ -41,7 +41,7 @@ struct Plan {
 
 // make_plan gathers agent and servers from the command line and the files that
 // it names. Waiting for a file that is a pipe ends at the deadline.
-//   the texts of read_settings; "Error opening %s: %s", "Error reading %s: %s";
+//   "Out of memory"; "Error opening %s: %s", "Error reading %s: %s";
 //   "%s, line %zu: not SERVER or SERVER:PORT: \"%s\"";
 //   "not SERVER or SERVER:PORT: \"%s\""
 ErrorText make_plan(const Options& options, Deadline deadline, Plan& out_plan);

@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstring>
 
 #include "util/owners.h"
 #include "util/text.h"
@@ -48,14 +47,12 @@ std::string_view trimmed(std::string_view text) {
 
 }  // namespace
 
-const char* file_title(const char* path) {
-  return std::strcmp(path, "-") == 0 ? "standard input" : path;
+ErrorText read_standard_input(Deadline deadline, std::string& out_text) {
+  return read_all(STDIN_FILENO, kStandardInput, deadline, out_text);
 }
 
 ErrorText read_text_file(const char* path, Deadline deadline,
                          std::string& out_text) {
-  if (std::strcmp(path, "-") == 0)
-    return read_all(STDIN_FILENO, file_title(path), deadline, out_text);
   // Without O_NONBLOCK the opening of a pipe waits for its writer.
   const FileDescriptor file(
       ::open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));

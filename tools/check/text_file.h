@@ -12,15 +12,17 @@
 
 namespace velprobe::check {
 
-// read_text_file reads all of the file at path, or of standard input for "-",
-// up to 64 MiB. What is a pipe or a terminal is read until its end, the
-// deadline or a signal that asks to stop.
+// read_text_file reads all of the file at path, up to 64 MiB. What is a pipe or
+// a terminal is read until its end, the deadline or a signal that asks to stop.
 //   "Error opening %s: %s", "Error reading %s: %s"
 ErrorText read_text_file(const char* path, Deadline deadline,
                          std::string& out_text);
 
-// file_title is how to speak of the file at path: "standard input" for "-".
-const char* file_title(const char* path);
+// read_standard_input reads all of standard input in the same way. In the texts
+// it goes by kStandardInput.
+ErrorText read_standard_input(Deadline deadline, std::string& out_text);
+
+inline constexpr char kStandardInput[] = "standard input";
 
 // for_each_entry calls take with each line that holds something, without the
 // white space around it and without what "#" begins. It stops at the first line
