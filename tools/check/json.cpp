@@ -13,8 +13,9 @@ using Json = nlohmann::ordered_json;
 // Raised when a field changes its meaning or goes; new ones may always come.
 constexpr int kSchema = 1;
 
+// In ASCII: a terminal obeys U+009B and U+202E, too.
 std::string printed(const Json& json) {
-  return json.dump(-1, ' ', false, Json::error_handler_t::replace);
+  return json.dump(-1, ' ', true, Json::error_handler_t::replace);
 }
 
 Json text_or_null(std::string_view text) {
