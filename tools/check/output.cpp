@@ -110,12 +110,21 @@ ErrorText replace_at(const Place& place, const char* path,
   return error;
 }
 
-// What is no regular file is written to as it is. A pipe that nobody reads is
-// an error instead of a wait.
-ErrorText write_in_place(const char* path, std::string_view text) {
+// What is no regular file is written to as it is, if the path still leads to
+// it. A pipe that nobody reads is an error instead of a wait.
+ErrorText write_in_place(const char* path, int looked_at,
+                         std::string_view text) {
   const FileDescriptor file(
       ::open(path, O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
   if (!file) return failure("opening", path);
+  struct stat before {
+  }, now{};
+  if (::fstat(looked_at, &before) != 0 || ::fstat(file.get(), &now) != 0)
+    return failure("opening", path);
+  if (!is_same_file(before, now)) {
+    errno = EAGAIN;
+    return failure("opening", path);
+  }
   if (::fcntl(file.get(), F_SETFL, 0) != 0 || !write_all(file.get(), text))
     return failure("writing to", path);
   return {};
@@ -148,7 +157,8 @@ bool write_all(int descriptor, std::string_view text) {
 ErrorText replace_file(const char* path, std::string_view text) {
   Place place;
   const FileDescriptor old(::open(path, O_PATH | O_CLOEXEC));
-  if (old && !is_regular(old.get())) return write_in_place(path, text);
+  if (old && !is_regular(old.get()))
+    return write_in_place(path, old.get(), text);
   const bool found = old ? find_old_place(path, old.get(), place)
                          : errno == ENOENT && open_folder(path, place);
   if (!found) return failure("opening", path);
