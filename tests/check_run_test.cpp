@@ -520,6 +520,10 @@ TEST(Check, ReplacesTheOutputFileWhole) {
   EXPECT_EQ(status.st_mode & 0777U, 0604U);
   EXPECT_TRUE(fs::is_symlink(folder.path("link")));
   EXPECT_EQ(check({server, "--output", "/dev/full"}).status, 3);
+  const string log = folder.write("log", "older\n");
+  const auto append = [&] { dup2(open(log.c_str(), O_WRONLY | O_APPEND), 1); };
+  check({server, "--output", "/dev/stdout"}, {.prepare = append});
+  EXPECT_TRUE(folder.read("log")->starts_with("older\nVELCHECK "));
   EXPECT_EQ(check({server, "--output", folder.path("no/file")}).status, 3);
   EXPECT_EQ(check({server, "--output", folder.path("")}).status, 3);
   const auto small = [] {
@@ -530,7 +534,7 @@ TEST(Check, ReplacesTheOutputFileWhole) {
   EXPECT_EQ(folder.read("result.prom"), "old");
   // Nothing half-written stays behind.
   const fs::directory_iterator files(fs::path(path).parent_path());
-  EXPECT_EQ(std::distance(begin(files), end(files)), 3);
+  EXPECT_EQ(std::distance(begin(files), end(files)), 4);
 }
 
 }  // namespace

@@ -130,6 +130,14 @@ ErrorText write_in_place(const char* path, int looked_at,
   return {};
 }
 
+// By way of /dev/stdout, say, a log that the shell appends to would be lost.
+bool is_standard_output(int file) {
+  struct stat named {
+  }, output{};
+  return ::fstat(file, &named) == 0 && ::fstat(STDOUT_FILENO, &output) == 0 &&
+         is_same_file(named, output);
+}
+
 bool is_regular(int file) {
   struct stat status {};
   return ::fstat(file, &status) != 0 || S_ISREG(status.st_mode);
@@ -157,6 +165,9 @@ bool write_all(int descriptor, std::string_view text) {
 ErrorText replace_file(const char* path, std::string_view text) {
   Place place;
   const FileDescriptor old(::open(path, O_PATH | O_CLOEXEC));
+  if (old && is_standard_output(old.get()))
+    return write_all(STDOUT_FILENO, text) ? ErrorText()
+                                          : failure("writing to", path);
   if (old && !is_regular(old.get()))
     return write_in_place(path, old.get(), text);
   const bool found = old ? find_old_place(path, old.get(), place)
