@@ -221,6 +221,7 @@ TEST(PluginText, LetsNobodyElseWriteItsLines) {
   for (const char c : text)
     EXPECT_TRUE(c == '\n' || static_cast<unsigned char>(c) >= ' ') << text;
   EXPECT_EQ(text.find('\x9b'), text.npos);
+  EXPECT_EQ(text.find("\u2028"), text.npos);
 }
 
 TEST(Prometheus, EscapesItsLabels) {
@@ -247,7 +248,10 @@ TEST(Prometheus, BeginsNoNewSeriesForAnotherAddress) {
 }
 
 TEST(Json, SurvivesBytesThatAreNoText) {
-  const auto json = nlohmann::json::parse(json_text(hostile_report()));
+  const string printed = json_text(hostile_report());
+  for (const char c : printed)
+    EXPECT_TRUE(c == '\n' || (c >= ' ' && c <= '~')) << printed;
+  const auto json = nlohmann::json::parse(printed);
   const string text = json["servers"][0]["text"];
   EXPECT_TRUE(text.starts_with(kRefusal + "a|b\nc\r\x1b[2J\xEF\xBF\xBD"));
   EXPECT_EQ(json["servers"][1]["offered_version"], 514);

@@ -25,7 +25,23 @@ struct Group {
   std::vector<const Row*> rows;
 };
 
+// The characters that turn the direction of writing, which would show a line in
+// another order than it has, and the line ends of Unicode (UAX 9, UAX 14).
+bool turns_or_ends_line(std::string_view character) {
+  constexpr std::pair<std::string_view, std::string_view> kRanges[] = {
+      {"\u200E", "\u200F"}, {"\u2028", "\u202E"}, {"\u2066", "\u2069"}};
+  return std::any_of(
+      std::begin(kRanges), std::end(kRanges), [&](const auto& range) {
+        return range.first <= character && character <= range.second;
+      });
+}
+
 std::string safe(std::string text) {
+  constexpr std::size_t kLength = 3;  // of each of these in UTF-8
+  for (std::size_t i = 0; i + kLength <= text.size(); ++i) {
+    if (turns_or_ends_line(std::string_view(text).substr(i, kLength)))
+      text.replace(i, kLength, kLength, '?');
+  }
   std::replace(text.begin(), text.end(), '\0', '?');
   std::replace(text.begin(), text.end(), '|', '?');
   replace_control_bytes(text.data());
