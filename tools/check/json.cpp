@@ -10,9 +10,6 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
-// Raised when a field changes its meaning or goes; new ones may always come.
-constexpr int kSchema = 1;
-
 // In ASCII: a terminal obeys U+009B and U+202E, too.
 std::string printed(const Json& json) {
   return json.dump(-1, ' ', true, Json::error_handler_t::replace);
@@ -28,7 +25,9 @@ double to_milliseconds(double seconds) {
 
 Json object_of(const Row& row) {
   return {{"agent", text_or_null(row.agent)},
+          {"named", row.is_named},
           {"domain", row.domain},
+          {"host", row.host},
           {"server", row.server},
           {"address", text_or_null(row.address)},
           {"port", row.port},
@@ -39,7 +38,8 @@ Json object_of(const Row& row) {
           {"offered_version",
            row.offered_version ? Json(*row.offered_version) : Json()},
           {"seconds", to_milliseconds(row.seconds)},
-          {"time", timestamp(row.time)}};
+          {"time", timestamp(row.time)},
+          {"outdated", row.is_outdated}};
 }
 
 Json counts_of(const Report& report) {
@@ -63,6 +63,8 @@ std::string json_text(const Report& report) {
                      {"domain", report.domain},
                      {"started", timestamp(report.started)},
                      {"seconds", to_milliseconds(report.seconds)},
+                     {"all_addresses", report.all_addresses},
+                     {"agents", report.num_agents},
                      {"counts", counts_of(report)},
                      {"remarks", report.remarks}};
   // The rows are printed one by one: as one value they would take many times

@@ -9,6 +9,9 @@
 
 namespace velprobe::check {
 
+// Raised when a field changes its meaning or goes; new ones may always come.
+inline constexpr int kSchema = 1;
+
 // json_text prints a report as one object, a line for each row. Bytes that are
 // no UTF-8 become U+FFFD.
 std::string json_text(const Report& report);

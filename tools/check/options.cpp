@@ -8,19 +8,18 @@
 #include <string>
 #include <system_error>
 
+#include "agents.h"
 #include "output.h"
 #include "status.h"
 
 namespace velprobe::check {
 namespace {
 
-// Limits of the protocol, in bytes.
-constexpr std::size_t kLongestName = 256;
-constexpr std::size_t kLongestDomain = 1024;
 constexpr double kLongestTimeout = 86400;
 
 constexpr char kHelp[] =
     R"(Usage: velcheck [OPTION]... [SERVER[:PORT]]...
+       velcheck --merge [OPTION]... RESULT.json...
 Ask Veltra servers, side by side and in bounded time, whether they accept the
 agent of this host, and give the verdict to scripts and monitoring systems.
 
@@ -36,13 +35,18 @@ Who asks:
   -n, --name NAME          name of the agent (default: as in the file, else
                            this host's address)
   -d, --domain DOMAIN      domain of the agent (default: as in the file)
+      --agents-from FILE   ask for each agent of FILE instead, one NAME or NAME
+                           DOMAIN a line, # begins a comment; - is standard
+                           input
   -p, --port N             port of servers given without one (default: as in
                            the file, else 3241)
 How long and how many:
-  -t, --timeout S          seconds for the whole run (default 10)
+  -t, --timeout S          seconds for the whole run (default 10, and with
+                           --agents-from what --rate takes besides)
       --each S             seconds for one server (default 5)
   -j, --jobs N             servers asked at once, 1 to 4096 (default 64)
       --per-server N       of these at one address (default 8)
+      --rate N             agents a second at one address (default 100)
 Verdict, on the number of servers that do not accept, as the RANGE of
 monitoring plugins (N, N:, ~:N, N:M, @N:M):
   -w, --warning RANGE      (default: any)
@@ -52,6 +56,9 @@ Output, by default a monitoring plugin's:
       --jsonl              a JSON object a server, each as it comes
       --prometheus         metrics for a textfile collector
       --output FILE        replace FILE, whole, instead of standard output
+      --html FILE          replace FILE, besides, by a page of agents and servers
+      --merge              ask nobody: put results of --json together as one, and
+                           show those that disagree beside each other
 
   -h, --help               show this help and exit
   -V, --version            show the version and exit
@@ -115,6 +122,9 @@ constexpr OptionRow kOptions[] = {
     {"servers-from", 0, required_argument,
      "--servers-from needs the name of a file",
      [](Value v, Options& o) { return take_path(v, o.servers_from); }},
+    {"agents-from", 0, required_argument,
+     "--agents-from needs the name of a file",
+     [](Value v, Options& o) { return take_path(v, o.agents_from); }},
     {"scan", 's', no_argument, nullptr,
      [](Value, Options& o) { return o.scan = true; }},
     {"all-addresses", 0, no_argument, nullptr,
@@ -131,7 +141,10 @@ constexpr OptionRow kOptions[] = {
      }},
     {"timeout", 't', required_argument,
      "--timeout needs seconds, above 0 and at most 86400",
-     [](Value v, Options& o) { return take_seconds(v, o.timeout); }},
+     [](Value v, Options& o) {
+       o.has_timeout = true;
+       return take_seconds(v, o.timeout);
+     }},
     {"each", 0, required_argument,
      "--each needs seconds, above 0 and at most 86400",
      [](Value v, Options& o) { return take_seconds(v, o.each); }},
@@ -143,6 +156,10 @@ constexpr OptionRow kOptions[] = {
      "--per-server needs a number from 1 to 4096",
      [](Value v, Options& o) {
        return take_number<std::uint32_t>(v, 1, 4096, o.per_server);
+     }},
+    {"rate", 0, required_argument, "--rate needs a number from 1 to 10000",
+     [](Value v, Options& o) {
+       return take_number<std::uint32_t>(v, 1, 10000, o.rate);
      }},
     {"warning", 'w', required_argument,
      "--warning needs a range such as 1, 1:, ~:1, 1:2 or @1:2",
@@ -158,6 +175,10 @@ constexpr OptionRow kOptions[] = {
      [](Value, Options& o) { return take_format(Format::kPrometheus, o); }},
     {"output", 0, required_argument, "--output needs the name of a file",
      [](Value v, Options& o) { return take_path(v, o.output); }},
+    {"html", 0, required_argument, "--html needs the name of a file",
+     [](Value v, Options& o) { return take_path(v, o.html); }},
+    {"merge", 0, no_argument, nullptr,
+     [](Value, Options& o) { return o.merge = true; }},
     {"help", 'h', no_argument, nullptr, nullptr},
     {"version", 'V', no_argument, nullptr, nullptr},
 };
@@ -219,6 +240,29 @@ std::optional<int> take_option(const OptionRow* row, Options& options) {
   return complain(row->complaint, optarg);
 }
 
+bool is_standard_input(const char* path) {
+  return path != nullptr && std::string_view(path) == "-";
+}
+
+// complaint_about tells what does not fit together, or null.
+const char* complaint_about(const Options& o) {
+  const bool any_server =
+      o.scan || o.config != nullptr || o.servers_from != nullptr;
+  const bool any_agent =
+      o.name != nullptr || o.domain != nullptr || o.agents_from != nullptr;
+  if (o.merge && (any_server || any_agent))
+    return "--merge asks nobody: it takes results, no servers and no agents";
+  if (o.merge && o.servers.empty()) return "--merge needs a result to read";
+  if (!any_server && o.servers.empty())
+    return "no server to ask: name one, or give --config, --servers-from or "
+           "--scan";
+  if (o.name != nullptr && o.agents_from != nullptr)
+    return "only one of --name and --agents-from";
+  if (is_standard_input(o.agents_from) && is_standard_input(o.servers_from))
+    return "only one of --agents-from and --servers-from from standard input";
+  return nullptr;
+}
+
 }  // namespace
 
 std::optional<int> parse_options(int argc, char** argv, Options& options) {
@@ -232,13 +276,9 @@ std::optional<int> parse_options(int argc, char** argv, Options& options) {
       return status;
   }
   options.servers.assign(argv + optind, argv + argc);
-  const bool any_source = !options.servers.empty() || options.scan ||
-                          options.config != nullptr ||
-                          options.servers_from != nullptr;
-  if (any_source) return {};
-  return complain(
-      "no server to ask: name one, or give --config, --servers-from or --scan",
-      nullptr);
+  const char* const complaint = complaint_about(options);
+  if (complaint == nullptr) return {};
+  return complain(complaint, nullptr);
 }
 
 }  // namespace velprobe::check

@@ -16,7 +16,9 @@ enum class Format { kPlugin, kJson, kJsonLines, kPrometheus };
 struct Options {
   const char* config = nullptr;
   const char* servers_from = nullptr;  // "-": standard input
+  const char* agents_from = nullptr;   // the same
   const char* output = nullptr;        // null: standard output
+  const char* html = nullptr;          // a page beside the output
   std::vector<const char*> servers;
   // Null or nothing: as the configuration file says.
   const char* name = nullptr;
@@ -26,10 +28,13 @@ struct Options {
   bool all_addresses = false;
   // Seconds, for the whole run and for one server.
   double timeout = 10;
+  bool has_timeout = false;  // it was given
   double each = 5;
   // Servers asked at once, in all and at one address.
   std::uint32_t jobs = 64;
   std::uint32_t per_server = 8;
+  std::uint32_t rate = 100;  // begun a second at one address
+  bool merge = false;        // servers are files with results instead
   // On the number of servers that do not accept.
   std::optional<Range> warning;
   std::optional<Range> critical;

@@ -69,6 +69,13 @@ ErrorText take_servers_from(const char* path, Deadline deadline, Plan& plan) {
                            kNotAServer, last.c_str());
 }
 
+// The domain of the file or the command line is that of all who have none.
+ErrorText take_agents_from(const char* path, Deadline deadline, Plan& plan) {
+  const std::string domain = plan.agents.front().domain;
+  plan.agents.clear();
+  return read_agents(path, deadline, domain, plan.agents);
+}
+
 ErrorText take_arguments(const Options& options, Plan& plan) {
   for (const char* argument : options.servers) {
     Server server;
@@ -101,6 +108,11 @@ bool parse_server(std::string_view text, std::uint16_t default_port,
 
 ErrorText make_plan(const Options& options, Deadline deadline, Plan& out_plan) {
   if (ErrorText error = take_config(options, deadline, out_plan)) return error;
+  if (options.agents_from != nullptr) {
+    if (ErrorText error =
+            take_agents_from(options.agents_from, deadline, out_plan))
+      return error;
+  }
   if (options.servers_from != nullptr) {
     if (ErrorText error =
             take_servers_from(options.servers_from, deadline, out_plan))

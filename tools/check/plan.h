@@ -9,19 +9,13 @@
 #include <utility>
 #include <vector>
 
+#include "agents.h"
 #include "options.h"
 #include "result.h"
 #include "util/deadline.h"
 #include "util/error_text.h"
 
 namespace velprobe::check {
-
-// Agent is one identity to ask with; an empty name stands for this host's
-// address towards the server.
-struct Agent {
-  std::string name;
-  std::string domain;
-};
 
 struct Server {
   std::string name;
@@ -39,9 +33,10 @@ struct Plan {
   std::uint16_t port = 0;
 };
 
-// make_plan gathers agent and servers from the command line and the files that
+// make_plan gathers agents and servers from the command line and the files that
 // it names. Waiting for a file that is a pipe ends at the deadline.
-//   "Out of memory"; "Error opening %s: %s", "Error reading %s: %s";
+//   the texts of read_agents; "Out of memory"; "Error opening %s: %s", "Error
+//   reading %s: %s";
 //   "%s, line %zu: not SERVER or SERVER:PORT: \"%s\"";
 //   "not SERVER or SERVER:PORT: \"%s\""
 ErrorText make_plan(const Options& options, Deadline deadline, Plan& out_plan);

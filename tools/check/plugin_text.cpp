@@ -78,17 +78,20 @@ std::vector<Group> groups_of(const Report& report) {
   return groups;
 }
 
-std::string name_of(const Row& row) {
-  std::string name = safe(row.server);
-  if (row.port == kDefaultServerPort) return name;
-  return joined({name, ":", std::to_string(row.port)});
+// Of one agent the server tells the row, of many only both do.
+std::string name_of(const Row& row, bool is_fleet) {
+  return safe(is_fleet ? pair_name(row) : server_name(row));
 }
 
-std::string first_names(const Group& group) {
+bool is_fleet(const Report& report) {
+  return report.num_agents > 1;
+}
+
+std::string first_names(const Group& group, bool is_fleet) {
   const std::size_t count = group.rows.size();
   std::string names;
   for (std::size_t i = 0; i < std::min(count, kMostNames); ++i)
-    names += joined({i == 0 ? "" : ", ", name_of(*group.rows[i])});
+    names += joined({i == 0 ? "" : ", ", name_of(*group.rows[i], is_fleet)});
   if (count <= kMostNames) return names;
   return joined({names, " and ", std::to_string(count - kMostNames), " more"});
 }
@@ -104,13 +107,24 @@ std::string agent_of(const Report& report) {
   return joined({"\"", safe(agent), "\""});
 }
 
+std::string count_of(std::size_t count, std::string_view what) {
+  return joined({std::to_string(count), " ", what, count == 1 ? "" : "s"});
+}
+
+std::string accepted_count(const Report& report) {
+  std::string text =
+      joined({std::to_string(num_with(report, Result::kAccepted)), " of ",
+              std::to_string(report.rows.size())});
+  if (!is_fleet(report))
+    return joined({text, " servers accept ", agent_of(report)});
+  return joined({text, " accepted: ", count_of(report.num_agents, "agent"),
+                 " at ", count_of(report.num_servers, "server")});
+}
+
 std::string summary(const Report& report, const std::vector<Group>& groups) {
   if (!report.error.empty()) return safe(report.error);
   if (report.rows.empty()) return "no server to ask";
-  std::string text =
-      joined({std::to_string(num_with(report, Result::kAccepted)), " of ",
-              std::to_string(report.rows.size()), " servers accept ",
-              agent_of(report)});
+  std::string text = accepted_count(report);
   std::size_t num_told = 0;
   std::size_t num_left = 0;
   for (const Group& group : groups) {
@@ -120,7 +134,8 @@ std::string summary(const Report& report, const std::vector<Group>& groups) {
       continue;
     }
     ++num_told;
-    text += joined({"; ", first_names(group), ": ", group.reason});
+    text += joined(
+        {"; ", first_names(group, is_fleet(report)), ": ", group.reason});
   }
   if (num_left == 0) return text;
   return joined({text, "; ", std::to_string(num_left), " others"});
@@ -156,21 +171,22 @@ std::string performance_data(const Report& report) {
                  short_number(report.timeout)});
 }
 
-std::string row_line(const Row& row, const std::string& reason) {
-  std::string name = name_of(row);
+std::string row_line(const Row& row, const std::string& reason, bool is_fleet) {
+  std::string name = name_of(row, is_fleet);
   if (!row.address.empty() && row.address != row.server)
     name += joined({" (", row.address, ")"});
   return joined({name, ": ", reason, " [", seconds_text(row.seconds), "s]\n"});
 }
 
-std::string group_lines(const Group& group) {
+std::string group_lines(const Group& group, bool is_fleet) {
   const std::size_t count = group.rows.size();
   if (count > kMostNames) {
-    return joined({std::to_string(count), " servers (", first_names(group),
-                   "): ", group.reason, "\n"});
+    return joined({std::to_string(count), is_fleet ? " pairs (" : " servers (",
+                   first_names(group, is_fleet), "): ", group.reason, "\n"});
   }
   std::string lines;
-  for (const Row* row : group.rows) lines += row_line(*row, group.reason);
+  for (const Row* row : group.rows)
+    lines += row_line(*row, group.reason, is_fleet);
   return lines;
 }
 
@@ -182,7 +198,8 @@ std::string plugin_text(const Report& report) {
                              summary(report, groups)});
   if (!report.rows.empty()) text += performance_data(report);
   text += "\n";
-  for (const Group& group : groups) text += group_lines(group);
+  for (const Group& group : groups)
+    text += group_lines(group, is_fleet(report));
   for (const std::string& remark : report.remarks)
     text += joined({"remark: ", safe(remark), "\n"});
   return text;

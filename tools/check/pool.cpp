@@ -35,19 +35,38 @@ void Pool::offer(Lane& lane) {
       lane.num_running >= most_per_address_)
     return;
   lane.is_ready = true;
-  ready_.push_back(&lane);
+  ready_.emplace(std::max(lane.due, Clock::now()), &lane);
   if (num_idle_ > 0) changed_.notify_one();
 }
 
-std::size_t Pool::take(Lane*& out_lane) {
-  Lane& lane = *ready_.front();
-  ready_.pop_front();
+// wait_for_lane waits until a lane may start a job. Of all idle threads one
+// watches the clock for the others.
+Pool::Lane& Pool::wait_for_lane(std::unique_lock<std::mutex>& lock) {
+  for (;;) {
+    const auto due =
+        ready_.empty() ? Clock::time_point::max() : ready_.begin()->first;
+    if (due <= Clock::now()) return *ready_.begin()->second;
+    if (due >= timer_ || ready_.empty()) {
+      changed_.wait(lock);
+      continue;
+    }
+    timer_ = due;
+    changed_.wait_until(lock, due);
+    timer_ = Clock::time_point::max();
+  }
+}
+
+std::size_t Pool::take(Lane& lane) {
+  ready_.erase(ready_.begin());
   lane.is_ready = false;
   const std::size_t job = lane.waiting.front();
   lane.waiting.pop_front();
   ++lane.num_running;
+  // A start that came late is made up for, but never by more than one.
+  lane.due = std::max(lane.due, Clock::now() - interval_) + interval_;
   offer(lane);
-  out_lane = &lane;
+  // Somebody else must watch the clock now.
+  if (!ready_.empty() && num_idle_ > 0) changed_.notify_one();
   return job;
 }
 
@@ -55,16 +74,15 @@ void Pool::serve() {
   std::unique_lock lock(mutex_);
   for (;;) {
     ++num_idle_;
-    changed_.wait(lock, [this] { return !ready_.empty(); });
+    Lane& lane = wait_for_lane(lock);
     --num_idle_;
-    Lane* lane = nullptr;
     const std::size_t job = take(lane);
     lock.unlock();
     work_(job);
     lock.lock();
     --num_unfinished_;
-    --lane->num_running;
-    offer(*lane);
+    --lane.num_running;
+    offer(lane);
   }
 }
 

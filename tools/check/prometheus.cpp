@@ -1,5 +1,6 @@
 #include "prometheus.h"
 
+#include <set>
 #include <string_view>
 
 #include "joined.h"
@@ -24,13 +25,15 @@ std::string label(std::string_view name, std::string_view value) {
 
 // What may change from run to run stays out, lest each change begin a new
 // series: an address in the agent's place, and that of the server unless it
-// tells rows apart.
-std::string labels_of(const Row& row, bool with_address) {
-  std::string labels = joined({label("agent", row.is_named ? row.agent : ""),
-                               ",", label("server", row.server), ",",
-                               label("port", std::to_string(row.port)), ",",
-                               label("source", source_name(row.source))});
-  if (!with_address) return labels;
+// tells rows apart. The host that asked is told where there are several.
+std::string labels_of(const Row& row, const Report& report) {
+  std::string labels =
+      joined({label("agent", row.is_named ? row.agent : ""), ",",
+              label("domain", row.domain), ",", label("server", row.server),
+              ",", label("port", std::to_string(row.port)), ",",
+              label("source", source_name(row.source))});
+  if (report.is_merged) labels += joined({",", label("host", row.host)});
+  if (!report.all_addresses) return labels;
   return joined({labels, ",", label("address", row.address)});
 }
 
@@ -50,7 +53,7 @@ std::string single(std::string_view name, std::string_view help,
 
 std::string counts(const Report& report) {
   constexpr char kName[] = "velcheck_servers";
-  std::string text = heading(kName, "Servers by result.");
+  std::string text = heading(kName, "Agents at servers, by result.");
   for (const Result result : kAllResults) {
     text += sample(kName, label("result", result_name(result)),
                    std::to_string(num_with(report, result)));
@@ -68,9 +71,12 @@ std::string per_row(const Report& report, std::string_view name,
                     std::string_view help, Point (*point_of)(const Row&)) {
   if (report.rows.empty()) return "";
   std::string text = heading(name, help);
+  // A sample that is there twice spoils all of them.
+  std::set<std::string> known;
   for (const Row& row : report.rows) {
+    std::string labels = labels_of(row, report);
+    if (!known.insert(labels).second) continue;
     const Point point = point_of(row);
-    std::string labels = labels_of(row, report.all_addresses);
     if (!point.labels.empty()) labels += joined({",", point.labels});
     text += sample(name, labels, point.value);
   }

@@ -2,6 +2,8 @@
 
 #include <cstdio>
 #include <ctime>
+#include <set>
+#include <tuple>
 
 namespace velprobe::check {
 namespace {
@@ -17,15 +19,23 @@ Status status_of(const Report& report) {
   const auto number = static_cast<double>(failed);
   if (reaches(report.critical, number, failed == report.rows.size()))
     return kCritical;
-  return reaches(report.warning, number, failed > 0) ? kWarning : kOk;
+  const bool warns = reaches(report.warning, number, failed > 0);
+  return warns || report.is_incomplete ? kWarning : kOk;
 }
 
 }  // namespace
 
 void judge(Report& report) {
   report.counts.fill(0);
-  for (const Row& row : report.rows)
+  std::set<std::pair<std::string, std::string_view>> agents;
+  std::set<std::pair<std::string_view, std::uint16_t>> servers;
+  for (const Row& row : report.rows) {
     ++report.counts[static_cast<std::size_t>(row.result)];
+    agents.emplace(agent_name(row), row.domain);
+    servers.emplace(row.server, row.port);
+  }
+  report.num_agents = agents.size();
+  report.num_servers = servers.size();
   report.status = status_of(report);
 }
 

@@ -24,6 +24,8 @@ struct Report {
   double seconds = 0;
   double timeout = 0;
   bool all_addresses = false;  // a server may have several rows
+  bool is_merged = false;      // of several runs
+  bool is_incomplete = false;  // one of these could ask nobody
   std::optional<Range> warning;
   std::optional<Range> critical;
   std::vector<Row> rows;
@@ -34,11 +36,13 @@ struct Report {
 
   Status status = kUnknown;
   std::array<std::size_t, kNumResults> counts{};
+  std::size_t num_agents = 0;
+  std::size_t num_servers = 0;  // by name and port
 };
 
 // judge sets status and counts from the rest: by the ranges on the number of
 // rows that do not accept; without a range one is WARNING and all are CRITICAL.
-// An error, or no row at all, is UNKNOWN.
+// An error, or no row at all, is UNKNOWN; what is incomplete is never OK.
 void judge(Report& report);
 
 // num_with counts the rows of one result, num_failed those of all others than

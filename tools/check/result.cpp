@@ -1,5 +1,7 @@
 #include "result.h"
 
+#include "joined.h"
+
 namespace velprobe::check {
 namespace {
 
@@ -118,6 +120,21 @@ std::string_view advice_for(Result result, std::string_view text) {
       return advice.step;
   }
   return {};
+}
+
+std::string agent_name(const Row& row) {
+  if (row.is_named) return row.agent;
+  if (!row.host.empty()) return row.host;
+  return row.agent.empty() ? "this agent" : row.agent;
+}
+
+std::string server_name(const Row& row) {
+  if (row.port == kDefaultServerPort) return row.server;
+  return joined({row.server, ":", std::to_string(row.port)});
+}
+
+std::string pair_name(const Row& row) {
+  return joined({agent_name(row), " at ", server_name(row)});
 }
 
 }  // namespace velprobe::check

@@ -70,6 +70,7 @@ struct Row {
   std::string agent;
   bool is_named = true;  // agent is a name of its own
   std::string domain;
+  std::string host;  // that asked
   std::string server;
   std::string address;  // dotted decimal; empty: the name did not resolve
   std::uint16_t port = 0;
@@ -79,7 +80,15 @@ struct Row {
   std::optional<std::uint32_t> offered_version;
   double seconds = 0;                          // of look-up and conversation
   std::chrono::system_clock::time_point time;  // of the result
+  bool is_outdated = false;  // a later one says something else about the pair
 };
+
+// agent_name is how to speak of the agent of a row: one without a name of its
+// own goes by the host that asked. server_name has the port unless it is the
+// usual one; pair_name has both. As they came, so escape them.
+std::string agent_name(const Row& row);
+std::string server_name(const Row& row);
+std::string pair_name(const Row& row);
 
 }  // namespace velprobe::check
 

@@ -42,8 +42,9 @@ void Run::start() {
   const std::lock_guard lock(mutex_);
   const AtOnce at_once =
       fit_descriptors({settings_.jobs, std::min(settings_.jobs, kMostLookUps)});
-  pool_ = std::make_shared<Pool>(at_once.jobs, settings_.per_server,
-                                 [self](std::size_t job) { self->ask(job); });
+  pool_ = std::make_shared<Pool>(
+      at_once.jobs, settings_.per_server,
+      [self](std::size_t job) { self->ask(job); }, settings_.interval);
   look_ups_ =
       std::make_shared<LookUps>(at_once.look_ups, settings_.each,
                                 [self](std::size_t name, const Found& found) {
@@ -75,6 +76,7 @@ Run::Job& Run::add_job(std::size_t server, std::size_t agent,
   job.row.agent = plan_.agents[agent].name;
   job.row.is_named = !job.row.agent.empty();
   job.row.domain = plan_.agents[agent].domain;
+  job.row.host = settings_.host;
   job.row.server = plan_.servers[server].name;
   job.row.port = plan_.servers[server].port;
   job.row.source = plan_.servers[server].source;

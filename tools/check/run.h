@@ -27,8 +27,10 @@ struct Settings {
   bool all_addresses = false;
   std::size_t jobs = 1;
   std::size_t per_server = 1;
-  Deadline deadline = kNoDeadline;             // of the run
-  std::chrono::steady_clock::duration each{};  // server
+  std::chrono::steady_clock::duration interval{};  // of agents at one address
+  Deadline deadline = kNoDeadline;                 // of the run
+  std::chrono::steady_clock::duration each{};      // server
+  std::string host;                                // this one's name
 };
 
 // Standing is how far a run has come, in rows.

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <climits>
 #include <csignal>
 #include <cstdio>
 #include <memory>
@@ -14,9 +15,11 @@
 #include <utility>
 
 #include "json.h"
+#include "merge.h"
 #include "net/tcp.h"
 #include "options.h"
 #include "output.h"
+#include "page.h"
 #include "plan.h"
 #include "plugin_text.h"
 #include "progress.h"
@@ -35,9 +38,16 @@ using Clock = std::chrono::steady_clock;
 // Conversations that the deadline cut get this long to tell how they stood.
 constexpr auto kGrace = std::chrono::milliseconds(50);
 
+constexpr double kLongestPacing = 86400;
+
 Clock::duration duration_of(double seconds) {
   return std::chrono::duration_cast<Clock::duration>(
       std::chrono::duration<double>(seconds));
+}
+
+std::string host_name() {
+  char name[HOST_NAME_MAX + 1] = "";
+  return ::gethostname(name, sizeof name) == 0 ? name : "";
 }
 
 // The text may hold words of a file.
@@ -102,7 +112,8 @@ void tell_besides(const Report& report, Format format) {
 
 int write_report(const Report& report, Output& output) {
   tell_besides(report, output.format);
-  if (output.format == Format::kJsonLines && !report.error.empty())
+  if (output.format == Format::kJsonLines && !report.error.empty() &&
+      report.rows.empty())
     return report.status;
   if (output.path != nullptr) {
     if (ErrorText error =
@@ -154,8 +165,10 @@ void ask_all(const Options& options, Plan plan, Deadline deadline,
                                 .all_addresses = options.all_addresses,
                                 .jobs = options.jobs,
                                 .per_server = options.per_server,
+                                .interval = duration_of(1.0 / options.rate),
                                 .deadline = deadline,
-                                .each = duration_of(options.each)});
+                                .each = duration_of(options.each),
+                                .host = host_name()});
   run->start();
   wait_for_end(*run, deadline, output);
   wait_for_stragglers(*run, deadline);
@@ -163,6 +176,23 @@ void ask_all(const Options& options, Plan plan, Deadline deadline,
   stream_rows(*run, output);
   report.rows = run->rows();
   report.remarks = run->remarks();
+}
+
+// The rate alone may need this long: servers may share an address.
+double time_of_pacing(const Options& options, const Plan& plan) {
+  if (options.agents_from == nullptr) return 0;
+  const std::size_t num_pairs = plan.agents.size() * plan.servers.size();
+  return std::min(kLongestPacing,
+                  static_cast<double>(num_pairs) / options.rate);
+}
+
+int finish(const Options& options, Report& report, Output& output) {
+  judge(report);
+  const int status = write_report(report, output);
+  if (options.html == nullptr) return status;
+  if (ErrorText error = replace_file(options.html, page_html(report)))
+    return complain(error.c_str());
+  return status;
 }
 
 int check(const Options& options, Clock::time_point start) {
@@ -173,13 +203,28 @@ int check(const Options& options, Clock::time_point start) {
   if (ErrorText error = make_plan(options, deadline, plan)) {
     report.error = error.c_str();
   } else {
-    report.name = plan.agents.front().name;
-    report.domain = plan.agents.front().domain;
-    ask_all(options, std::move(plan), deadline, output, report);
+    if (plan.agents.size() == 1) {
+      report.name = plan.agents.front().name;
+      report.domain = plan.agents.front().domain;
+    }
+    const double pacing =
+        options.has_timeout ? 0 : time_of_pacing(options, plan);
+    report.timeout += pacing;
+    ask_all(options, std::move(plan), deadline + duration_of(pacing), output,
+            report);
   }
   report.seconds = std::chrono::duration<double>(Clock::now() - start).count();
-  judge(report);
-  return write_report(report, output);
+  return finish(options, report, output);
+}
+
+int merge(const Options& options, Clock::time_point start) {
+  Output output{options.format.value_or(Format::kPlugin), options.output};
+  Report report;
+  report.warning = options.warning;
+  report.critical = options.critical;
+  merge_results(options.servers, start + duration_of(options.timeout), report);
+  report.timeout = report.seconds;
+  return finish(options, report, output);
 }
 
 int start(int argc, char** argv) {
@@ -198,7 +243,7 @@ int start(int argc, char** argv) {
   if (!has_output && options.output == nullptr)
     return complain("cannot write the output");
   if (ErrorText error = watch_for_wake_ups()) return complain(error.c_str());
-  return check(options, started);
+  return options.merge ? merge(options, started) : check(options, started);
 }
 
 }  // namespace
