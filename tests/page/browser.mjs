@@ -67,7 +67,9 @@ export class Browser {
     if (method === 'Runtime.exceptionThrown')
       this.complaints.push(params.exceptionDetails);
     if (method === 'Log.entryAdded') this.complaints.push(params.entry);
-    if (method === 'Audits.issueAdded') this.complaints.push(params.issue);
+    if (method === 'Audits.issueAdded' &&
+        params.issue.code === 'ContentSecurityPolicyIssue')
+      this.complaints.push(params.issue);
     if (method === 'Page.javascriptDialogOpening')
       this.complaints.push(params.message);
     this.events.get(method)?.(params);
