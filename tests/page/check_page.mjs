@@ -112,6 +112,7 @@ async function checkScript(browser) {
 
 // Neither a name nor an attacker who got an element in runs anything.
 async function checkPolicy(browser) {
+  const requests = [...browser.requests];
   const before = browser.complaints.length;
   const ran = await browser.evaluate(() => {
     const script = document.createElement('script');
@@ -126,6 +127,7 @@ async function checkPolicy(browser) {
   await new Promise((done) => setTimeout(done, 200));
   assert.ok(browser.complaints.length > before, 'the policy stopped nothing');
   browser.complaints.length = before;
+  browser.requests = requests;
 }
 
 async function checkWithoutScript(browser) {
