@@ -71,6 +71,88 @@ try_page() {
     "$work/big.html" "$pictures"
 }
 
+try_playbook() {
+  need_packages ansible-core || { skip "playbook: no ansible-core"; return; }
+  local hosts=$work/hosts status=0 host
+  mkdir "$hosts"
+  write_config() { printf 'name=%s\nserver_list=%s\nserver_port=%s\n' "$@"; }
+  write_config web1 127.0.0.2 "${picky#*:}" >"$hosts/web1.conf"
+  write_config web2 127.0.0.2,127.0.0.4 "${picky#*:}" >"$hosts/web2.conf"
+  write_config web10 127.0.0.2 "${picky#*:}" >"$hosts/web10.conf"
+  write_config db1 127.0.0.2 "${picky#*:}" >"$hosts/db1.conf"
+  # Of nofile there is no configuration file.
+  printf '%s ansible_connection=local velcheck_config='"$hosts"'/%s.conf\n' \
+    web1 web1 web2 web2 web10 web10 db1 db1 nofile nofile >"$work/inventory"
+  ANSIBLE_HOME=$work/ansible ANSIBLE_LOCALHOST_WARNING=false ANSIBLE_FORKS=2 \
+    ansible-playbook -i "$work/inventory" examples/fleet/check_agents.yml \
+    -e velcheck_install=false -e velcheck_program="$velcheck" \
+    -e velcheck_program_here="$velcheck" -e velcheck_results="$work/results" \
+    >"$work/playbook.log" || status=$?
+  # Three are accepted somewhere, the other two fail and with them the run.
+  for host in web1:0 web2:0 web10:0 db1:1 nofile:1; do
+    grep -Eq "^${host%:*} .* failed=${host#*:} " "$work/playbook.log" || status=1
+  done
+  grep -q 'msg: VELCHECK WARNING - 3 of 5 accepted: 4 agents' \
+    <(sed 's/"//g' "$work/playbook.log") || status=1
+  grep -q 'nofile.json: .*No such file' "$work/results/agents.html" || status=1
+  [ "$status" -eq 2 ] || {
+    cat "$work/playbook.log" >&2
+    return 1
+  }
+}
+
+try_units() {
+  need_packages systemd || { skip "units: no systemd"; return; }
+  local unit
+  for unit in examples/fleet/velcheck.{service,timer}; do
+    sed "s:/usr/bin/velcheck:$velcheck:" "$unit" >"$work/${unit##*/}"
+  done
+  systemd-analyze verify --man=no "$work"/velcheck.{service,timer}
+  systemd-analyze security --offline=true --threshold=20 \
+    "$work/velcheck.service" >"$work/exposure" || {
+    cat "$work/exposure" >&2
+    return 1
+  }
+}
+
+# Each query of the dashboard is asked of the metrics of a real run and has to
+# give something.
+try_queries() {
+  "$velcheck" --merge "$work/fleet.json" --prometheus >"$work/metrics" || true
+  python3 - "$work/metrics" "$work/queries" <<'PYTHON'
+import json, re, sys
+series = []
+for line in open(sys.argv[1], newline="\n"):
+    if not line.startswith("#"):
+        name, value = line.rstrip("\n").rsplit(" ", 1)
+        series.append({"series": name, "values": value + "x10"})
+panels = json.load(open("examples/fleet/dashboard.json"))["panels"]
+for i, target in enumerate(t for panel in panels for t in panel["targets"]):
+    tests = [{"interval": "1m", "input_series": series,
+              "promql_expr_test": [{"expr": target["expr"], "eval_time": "5m",
+                                    "exp_samples": []}]}]
+    json.dump({"tests": tests}, open(f"{sys.argv[2]}/{i}.json", "w"))
+PYTHON
+  local query
+  for query in "$work/queries"/*; do
+    # Nothing is expected, so what it gives is a failure that tells it.
+    promtool test rules "$query" >"$work/query.log" 2>&1 || true
+    grep 'got:' "$work/query.log" | grep -Evq 'nil|\[\]' || {
+      echo "a query of the dashboard gives nothing:" >&2
+      cat "$work/query.log" >&2
+      return 1
+    }
+  done
+}
+
+try_metrics() {
+  need_packages prometheus python3 || { skip "metrics: no promtool"; return; }
+  promtool check rules examples/fleet/velcheck.rules.yml >/dev/null
+  promtool test rules examples/fleet/velcheck.rules.test.yml >/dev/null
+  mkdir "$work/queries"
+  try_queries
+}
+
 # --- One desk -----------------------------------------------------------------
 
 echo "fleet: one desk"
@@ -89,3 +171,9 @@ printf 'host-%s\n' {1..1000} >"$work/many"
 expect 1 "$velcheck" --agents-from "$work/many" "$good" 127.0.0.4:1 127.0.0.5:1 \
   127.0.0.6:1 127.0.0.7:1 --rate 10000 --output "$work/big.txt" --html "$work/big.html"
 try_page
+echo "fleet: playbook"
+try_playbook
+echo "fleet: units"
+try_units
+echo "fleet: metrics"
+try_metrics

@@ -17,6 +17,8 @@ namespace {
 
 constexpr double kLongestTimeout = 86400;
 
+constexpr std::uint32_t kRateOfFleet = 100;
+
 constexpr char kHelp[] =
     R"(Usage: velcheck [OPTION]... [SERVER[:PORT]]...
        velcheck --merge [OPTION]... RESULT.json...
@@ -46,7 +48,8 @@ How long and how many:
       --each S             seconds for one server (default 5)
   -j, --jobs N             servers asked at once, 1 to 4096 (default 64)
       --per-server N       of these at one address (default 8)
-      --rate N             agents a second at one address (default 100)
+      --rate N             of these a second (default 100 with --agents-from,
+                           else as fast as it goes)
 Verdict, on the number of servers that do not accept, as the RANGE of
 monitoring plugins (N, N:, ~:N, N:M, @N:M):
   -w, --warning RANGE      (default: any)
@@ -276,6 +279,8 @@ std::optional<int> parse_options(int argc, char** argv, Options& options) {
       return status;
   }
   options.servers.assign(argv + optind, argv + argc);
+  if (options.agents_from != nullptr && options.rate == 0)
+    options.rate = kRateOfFleet;
   const char* const complaint = complaint_about(options);
   if (complaint == nullptr) return {};
   return complain(complaint, nullptr);

@@ -33,8 +33,9 @@ struct Options {
   // Servers asked at once, in all and at one address.
   std::uint32_t jobs = 64;
   std::uint32_t per_server = 8;
-  std::uint32_t rate = 100;  // begun a second at one address
-  bool merge = false;        // servers are files with results instead
+  // Begun a second at one address; 0: as many as there are.
+  std::uint32_t rate = 0;
+  bool merge = false;  // servers are files with results instead
   // On the number of servers that do not accept.
   std::optional<Range> warning;
   std::optional<Range> critical;

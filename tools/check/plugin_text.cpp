@@ -123,7 +123,8 @@ std::string accepted_count(const Report& report) {
 
 std::string summary(const Report& report, const std::vector<Group>& groups) {
   if (!report.error.empty()) return safe(report.error);
-  if (report.rows.empty()) return "no server to ask";
+  if (report.rows.empty())
+    return report.is_incomplete ? "no run could ask" : "no server to ask";
   std::string text = accepted_count(report);
   std::size_t num_told = 0;
   std::size_t num_left = 0;

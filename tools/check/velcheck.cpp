@@ -45,6 +45,11 @@ Clock::duration duration_of(double seconds) {
       std::chrono::duration<double>(seconds));
 }
 
+Clock::duration interval_of(const Options& options) {
+  return options.rate == 0 ? Clock::duration()
+                           : duration_of(1.0 / options.rate);
+}
+
 std::string host_name() {
   char name[HOST_NAME_MAX + 1] = "";
   return ::gethostname(name, sizeof name) == 0 ? name : "";
@@ -165,7 +170,7 @@ void ask_all(const Options& options, Plan plan, Deadline deadline,
                                 .all_addresses = options.all_addresses,
                                 .jobs = options.jobs,
                                 .per_server = options.per_server,
-                                .interval = duration_of(1.0 / options.rate),
+                                .interval = interval_of(options),
                                 .deadline = deadline,
                                 .each = duration_of(options.each),
                                 .host = host_name()});
