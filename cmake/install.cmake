@@ -40,7 +40,7 @@ install(FILES ${PROJECT_BINARY_DIR}/velprobe.pc
 include(cmake/manual.cmake)
 
 install(FILES CHANGELOG.md docs/agent.conf.sample docs/troubleshooting.md
-  docs/rehearsal.md docs/velcheck.schema.json
+  docs/rehearsal.md docs/velcheck.schema.json docs/fleet.md docs/fleet.png
   tools/wireshark/velprobe.lua
   DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT programs)
 install(FILES packaging/velstandin.service
@@ -48,7 +48,11 @@ install(FILES packaging/velstandin.service
 install(FILES docs/protocol.md
   DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT development)
 install(DIRECTORY examples
-  DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT development)
+  DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT development
+  PATTERN fleet EXCLUDE)
+install(DIRECTORY examples/fleet
+  DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples COMPONENT programs
+  PATTERN results EXCLUDE)
 
 set(VELPROBE_ZSH_COMPLETION_DIR ${CMAKE_INSTALL_DATADIR}/zsh/site-functions
   CACHE STRING "Folder of zsh completion functions")

@@ -5,10 +5,11 @@
 #
 #   scripts/check_fleet.sh VELCHECK VELSTANDIN [SCREENSHOTS]
 #
-# SCREENSHOTS is a folder that keeps the pictures of the page.
+# SCREENSHOTS is a folder that keeps the pictures of the page and what else
+# docs/fleet.md shows.
 set -euo pipefail
 
-[ $# -ge 2 ] || { sed -n '2,8s/^# \{0,1\}//p' "$0" >&2; exit 2; }
+[ $# -ge 2 ] || { sed -n '2,9s/^# \{0,1\}//p' "$0" >&2; exit 2; }
 velcheck=$(realpath "$1")
 velstandin=$(realpath "$2")
 work=$(mktemp -d)
@@ -61,6 +62,30 @@ write_agents() {
     $'exe.\u202Egnp \u2067\u200Bback' 'Grüße-日本'
 }
 
+# write_example FOLDER: what docs/fleet.md shows, page.html and text, from three
+# servers of one network of its own, one of which does not run.
+write_example() {
+  printf '%s\n' '127.0.0.2 veltra-a' '127.0.0.3 veltra-b' '127.0.0.4 veltra-c' \
+    >"$1/hosts"
+  printf '%s\n' web{1..8} db1 db2 mail1 >"$1/names"
+  # shellcheck disable=SC2016
+  unshare --map-root-user --mount --net --uts bash -euc '
+    mount --bind "$1/hosts" /etc/hosts
+    hostname desk
+    ip link set lo up
+    "$3" --listen 127.0.0.2 --no-discovery >"$1/a" &
+    nodes=$(grep -Ev "web7|db2" "$1/names" | sed "s/^/--node /")
+    "$3" --listen 127.0.0.3 --no-discovery $nodes \
+      --reason "No Node of this name" >"$1/b" &
+    until grep -q "^Listening" "$1/a" && grep -q "^Listening" "$1/b"; do
+      sleep 0.05
+    done
+    "$2" --agents-from "$1/names" veltra-a veltra-b veltra-c \
+      --html "$1/page.html" >"$1/text" || true
+    kill %1 %2
+  ' write_example "$1" "$velcheck" "$velstandin"
+}
+
 try_page() {
   need_packages chromium nodejs || { skip "page: no Chromium or Node.js"; return; }
   command -v npm >/dev/null || need_packages npm || { skip "page: no npm"; return; }
@@ -69,6 +94,14 @@ try_page() {
     --loglevel=error) || { skip "page: axe-core cannot be had"; return; }
   node "$work/page/check_page.mjs" "$work/fleet.html" "$work/fleet.json" \
     "$work/big.html" "$pictures"
+  mkdir "$work/example"
+  if command -v ip >/dev/null && write_example "$work/example" 2>/dev/null; then
+    cp "$work/example/text" "$pictures/fleet.txt"
+    node "$work/page/take_picture.mjs" "$work/example/page.html" \
+      "$pictures/fleet.png"
+  else
+    skip "picture of the documentation: no network of its own, or no iproute2"
+  fi
 }
 
 try_playbook() {
@@ -99,6 +132,7 @@ try_playbook() {
     cat "$work/playbook.log" >&2
     return 1
   }
+  cp "$work/playbook.log" "$pictures"
 }
 
 try_units() {
