@@ -109,20 +109,24 @@ try_playbook() {
   local hosts=$work/hosts status=0 host
   mkdir "$hosts"
   write_config() { printf 'name=%s\nserver_list=%s\nserver_port=%s\n' "$@"; }
-  write_config web1 127.0.0.2 "${picky#*:}" >"$hosts/web1.conf"
-  write_config web2 127.0.0.2,127.0.0.4 "${picky#*:}" >"$hosts/web2.conf"
-  write_config web10 127.0.0.2 "${picky#*:}" >"$hosts/web10.conf"
-  write_config db1 127.0.0.2 "${picky#*:}" >"$hosts/db1.conf"
+  start_server 127.0.0.2 --node web1 --node web2 --node web10 \
+    --reason "No Node of this name"
+  local port=${server#*:}
+  write_config web1 127.0.0.2 "$port" >"$hosts/web1.conf"
+  write_config web2 127.0.0.2,127.0.0.4 "$port" >"$hosts/web2.conf"
+  write_config web10 127.0.0.2 "$port" >"$hosts/web10.conf"
+  write_config db1 127.0.0.2 "$port" >"$hosts/db1.conf"
   # Of nofile there is no configuration file.
   printf '%s ansible_connection=local velcheck_config='"$hosts"'/%s.conf\n' \
     web1 web1 web2 web2 web10 web10 db1 db1 nofile nofile >"$work/inventory"
+  echo 'gone ansible_host=127.0.0.9 ansible_port=1' >>"$work/inventory"
   ANSIBLE_HOME=$work/ansible ANSIBLE_LOCALHOST_WARNING=false ANSIBLE_FORKS=2 \
     ansible-playbook -i "$work/inventory" examples/fleet/check_agents.yml \
     -e velcheck_install=false -e velcheck_program="$velcheck" \
     -e velcheck_program_here="$velcheck" -e velcheck_results="$work/results" \
     >"$work/playbook.log" || status=$?
-  # Three are accepted somewhere, the other two fail and with them the run.
-  for host in web1:0 web2:0 web10:0 db1:1 nofile:1; do
+  # Three are accepted somewhere, the others fail and with them the run.
+  for host in web1:0 web2:0 web10:0 db1:1 nofile:1 gone:1; do
     grep -Eq "^${host%:*} .* failed=${host#*:} " "$work/playbook.log" || status=1
   done
   grep -q 'msg: VELCHECK WARNING - 3 of 5 accepted: 4 agents' \
