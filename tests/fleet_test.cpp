@@ -182,6 +182,7 @@ TEST(ResultFile, TellsWhatIsWrong) {
       {with("\"port\":3241", "\"port\":1.5"), "a wrong \"port\""},
       {with("10.0.0.1", "10.0.0.<b>"), "a wrong \"address\""},
       {with("\"time\":\"2026-11-21", "\"time\":\"2026-02-31"), "a wrong \"t"},
+      {with("\"time\":\"2026", "\"time\":\"9999"), "a wrong \"time\""},
       {with("\"seconds\":0.0", "\"seconds\":-1"), "a wrong \"seconds\""},
       {with("\"seconds\":0.0", "\"seconds\":1e999"), "no whole JSON text"},
       {"{\"x\":" + string(100, '['), "nested too deeply"},

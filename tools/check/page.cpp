@@ -40,21 +40,29 @@ std::string verdict(const Report& report) {
                  number(report.rows.size()), " accepted"});
 }
 
-std::string head(const Report& report) {
+constexpr char kHeadStart[] = R"(<!DOCTYPE html>
+<html lang="en">
+<head>
+<meta charset="utf-8">
+<meta name="viewport" content="width=device-width, initial-scale=1">
+<meta name="color-scheme" content="light dark">
+<meta name="referrer" content="no-referrer">
+<meta name="generator" content="velcheck )" VELPROBE_VERSION R"(">
+)";
+
+// policy has to stand before style and script.
+std::string policy() {
   return joined(
-      {"<!DOCTYPE html>\n<html lang=\"en\">\n<head>\n<meta charset=\"utf-8\">\n"
-       "<meta http-equiv=\"Content-Security-Policy\" content=\"default-src "
+      {"<meta http-equiv=\"Content-Security-Policy\" content=\"default-src "
        "'none'; style-src '",
        kStyleHash, "'; script-src '", kScriptHash,
-       "'; base-uri 'none'; form-action 'none'\">\n"
-       "<meta name=\"viewport\" content=\"width=device-width, "
-       "initial-scale=1\">\n"
-       "<meta name=\"color-scheme\" content=\"light dark\">\n"
-       "<meta name=\"referrer\" content=\"no-referrer\">\n"
-       "<meta name=\"generator\" content=\"velcheck " VELPROBE_VERSION "\">\n"
-       "<title>",
-       kStatusNames[report.status], ": ", verdict(report),
-       " - velcheck</title>\n<style>", kStyle, "</style>\n</head>\n"});
+       "'; base-uri 'none'; form-action 'none'\">\n"});
+}
+
+std::string head(const Report& report) {
+  return joined({kHeadStart, policy(), "<title>", kStatusNames[report.status],
+                 ": ", verdict(report), " - velcheck</title>\n<style>", kStyle,
+                 "</style>\n</head>\n"});
 }
 
 std::string summary(const Report& report) {

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <charconv>
 #include <cmath>
-#include <cstdio>
 #include <ctime>
 #include <limits>
 #include <nlohmann/json.hpp>
@@ -24,6 +23,8 @@ using Time = std::chrono::system_clock::time_point;
 // may add to that, but not this much.
 constexpr std::size_t kDeepest = 32;
 constexpr double kMostSeconds = 1e9;
+constexpr int kFirstYear = 1970;
+constexpr int kLastYear = 2200;
 
 // Value is what a field can hold; std::monostate is null.
 using Value = std::variant<std::monostate, bool, double, std::string>;
@@ -98,20 +99,28 @@ bool set_source(const Value& value, Source& out_source) {
   return false;
 }
 
-// set_time takes exactly what timestamp prints.
+int number_at(const std::string& text, std::size_t at, std::size_t size) {
+  int number = -1;
+  std::from_chars(text.data() + at, text.data() + at + size, number);
+  return number;
+}
+
+// set_time takes exactly what timestamp prints, in years that a clock of
+// nanoseconds can hold.
 bool set_time(const Value& value, Time& time) {
   const auto* text = std::get_if<std::string>(&value);
+  if (text == nullptr || text->size() != 24) return false;
   std::tm parts{};
-  int milliseconds = 0;
-  if (text == nullptr || text->size() != 24 ||
-      std::sscanf(text->c_str(), "%4d-%2d-%2dT%2d:%2d:%2d.%3dZ", &parts.tm_year,
-                  &parts.tm_mon, &parts.tm_mday, &parts.tm_hour, &parts.tm_min,
-                  &parts.tm_sec, &milliseconds) != 7)
-    return false;
-  parts.tm_year -= 1900;
-  parts.tm_mon -= 1;
+  const int year = number_at(*text, 0, 4);
+  if (year < kFirstYear || year > kLastYear) return false;
+  parts.tm_year = year - 1900;
+  parts.tm_mon = number_at(*text, 5, 2) - 1;
+  parts.tm_mday = number_at(*text, 8, 2);
+  parts.tm_hour = number_at(*text, 11, 2);
+  parts.tm_min = number_at(*text, 14, 2);
+  parts.tm_sec = number_at(*text, 17, 2);
   time = std::chrono::system_clock::from_time_t(::timegm(&parts)) +
-         std::chrono::milliseconds(milliseconds);
+         std::chrono::milliseconds(number_at(*text, 20, 3));
   return timestamp(time) == *text;
 }
 
@@ -196,8 +205,11 @@ class Reader : public nlohmann::json_sax<Json> {
   bool end_array() override { return go_up(); }
 
   bool key(string_t& name) override {
-    if (depth_ == 1) head_key_ = std::move(name);
-    if (depth_ == 3) row_key_ = std::move(name);
+    if (depth_ == 1) {
+      head_key_ = std::move(name);
+    } else if (depth_ == 3) {
+      row_key_ = std::move(name);
+    }
     return true;
   }
 
@@ -249,7 +261,7 @@ class Reader : public nlohmann::json_sax<Json> {
     return true;
   }
 
-  bool take(Value value) {
+  bool take(const Value& value) {
     if (depth_ == 0) return fail("no JSON object");
     if (depth_ == 1)
       return set_field(kHeadFields, head_key_, value, result_, head_seen_);
