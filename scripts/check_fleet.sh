@@ -3,20 +3,20 @@
 # playbook, the systemd units, alert rules and dashboard of examples/fleet. Each
 # part says so where it cannot run.
 #
-#   scripts/check_fleet.sh VELCHECK VELSTANDIN [SCREENSHOTS]
+#   scripts/check_fleet.sh [BUILD [PICTURES]]    build/release
 #
-# SCREENSHOTS is a folder that keeps the pictures of the page and what else
-# docs/fleet.md shows.
+# PICTURES is a folder that keeps those of the page and what else docs/fleet.md
+# shows.
 set -euo pipefail
 
-[ $# -ge 2 ] || { sed -n '2,9s/^# \{0,1\}//p' "$0" >&2; exit 2; }
-velcheck=$(realpath "$1")
-velstandin=$(realpath "$2")
 work=$(mktemp -d)
 pictures=$work/pictures
-[ $# -lt 3 ] || pictures=$(realpath "$3")
+[ $# -lt 2 ] || pictures=$(realpath -m "$2")
 mkdir -p "$pictures"
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
+build=$(realpath "${1:-build/release}")
+velcheck=$build/tools/check/velcheck
+velstandin=$build/tools/standin/velstandin
 . scripts/packages.sh
 
 servers=()
