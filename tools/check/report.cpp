@@ -3,7 +3,7 @@
 #include <cstdio>
 #include <ctime>
 #include <set>
-#include <tuple>
+#include <utility>
 
 namespace velprobe::check {
 namespace {

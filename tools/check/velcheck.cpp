@@ -183,10 +183,12 @@ void ask_all(const Options& options, Plan plan, Deadline deadline,
   report.remarks = run->remarks();
 }
 
-// The rate alone may need this long: servers may share an address.
+// The rate alone may need this long: servers may share an address. How many a
+// scan finds nobody knows yet.
 double time_of_pacing(const Options& options, const Plan& plan) {
   if (options.agents_from == nullptr) return 0;
-  const std::size_t num_pairs = plan.agents.size() * plan.servers.size();
+  const std::size_t num_pairs =
+      plan.agents.size() * std::max<std::size_t>(plan.servers.size(), 1);
   return std::min(kLongestPacing,
                   static_cast<double>(num_pairs) / options.rate);
 }
