@@ -52,11 +52,11 @@ constexpr char kHeadStart[] = R"(<!DOCTYPE html>
 
 // policy has to stand before style and script.
 std::string policy() {
-  return joined(
-      {"<meta http-equiv=\"Content-Security-Policy\" content=\"default-src "
-       "'none'; style-src '",
-       kStyleHash, "'; script-src '", kScriptHash,
-       "'; base-uri 'none'; form-action 'none'\">\n"});
+  constexpr std::string_view kStart =
+      "<meta http-equiv=\"Content-Security-Policy\" content=\"default-src "
+      "'none'; style-src '";
+  return joined({kStart, kStyleHash, "'; script-src '", kScriptHash,
+                 "'; base-uri 'none'; form-action 'none'\">\n"});
 }
 
 std::string head(const Report& report) {
