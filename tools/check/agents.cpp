@@ -52,7 +52,7 @@ ErrorText read_agents(const char* path, Deadline deadline,
                       const std::string& default_domain,
                       std::vector<Agent>& out_agents) {
   std::string text;
-  if (ErrorText error = read_text_file(path, deadline, text)) return error;
+  if (ErrorText error = read_input(path, deadline, text)) return error;
   std::set<std::pair<std::string, std::string>> known;
   const char* complaint = nullptr;
   const std::size_t bad_line =
@@ -65,7 +65,7 @@ ErrorText read_agents(const char* path, Deadline deadline,
         out_agents.push_back(std::move(agent));
         return complaint == nullptr;
       });
-  const char* const title = file_title(path);
+  const char* const title = input_title(path);
   if (bad_line != 0)
     return format_error_text("%s, line %zu: %s", title, bad_line, complaint);
   if (out_agents.empty()) return format_error_text("%s names no agent", title);

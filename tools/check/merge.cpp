@@ -66,17 +66,17 @@ void add_result(const char* path, ResultFile result, Report& report) {
 
 void read_result(const char* path, Deadline deadline, Report& report) {
   std::string json;
-  if (ErrorText error = read_text_file(path, deadline, json)) {
+  if (ErrorText error = read_input(path, deadline, json)) {
     add_complaint(report, error.c_str());
     return;
   }
   ResultFile result;
   const std::string complaint = parse_result(json, result);
   if (complaint.empty()) {
-    add_result(file_title(path), std::move(result), report);
+    add_result(input_title(path), std::move(result), report);
   } else {
     add_complaint(report,
-                  joined({file_title(path),
+                  joined({input_title(path),
                           ": no result of velcheck --json: ", complaint}));
   }
 }

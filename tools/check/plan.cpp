@@ -50,11 +50,7 @@ ErrorText take_config(const Options& options, Deadline deadline, Plan& plan) {
 
 ErrorText take_servers_from(const char* path, Deadline deadline, Plan& plan) {
   std::string text;
-  const bool is_input = std::strcmp(path, "-") == 0;
-  const char* title = is_input ? kStandardInput : path;
-  if (ErrorText error = is_input ? read_standard_input(deadline, text)
-                                 : read_text_file(path, deadline, text))
-    return error;
+  if (ErrorText error = read_input(path, deadline, text)) return error;
   std::string last;
   const std::size_t bad_line =
       for_each_entry(text, [&](std::string_view entry) {
@@ -65,8 +61,8 @@ ErrorText take_servers_from(const char* path, Deadline deadline, Plan& plan) {
         return true;
       });
   if (bad_line == 0) return {};
-  return format_error_text("%s, line %zu: %s: \"%s\"", title, bad_line,
-                           kNotAServer, last.c_str());
+  return format_error_text("%s, line %zu: %s: \"%s\"", input_title(path),
+                           bad_line, kNotAServer, last.c_str());
 }
 
 // The domain of the file or the command line is that of all who have none.

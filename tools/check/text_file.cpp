@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstring>
 
 #include "util/owners.h"
 #include "util/text.h"
@@ -39,6 +40,10 @@ ErrorText read_all(int file, const char* path, Deadline deadline,
   return reading_failed(path, "too long");
 }
 
+bool is_standard_input(const char* path) {
+  return std::strcmp(path, "-") == 0;
+}
+
 std::string_view trimmed(std::string_view text) {
   while (!text.empty() && is_white_space(text.front())) text.remove_prefix(1);
   while (!text.empty() && is_white_space(text.back())) text.remove_suffix(1);
@@ -46,10 +51,6 @@ std::string_view trimmed(std::string_view text) {
 }
 
 }  // namespace
-
-ErrorText read_standard_input(Deadline deadline, std::string& out_text) {
-  return read_all(STDIN_FILENO, kStandardInput, deadline, out_text);
-}
 
 ErrorText read_text_file(const char* path, Deadline deadline,
                          std::string& out_text) {
@@ -61,6 +62,16 @@ ErrorText read_text_file(const char* path, Deadline deadline,
                              last_os_error_text());
   }
   return read_all(file.get(), path, deadline, out_text);
+}
+
+ErrorText read_input(const char* path, Deadline deadline,
+                     std::string& out_text) {
+  if (!is_standard_input(path)) return read_text_file(path, deadline, out_text);
+  return read_all(STDIN_FILENO, input_title(path), deadline, out_text);
+}
+
+const char* input_title(const char* path) {
+  return is_standard_input(path) ? "standard input" : path;
 }
 
 std::size_t for_each_entry(

@@ -18,11 +18,14 @@ namespace velprobe::check {
 ErrorText read_text_file(const char* path, Deadline deadline,
                          std::string& out_text);
 
-// read_standard_input reads all of standard input in the same way. In the texts
-// it goes by kStandardInput.
-ErrorText read_standard_input(Deadline deadline, std::string& out_text);
+// read_input reads the file at path, or standard input for "-", in the same
+// way.
+ErrorText read_input(const char* path, Deadline deadline,
+                     std::string& out_text);
 
-inline constexpr char kStandardInput[] = "standard input";
+// input_title is how to speak of what read_input reads: "standard input" for
+// "-", else the path.
+const char* input_title(const char* path);
 
 // for_each_entry calls take with each line that holds something, without the
 // white space around it and without what "#" begins. It stops at the first line
