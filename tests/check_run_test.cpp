@@ -525,6 +525,8 @@ TEST(Check, ReplacesTheOutputFileWhole) {
   check({server, "--output", "/dev/stdout"}, {.prepare = append});
   EXPECT_TRUE(folder.read("log")->starts_with("older\nVELCHECK "));
   EXPECT_EQ(check({server, "--output", folder.path("no/file")}).status, 3);
+  fs::create_symlink("no-file", folder.path("dangling"));
+  EXPECT_EQ(check({server, "--output", folder.path("dangling")}).status, 3);
   EXPECT_EQ(check({server, "--output", folder.path("")}).status, 3);
   const auto small = [] {
     const rlimit both = {10, 10};
@@ -534,7 +536,7 @@ TEST(Check, ReplacesTheOutputFileWhole) {
   EXPECT_EQ(folder.read("result.prom"), "old");
   // Nothing half-written stays behind.
   const fs::directory_iterator files(fs::path(path).parent_path());
-  EXPECT_EQ(std::distance(begin(files), end(files)), 4);
+  EXPECT_EQ(std::distance(begin(files), end(files)), 5);
 }
 
 }  // namespace

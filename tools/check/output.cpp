@@ -52,6 +52,26 @@ bool open_folder(const std::string& path, Place& place) {
   return place.folder && !place.name.empty();
 }
 
+// is_trusted_name follows fs.protected_symlinks (proc(5)) whatever its setting
+// is: in a folder like /tmp, a link that neither this account nor the folder's
+// owner made may have been planted. Nor is a link to nothing replaced.
+bool is_trusted_name(const char* path, bool exists) {
+  Place place;
+  struct stat link {
+  }, folder{};
+  if (!open_folder(path, place) || ::fstat(place.folder.get(), &folder) != 0 ||
+      ::fstatat(place.folder.get(), place.name.c_str(), &link,
+                AT_SYMLINK_NOFOLLOW) != 0)
+    return !exists && errno == ENOENT;
+  if (!S_ISLNK(link.st_mode)) return true;
+  constexpr mode_t kShared = S_ISVTX | S_IWOTH;
+  const bool is_shared = (folder.st_mode & kShared) == kShared;
+  const bool is_ours =
+      link.st_uid == ::geteuid() || link.st_uid == folder.st_uid;
+  errno = exists ? EACCES : ENOENT;
+  return exists && (is_ours || !is_shared);
+}
+
 // find_old_place finds where the opened file stands, behind links. The system
 // judged these as it opened the file, so the name they lead to must still be
 // that file.
@@ -83,7 +103,7 @@ FileDescriptor create_beside(const Place& place, std::string& out_name) {
 bool keep_mode(int file, const struct stat& old) {
   // Only root may give a file away; for others the mode is what can be kept.
   if (::fchown(file, old.st_uid, old.st_gid) != 0) errno = 0;
-  return ::fchmod(file, old.st_mode & 07777) == 0;
+  return ::fchmod(file, old.st_mode & 0777) == 0;
 }
 
 bool write_and_rename(const Place& place, const std::string& temporary,
@@ -165,13 +185,16 @@ bool write_all(int descriptor, std::string_view text) {
 ErrorText replace_file(const char* path, std::string_view text) {
   Place place;
   const FileDescriptor old(::open(path, O_PATH | O_CLOEXEC));
+  if (!old && errno != ENOENT) return failure("opening", path);
+  if (!is_trusted_name(path, static_cast<bool>(old)))
+    return failure("opening", path);
   if (old && is_standard_output(old.get()))
     return write_all(STDOUT_FILENO, text) ? ErrorText()
                                           : failure("writing to", path);
   if (old && !is_regular(old.get()))
     return write_in_place(path, old.get(), text);
-  const bool found = old ? find_old_place(path, old.get(), place)
-                         : errno == ENOENT && open_folder(path, place);
+  const bool found =
+      old ? find_old_place(path, old.get(), place) : open_folder(path, place);
   if (!found) return failure("opening", path);
   return replace_at(place, path, text);
 }
