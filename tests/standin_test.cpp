@@ -19,6 +19,8 @@
 #include <vector>
 
 #include "net/tcp.h"
+#include "net/udp.h"
+#include "probe/discovery_datagram.h"
 #include "standin/nodes.h"
 #include "support/bytes.h"
 #include "support/program.h"
@@ -320,6 +322,48 @@ TEST_F(Standin, ServesBesideManyThatAreSilent) {
   EXPECT_EQ(std::count(lines.begin(), lines.end(),
                        "no request; not answered; cut off: made room"),
             1);
+}
+
+TEST_F(Standin, ServesBesideManyThatNeverAcknowledge) {
+  Server& server = start({"--session-limit", "86400", "--max-sessions", "2"});
+  const RawClient first(server.port, kRequest);
+  const RawClient second(server.port, kRequest);
+  EXPECT_TRUE(
+      has(probe("name=a\nserver_list=127.0.0.1"), "Connecting to server: OK."));
+}
+
+TEST_F(Standin, AnswersQueriesBesideHangingSessions) {
+  Server& server = start({"--session-limit", "86400", "--max-sessions", "1"});
+  const RawClient hanging(server.port, kRequest);
+  const RawClient waiting(server.port);
+  std::int32_t handle = -1;
+  ASSERT_TRUE(udp_open(handle));
+  const FileDescriptor socket(handle);
+  const auto query = build_discovery_query();
+  ASSERT_FALSE(udp_send(handle, {127, 0, 0, 1},
+                        static_cast<std::uint16_t>(server.port), query.data(),
+                        query.size()));
+  ASSERT_TRUE(socket_wait_readable(handle, 10));
+  DiscoveryDatagram answer{};
+  ssize_t length = answer.size();
+  Ipv4Address sender{};
+  std::uint16_t port = 0;
+  EXPECT_FALSE(udp_receive(handle, sender, port, answer.data(), length));
+  EXPECT_EQ(answer, build_discovery_answer());
+  EXPECT_EQ(port, server.port);
+}
+
+TEST_F(Standin, EndsWhenItsLogCannotBeWritten) {
+  Words words = {"/bin/sh", "-c", "exec \"$0\" \"$@\" >/dev/full"};
+  const Words own = Server::command_of({});
+  words.insert(words.end(), own.begin(), own.end());
+  const Finished full = run(words);
+  EXPECT_EQ(full.output,
+            "velstandin: Error writing the log: No space left on device\n");
+  EXPECT_EQ(full.status, 1);
+
+  // A reader that leaves after the first line: the next session is the last.
+  words[2] = "{ \"$0\" \"$@\"; echo status $?; } 2>&1 >\"$F\" | cat";
 }
 
 TEST_F(Standin, GoesOnWhenDescriptorsRunOut) {

@@ -86,6 +86,9 @@ class Program {
     return shown_;
   }
 
+  // Nobody reads from now on.
+  void close_output() { output_ = FileDescriptor(); }
+
   // Everything that the program has shown once it ended.
   const std::string& output() { return read_until(std::string(1, '\0')); }
 

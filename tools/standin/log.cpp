@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -159,9 +160,22 @@ bool Log::write(Line& line) {
     return false;
   }
   const std::lock_guard lock(mutex_);
-  std::fwrite(line.view().data(), 1, line.view().size(), stdout);
-  std::fflush(stdout);
-  return true;
+  if (error_number_ != 0) return false;
+  const std::size_t size = line.view().size();
+  errno = 0;
+  // With a buffer by lines, the calls may hide a failure that they note.
+  const bool is_written =
+      std::fwrite(line.view().data(), 1, size, stdout) == size &&
+      std::fflush(stdout) == 0 && std::ferror(stdout) == 0;
+  if (!is_written) error_number_ = errno != 0 ? errno : EIO;
+  return error_number_ == 0;
+}
+
+ErrorText Log::failure() {
+  const int number = error_number_;
+  if (number == 0) return {};
+  return {format_error_text("Error writing the log: %s", os_error_text(number)),
+          number};
 }
 
 ErrorText Log::tell_listening(const Ipv4Address& address, std::uint16_t port) {
@@ -172,7 +186,9 @@ ErrorText Log::tell_listening(const Ipv4Address& address, std::uint16_t port) {
     begin(line, "listening");
     line.add_format(",\"address\":\"%s:%u\"", address_text(address), port);
   }
-  return write(line) ? ErrorText() : kOutOfMemory;
+  if (write(line)) return {};
+  const ErrorText error = failure();
+  return error ? error : ErrorText(kOutOfMemory);
 }
 
 void Log::tell_session(const SessionRecord& record) {

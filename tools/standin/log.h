@@ -3,6 +3,7 @@
 #define VELPROBE_STANDIN_LOG_H_
 
 #include <array>
+#include <atomic>
 #include <cstdint>
 #include <mutex>
 
@@ -24,7 +25,7 @@ enum class LogForm { kText, kJsonLines };
 void format_session(Line& line, LogForm form, const SessionRecord& record);
 
 // Log writes whole lines, from any thread. For want of memory a line may be
-// missing; standard error says so.
+// missing; standard error says so. After a failed write there are no more.
 class Log {
  public:
   // open chooses the form. In text, time stamps go in front unless standard
@@ -32,13 +33,17 @@ class Log {
   void open(LogForm form);
 
   // The first line of all; text has no time stamp there.
-  //   "Out of memory"
+  //   "Out of memory", the text of failure
   ErrorText tell_listening(const Ipv4Address& address, std::uint16_t port);
   // tell_session also counts the session by its answer.
   void tell_session(const SessionRecord& record);
   // tell_summary tells the counts, then a line for each agent that came or was
   // to come.
   void tell_summary(NodeRegister& nodes);
+  // failure tells why a line could not be written. It does not wait for one
+  // that is being written.
+  //   "Error writing the log: %s"
+  ErrorText failure();
 
  private:
   void begin(Line& line, const char* event) const;
@@ -49,6 +54,7 @@ class Log {
   bool is_stamped_ = true;
   std::mutex mutex_;
   std::array<std::uint64_t, 4> num_by_answer_{};  // under the mutex
+  std::atomic<int> error_number_ = 0;
 };
 
 }  // namespace velprobe::standin

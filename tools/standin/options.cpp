@@ -58,10 +58,10 @@ TROUBLE is one of these:
 )";
 
 constexpr char kHelpEnd[] = R"(
-When all places are taken, a client that has waited for its first word longest
-gives way. At SIGUSR1 and at the end it prints a summary. While listening on a
-loopback address, it answers discovery queries from this host only. Of several
-on one port number, only one can answer discovery queries.
+When all places are taken, a client that keeps silent gives way. At SIGUSR1 and
+at the end it prints a summary. While listening on a loopback address, it
+answers discovery queries from this host only. Of several on one port number,
+only one can answer discovery queries.
 )";
 
 enum OptionId {

@@ -56,6 +56,7 @@ void serve(void* context, Seat& seat, Client client) {
   serve_session(seat, std::move(client), server.options.rules, server.nodes,
                 record);
   server.log.tell_session(record);
+  if (server.log.failure()) server.pool.ask_for_bell();
 }
 
 ErrorText open_both(Server& server) {
@@ -220,6 +221,7 @@ void do_work(Server& server, std::int32_t ready) {
 
 ErrorText run(Server& server) {
   for (;;) {
+    if (!server.is_stopping && server.log.failure()) stop(server);
     if ((server.is_stopping || has_accepted_all(server)) &&
         server.pool.is_idle()) {
       return {};
@@ -264,7 +266,7 @@ ErrorText run_server(const Options& options) {
   }
   if (ErrorText error = run(server)) return error;
   server.log.tell_summary(server.nodes);
-  return {};
+  return server.log.failure();
 }
 
 }  // namespace velprobe::standin

@@ -9,9 +9,9 @@ namespace velprobe::standin {
 
 // run_server listens, says where, and serves clients side by side until SIGINT,
 // SIGTERM or the end of the last of the wanted sessions. Fails with the texts
-// of NodeTable, watch_signals, listen_on, open_responder and SessionPool, with
-// "Error reading the port chosen by the system" and "Error waiting for clients:
-// %s".
+// of NodeTable, watch_signals, listen_on, open_responder, SessionPool and Log,
+// with "Error reading the port chosen by the system" and "Error waiting for
+// clients: %s".
 ErrorText run_server(const Options& options);
 
 }  // namespace velprobe::standin

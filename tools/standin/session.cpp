@@ -164,6 +164,7 @@ ErrorText converse(Conversation& conversation, const SessionRules& rules,
   // The log outlives the trouble of this agent.
   record.own_reason = std::move(own.text);
   if (error || record.end[0] != '\0') return error;
+  if (conversation.seat != nullptr) conversation.seat->has_answer();
   return await_acknowledgement(conversation);
 }
 

@@ -18,7 +18,10 @@ namespace {
 // A session needs a few kilobytes; the sanitizers some more.
 constexpr std::size_t kStackBytes = 256 * 1024;
 // A client on the way to its first byte is not silent yet.
-constexpr std::chrono::milliseconds kPatience{20};
+constexpr std::chrono::milliseconds kRequestPatience{20};
+// Far above the way there and back to any agent, which has nothing to think
+// over.
+constexpr std::chrono::seconds kAcknowledgementPatience{1};
 
 using Lock = std::unique_lock<std::mutex>;
 
@@ -38,7 +41,12 @@ void Seat::unwatch() {
 
 void Seat::has_asked() {
   const Lock lock(pool_->mutex_);
-  awaits_request_ = false;
+  gives_way_ = kNoDeadline;
+}
+
+void Seat::has_answer() {
+  const Lock lock(pool_->mutex_);
+  gives_way_ = std::chrono::steady_clock::now() + kAcknowledgementPatience;
 }
 
 bool Seat::pause_until(Deadline time) {
@@ -107,7 +115,7 @@ bool SessionPool::await_client(Seat& seat, Client& out_client) {
 void SessionPool::vacate(Seat& seat) {
   const Lock lock(mutex_);
   seat.is_taken_ = false;
-  seat.awaits_request_ = false;
+  seat.gives_way_ = kNoDeadline;
   --num_taken_;
   if (!std::exchange(is_waited_for_, false)) return;
   const std::uint64_t one = 1;
@@ -148,8 +156,7 @@ void SessionPool::seat(Seat& seat, Client client) {
   const Lock lock(mutex_);
   seat.client_ = std::move(client);
   seat.is_taken_ = true;
-  seat.awaits_request_ = true;
-  seat.since_ = std::chrono::steady_clock::now();
+  seat.gives_way_ = std::chrono::steady_clock::now() + kRequestPatience;
   seat.cut_reason_ = nullptr;
   ++num_taken_;
   seat.change_.notify_one();
@@ -159,20 +166,20 @@ Deadline SessionPool::make_room() {
   const Lock lock(mutex_);
   const Deadline now = std::chrono::steady_clock::now();
   Deadline next = kNoDeadline;
-  Seat* oldest = nullptr;
+  Seat* first = nullptr;
   for (Seat& seat : seats()) {
-    if (!seat.awaits_request_) continue;
+    if (seat.gives_way_ == kNoDeadline) continue;
     // One that was cut is on its way out already.
     if (seat.cut_reason_ != nullptr) return kNoDeadline;
-    next = now + kPatience;
-    if (oldest != nullptr && oldest->since_ <= seat.since_) continue;
+    next = now + kRequestPatience;
+    if (first != nullptr && first->gives_way_ <= seat.gives_way_) continue;
     const bool is_silent =
         seat.socket_ >= 0 && !socket_wait_readable(seat.socket_, 0);
-    if (is_silent) oldest = &seat;
+    if (is_silent) first = &seat;
   }
-  if (oldest == nullptr) return next;
-  if (now < oldest->since_ + kPatience) return oldest->since_ + kPatience;
-  cut(*oldest, "cut off: made room");
+  if (first == nullptr) return next;
+  if (now < first->gives_way_) return first->gives_way_;
+  cut(*first, "cut off: made room");
   return kNoDeadline;
 }
 

@@ -38,8 +38,10 @@ class Seat {
   void watch(std::int32_t socket);
   void unwatch();
   // has_asked says that the client has sent its request: the session no longer
-  // gives way to others.
+  // gives way to others, until has_answer says that it awaits the
+  // acknowledgement.
   void has_asked();
+  void has_answer();
   // pause_until sleeps; false when the session was cut off.
   bool pause_until(Deadline time);
   // cut_reason tells why the session was cut off, or null.
@@ -56,8 +58,7 @@ class Seat {
   Client client_;
   bool is_taken_ = false;
   std::int32_t socket_ = -1;
-  bool awaits_request_ = false;
-  Deadline since_{};
+  Deadline gives_way_ = kNoDeadline;  // to others from then on
   const char* cut_reason_ = nullptr;
 };
 
@@ -88,12 +89,13 @@ class SessionPool {
   // seat hands a client to a seat of find_seat.
   void seat(Seat& seat, Client client);
 
-  // make_room cuts off the session that has waited for its request longest, if
-  // that is long enough and nothing of it has arrived unread. Else it tells
-  // when to ask again: kNoDeadline if none waits.
+  // make_room cuts off the session that is due first to give way, if it is and
+  // nothing of it has arrived unread. Else it tells when to ask again:
+  // kNoDeadline if none will give way.
   Deadline make_room();
 
-  // ask_for_bell makes the bell ring at the next end of a session.
+  // ask_for_bell makes the bell ring at the next end of a session. For any
+  // thread.
   void ask_for_bell();
   void cut_all(const char* reason);
   // is_idle tells whether nobody is served; if not, the bell will ring.
