@@ -62,8 +62,10 @@ if [ "${1-compare}" = hostile ]; then
   else
     build build/bench . velstandin -DVELPROBE_BENCH=ON
   fi
-  # Else the address sanitizer keeps what was freed, and seems to grow.
-  export ASAN_OPTIONS=quarantine_size_mb=1
+  # Else the address sanitizer keeps what was freed, in all and for each thread,
+  # and seems to grow.
+  export ASAN_OPTIONS=quarantine_size_mb=1:thread_local_quarantine_size_kb=16
+  ASAN_OPTIONS+=:malloc_context_size=0
   # Small, so that clients have to make room as well.
   start "$program" --max-sessions 12 --session-limit 2 \
     --node fast=slow:1 --trouble late:5:10% --trouble discovery-late
