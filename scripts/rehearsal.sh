@@ -5,8 +5,8 @@
 #   scripts/rehearsal.sh [BUILD]           build/release
 #   scripts/rehearsal.sh --write [BUILD]   puts it into the page
 #
-# VELCHECK=PROGRAM adds what that program prints. A scan asks every network that
-# the host has, so this runs in a network of its own with nothing but loopback;
+# A scan asks every network that the host has, so this runs in a network of its
+# own with nothing but loopback;
 # --here says that it has one already.
 set -euo pipefail
 
@@ -27,6 +27,7 @@ if [ "${1-}" != --here ]; then
 fi
 velstandin=$2/tools/standin/velstandin
 velprobe=$2/src/driver/velprobe
+velcheck=$2/tools/check/velcheck
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
@@ -52,7 +53,7 @@ plain_log() {
 
 # show KIND OPERATION SERVERS OPTION...
 show() {
-  local check=${VELCHECK-} operation=$2 servers=$3 at=$work/$1 num_sessions=1 pid port
+  local check=$velcheck operation=$2 servers=$3 at=$work/$1 num_sessions=1 pid port
   shift 3
   mkdir "$at"
   touch "$at/log"
@@ -80,7 +81,8 @@ show() {
   plain <"$at/velprobe"
   if [ "$check" ]; then
     printf '$ velcheck --config agent.conf\n'
-    sed 's/ *|.*//' "$at/velcheck"
+    sed -E 's/ *\|.*//; s/(127\.0\.0\.1):[0-9]+/\1:3241/g
+      s/ \[[0-9.]+s\]$//' "$at/velcheck"
   fi
   # shellcheck disable=SC2016
   echo '```'
