@@ -6,8 +6,8 @@
 #   scripts/rehearsal.sh --write [BUILD]   puts it into the page
 #
 # A scan asks every network that the host has, so this runs in a network of its
-# own with nothing but loopback;
-# --here says that it has one already.
+# own with nothing but loopback; --here says that it has one
+# already.
 set -euo pipefail
 
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
