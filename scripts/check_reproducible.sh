@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
 # Builds the packages twice, here and from a copy of the sources in another
 # folder without a repository, and compares them byte by byte.
+#
+#   scripts/check_reproducible.sh [BUILT]    a folder of packages built already
 set -euo pipefail
 
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
@@ -16,7 +18,7 @@ sums() {
 mkdir "$work/elsewhere"
 git ls-files -z -co --exclude-standard |
   xargs -0 cp --parents -t "$work/elsewhere"
-./scripts/build_packages.sh >/dev/null
+[ $# -gt 0 ] || ./scripts/build_packages.sh >/dev/null
 "$work/elsewhere/scripts/build_packages.sh" "$work/out" >/dev/null
-diff <(sums build/package) <(sums "$work/out")
+diff <(sums "${1:-build/package}") <(sums "$work/out")
 echo "reproducible: all well"
