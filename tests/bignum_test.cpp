@@ -18,8 +18,8 @@ namespace {
 
 using Limbs = std::vector<std::uint32_t>;
 
-// Fixed is a number with exactly as many limbs of room as asked for, so that
-// the address sanitizer sees every step beyond it.
+// Fixed is a number with a capacity of exactly as many limbs as asked for, so
+// that the address sanitizer sees every step beyond it.
 struct Fixed {
   explicit Fixed(const Limbs& limbs, std::size_t size = 0)
       : memory(std::max(size, limbs.size())) {
@@ -41,7 +41,7 @@ std::string bytes_out_of(const BigNum* num) {
   return bytes.substr(0, length);
 }
 
-TEST(BigNum, CapacityFollowsTheRequestAndOnlyBytesInMakeRoom) {
+TEST(BigNum, CapacityFollowsTheRequestAndOnlyBytesInRaiseIt) {
   const BigNumPtr num = bn_new(3, 0), roomy = bn_new(1, 99);
   EXPECT_EQ(bn_new(7, 10)->size, 16u);
   EXPECT_EQ(bn_new(7, 11)->size, 17u);
@@ -66,9 +66,9 @@ TEST(BigNum, CapacityFollowsTheRequestAndOnlyBytesInMakeRoom) {
   EXPECT_EQ(length, 68u) << "whole limbs";
 }
 
-// One row runs one operation at the edge of its room: a sum or a shift without
-// room changes nothing, a difference below zero wraps.
-TEST(BigNum, OperationsAtTheEdgeOfTheirRoom) {
+// One row runs one operation at the edge of its capacity: a sum or a shift
+// beyond it changes nothing, a difference below zero wraps.
+TEST(BigNum, OperationsAtTheEdgeOfTheirCapacity) {
 #define RUN(operation) [&](BigNum* a) { return static_cast<int>(operation); }
   Fixed zero({}), long_zero({0}), six({6}), seven({7}), two({5, 6});
   struct {
@@ -116,13 +116,14 @@ TEST(BigNum, OperationsAtTheEdgeOfTheirRoom) {
   }
 }
 
-// A reduction needs scratch room for its operands and for one bit more, when
-// the modulus, aligned to the top of a full limb, is still below the number.
-TEST(BigNum, ReductionNeedsScratchRoom) {
+// A reduction needs a scratch number as long as its operands and one bit more,
+// when the modulus, aligned to the top of a full limb, is still below the
+// number.
+TEST(BigNum, ReductionNeedsScratchCapacity) {
   struct {
     Limbs a, b;
     std::size_t scratch;
-    const char* rest;  // null: no room
+    const char* rest;  // null: too small
   } const kRows[] = {
       {{1, 2, 3}, {7}, 2, nullptr},
       {{7}, {1, 2, 3}, 2, nullptr},
@@ -289,7 +290,8 @@ TEST_F(BigNumProperty, DecimalAndBytesComeBack) {
 
 TEST(BigNum, GivesThePublicResults) {
   SKIP_WITHOUT_VECTORS();
-  // Operands have room for every result; those that a row does not name are 0.
+  // Operands have the capacity for every result; those that a row does not name
+  // are 0.
   Fixed a({}, 1000), b({}, 1000), c({}, 1000);
   const auto a_after = [&a](auto rc) { return rc == 0 ? hex_of(a) : "failed"; };
 #define RUN(result) [&]() -> std::string { return result; }

@@ -1,4 +1,4 @@
-// What the library's operations do when memory is short: each allocation of
+// What the library's operations do when memory runs out: each allocation of
 // each operation fails in turn, and none of them takes that for success.
 #include <gtest/gtest.h>
 #include <sys/socket.h>

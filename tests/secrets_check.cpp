@@ -185,7 +185,7 @@ const AesOperation kOperations[] = {
 Bytes run_aes(const AesPath* path, const AesOperation& operation, int bits,
               std::uint8_t mode) {
   force_aes_path(path);
-  // With room for the result: growing would copy it through registers.
+  // With space for the result: growing would copy it through registers.
   Bytes output(kTextSize + 17);
   if (init_key(operation.direction, bits) < 1 ||
       cipherInit(&g_aes.cipher, mode,

@@ -29,10 +29,10 @@ struct OldFile {
 // two names; without the lock the file is read all the same. A file that cannot
 // be opened is no failure here.
 //
-// Failures: could_not_open's text, for what is no regular file, a read error,
-// short memory and a file of more than 64 MiB; error_opening's text, when the
-// file's owner and mode are not to be had, or when it is still between two
-// names after five seconds.
+// Failures: could_not_open's text, for what is no regular file, a read error, a
+// file of more than 64 MiB, and when memory runs out; error_opening's text,
+// when the file's owner and mode are not to be had, or when it is still between
+// two names after five seconds.
 ErrorText read_old_file(const ConfigPaths& paths, OldFile& out);
 
 // read_config_bytes reads the whole file, and then deletes the side files
@@ -41,8 +41,8 @@ ErrorText read_old_file(const ConfigPaths& paths, OldFile& out);
 // out_open_error is 0, or the number with which the system refused to open the
 // file.
 //
-// Failure: could_not_open's text, for a read error, short memory and more than
-// 64 MiB.
+// Failure: could_not_open's text, for a read error, more than 64 MiB, and when
+// memory runs out.
 ErrorText read_config_bytes(const ConfigPaths& paths, ByteBuffer& out_bytes,
                             int& out_open_error);
 

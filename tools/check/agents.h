@@ -24,8 +24,8 @@ inline constexpr std::size_t kLongestDomain = 1024;
 // More names than this are taken for a wrong file.
 inline constexpr std::size_t kMostAgents = 100'000;
 
-// read_agents reads the file at path ("-": standard input): a name a line and,
-// behind white space, its domain; without one it gets default_domain. "#"
+// read_agents reads the file at path ("-": standard input): one name per line
+// and, behind white space, its domain; without one it gets default_domain. "#"
 // begins a comment. Who stands there twice is there once.
 //   the texts of read_text_file; "%s, line %zu: ..." with what is wrong there;
 //   "%s names no agent"

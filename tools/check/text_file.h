@@ -1,4 +1,4 @@
-// Files of one entry a line.
+// Files with one entry per line.
 #ifndef VELPROBE_CHECK_TEXT_FILE_H_
 #define VELPROBE_CHECK_TEXT_FILE_H_
 

@@ -23,7 +23,7 @@ std::string_view trimmed(std::string_view text) {
   return text;
 }
 
-// Room for the longest entry: name, kind and reason, and some blanks.
+// Space for the longest entry: name, kind and reason, and some blanks.
 using LineBuffer = std::array<char, 2048>;
 
 // take_line adds what one line of a file holds. Read by fgets, a line that is

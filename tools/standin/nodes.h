@@ -32,8 +32,8 @@ class NodeTable {
   //   "a node needs a name of 1 to 256 bytes", "this trouble comes before the
   //   agent's name", "Out of memory", the texts of parse_trouble
   ErrorText add_entry(std::string_view entry);
-  // load_file adds an entry a line; empty lines and those that begin with "#"
-  // are passed over, and blanks around an entry.
+  // load_file adds one entry per line; empty lines and those that begin with
+  // "#" are passed over, and blanks around an entry.
   //   "%s: %s" with the file's name and the system's text, and
   //   "%s:%u: %s" with the line and the texts of add_entry, "the line is too
   //   long", "the line holds a NUL"

@@ -51,7 +51,7 @@ int base_compare(const std::uint32_t* a, std::uint64_t a_len,
 void base_assign(BigNum* dst, const BigNum* src) {
   if (dst == src) return;
   std::copy(src->data, src->data + src->len, dst->data);
-  // A shift without room leaves a length beyond the size.
+  // A shift that lacks capacity leaves a length beyond the size.
   const std::uint64_t used = std::min(dst->len, dst->size);
   if (src->len < used) std::fill(dst->data + src->len, dst->data + used, 0u);
   dst->len = src->len;

@@ -111,19 +111,19 @@ void base_big_mul(std::uint32_t* res, const std::uint32_t* lhs,
 void base_big_square(std::uint32_t* res, const std::uint32_t* data,
                      std::uint64_t n);
 
-// base_set_square sets res, a number apart with room for 2 * num->len limbs, to
-// the square of num.
+// base_set_square sets res, a number of its own with a capacity of 2 * num->len
+// limbs, to the square of num.
 void base_set_square(BigNum* res, const BigNum* num);
 
 // base_divide leaves a mod m in a, whose length stays, and ORs the quotient
-// into quotient unless that is null: room for a_len - m_len + 1 limbs, or fewer
-// when the quotient is known to be shorter. m is normalised and not zero.
+// into quotient unless that is null: a_len - m_len + 1 limbs, or fewer when the
+// quotient is known to be shorter. m is normalised and not zero.
 void base_divide(std::uint32_t* a, std::uint64_t a_len, const std::uint32_t* m,
                  std::uint64_t m_len, std::uint32_t* quotient);
 
 // base_mod_old_big reduces a modulo b in place. Both are normalised; scratch is
 // a third number whose value is lost. Returns 0, or -1 with a unchanged when b
-// is zero, or scratch has no room for a, for b, or for b shifted left until it
+// is zero, or scratch is too small for a, for b, or for b shifted left until it
 // is at least as large as a. Asserts a->len <= b->len in the end.
 int base_mod_old_big(BigNum* a, const BigNum* b, BigNum* scratch);
 

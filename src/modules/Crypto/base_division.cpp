@@ -107,7 +107,7 @@ void add_if(std::uint64_t mask, std::uint32_t* a, const std::uint32_t* limbs,
   if (i < n) a[i] += static_cast<std::uint32_t>((limbs[i] & mask) + carry);
 }
 
-// or_digit stores no zero limb: the quotient may have no room for it.
+// or_digit stores no zero limb: the quotient may have no space for it.
 void or_digit(std::uint32_t* quotient, std::uint64_t digit) {
   const auto low = static_cast<std::uint32_t>(digit);
   const auto high = static_cast<std::uint32_t>(digit >> kLimbBits);

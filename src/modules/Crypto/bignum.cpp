@@ -25,7 +25,7 @@ std::uint32_t* new_limbs(std::uint64_t size) {
       std::calloc(static_cast<std::size_t>(size), kLimbBytes));
 }
 
-// new_number makes a zero with room for size limbs.
+// new_number makes a zero with a capacity of size limbs.
 BigNumPtr new_number(std::uint64_t size) {
   auto* data = new_limbs(size);
   if (data == nullptr) return nullptr;

@@ -1,10 +1,10 @@
-// Big unsigned integers that own their storage and check their room.
+// Big unsigned integers that own their storage and check their capacity.
 //
 // Capacity never grows by itself (bn_set_data is the one exception): an
-// operation that may need more room answers -1 when `size` is too small, with
-// the value unchanged, and 0 otherwise. Functions that make a number return
-// null when memory is short. Numbers given in are normalised and their pointers
-// are not null unless a comment says otherwise; operands may be the same number
+// operation that may need more answers -1 when `size` is too small, with the
+// value unchanged, and 0 otherwise. Functions that make a number return null
+// when memory runs out. Numbers given in are normalised and their pointers are
+// not null unless a comment says otherwise; operands may be the same number
 // where nothing else is said; a number described as result or scratch is one of
 // its own.
 //
@@ -38,17 +38,17 @@ struct BigNumDeleter {
 // BigNumPtr owns a number.
 using BigNumPtr = std::unique_ptr<BigNum, BigNumDeleter>;
 
-// bn_new makes a number of the given value with room for
+// bn_new makes a number of the given value with a capacity of
 // max(min_limbs + min_limbs / 2 + 1, 16) limbs.
 [[nodiscard]] BigNumPtr bn_new(std::uint32_t value, std::uint64_t min_limbs);
 
-// bn_from_word makes a number with room for 25 limbs.
+// bn_from_word makes a number with a capacity of 25 limbs.
 [[nodiscard]] BigNumPtr bn_from_word(std::uint32_t value);
 
-// bn_copy copies src with room for max(src->len, 16, min_limbs) limbs.
+// bn_copy copies src with a capacity of max(src->len, 16, min_limbs) limbs.
 [[nodiscard]] BigNumPtr bn_copy(const BigNum* src, std::uint64_t min_limbs);
 
-// bn_dup is bn_copy without a wish for room.
+// bn_dup is bn_copy without a wish for capacity.
 [[nodiscard]] BigNumPtr bn_dup(const BigNum* src);
 
 // bn_normalize lowers len while the top limb is zero.
@@ -56,14 +56,14 @@ using BigNumPtr = std::unique_ptr<BigNum, BigNumDeleter>;
 void bn_normalize(BigNum* num);
 
 // bn_set_data sets num from n bytes, most significant first. It enlarges the
-// number when its room is too small. Failure, which leaves num unchanged:
+// number when its capacity is too small. Failure, which leaves num unchanged:
 // "Unable to allocate space for new data".
 ErrorText bn_set_data(BigNum* num, const std::uint8_t* bytes, std::uint64_t n);
 
 // bn_get_data writes num in the fewest bytes, most significant first: no sign
-// byte, and no byte at all for zero. length is the room in buffer before and
-// the count of bytes written after. Room for 4 * num->len bytes is asked for
-// even if fewer are written. Failure, with that count stored into length:
+// byte, and no byte at all for zero. length is the size of buffer before and
+// the count of bytes written after. The size must be at least 4 * num->len
+// bytes even if fewer are written. Failure, with that count stored into length:
 // "Buffer given to bn_get_data is too small".
 ErrorText bn_get_data(const BigNum* num, std::uint8_t* buffer,
                       std::uint64_t& length);
@@ -72,7 +72,7 @@ ErrorText bn_get_data(const BigNum* num, std::uint8_t* buffer,
 // up to 2^32 bits; 0 for zero as well as for one.
 std::uint32_t bn_top_bit(const BigNum* num);
 
-// bn_to_decimal writes num in decimal; null when memory is short.
+// bn_to_decimal writes num in decimal; null when memory runs out.
 [[nodiscard]] Text bn_to_decimal(const BigNum* num);
 
 bool bn_less(const BigNum* a, const BigNum* b);
@@ -119,23 +119,22 @@ void bn_shift_right1(BigNum* a);
 // bn_copy_into sets dst to src.
 [[nodiscard]] int bn_copy_into(BigNum* dst, const BigNum* src);
 
-// bn_strip_twos sets out to a new copy of a, shifted right until it is odd,
-// and returns the number of shifts: 0 for zero. out is null when memory is
-// short.
+// bn_strip_twos sets out to a new copy of a, shifted right until it is odd, and
+// returns the number of shifts: 0 for zero. out is null when memory runs out.
 std::uint64_t bn_strip_twos(const BigNum* a, BigNumPtr& out);
 
 // bn_mod reduces a modulo m in place. scratch is a third number whose value is
-// lost. -1 when m is zero or scratch has no room for a or for m.
+// lost. -1 when m is zero or scratch is too small for a or for m.
 [[nodiscard]] int bn_mod(BigNum* a, const BigNum* m, BigNum* scratch);
 
-// bn_mod_into sets result to a mod m. -1 as for bn_mod, or when result has no
-// room for a; result is unchanged then.
+// bn_mod_into sets result to a mod m. -1 as for bn_mod, or when result is too
+// small for a; result is unchanged then.
 [[nodiscard]] int bn_mod_into(BigNum* result, const BigNum* a, const BigNum* m,
                               BigNum* scratch);
 
-// bn_or_quotient ORs the bits of a / b into result, which is not cleared
-// first. -1, with result unchanged, when b is zero, when the quotient is longer
-// than result's room, or when memory is short.
+// bn_or_quotient ORs the bits of a / b into result, which is not cleared first.
+// -1, with result unchanged, when b is zero, when the quotient is longer than
+// result's capacity, or when memory runs out.
 [[nodiscard]] int bn_or_quotient(BigNum* result, const BigNum* a,
                                  const BigNum* b);
 

@@ -211,9 +211,9 @@ Text bn_to_decimal(const BigNum* num) {
   if (rest == nullptr) return nullptr;
   // A limb has fewer than 10 digits, and the last group may be nearly empty.
   if (num->len > SIZE_MAX / 20) return nullptr;
-  const std::size_t room =
+  const std::size_t capacity =
       10 * static_cast<std::size_t>(num->len) + kDigitsAtOnce;
-  const Text reversed = new_text(room);
+  const Text reversed = new_text(capacity);
   if (reversed == nullptr) return nullptr;
 
   std::size_t count = 0;
@@ -230,7 +230,7 @@ Text bn_to_decimal(const BigNum* num) {
   Text digits = new_text(count);
   if (digits == nullptr) return nullptr;
   std::reverse_copy(reversed.get(), reversed.get() + count, digits.get());
-  wipe_memory(reversed.get(), room);
+  wipe_memory(reversed.get(), capacity);
   return digits;
 }
 

@@ -135,9 +135,9 @@ void md5_finish(Md5* md5, std::uint8_t (&digest)[kMd5Size]) {
   constexpr std::uint8_t kPadding[kBlock] = {0x80};
   std::uint8_t bits[kLengthSize];
   store_little_endian(md5->length * 8, bits);
-  const std::size_t room =
+  const std::size_t padding =
       (2 * kBlock - kLengthSize - 1 - md5->length % kBlock) % kBlock + 1;
-  md5_update(md5, kPadding, room);
+  md5_update(md5, kPadding, padding);
   md5_update(md5, bits, sizeof bits);
   for (std::size_t i = 0; i < 4; ++i) {
     store_little_endian(md5->state[i], digest + 4 * i);

@@ -76,7 +76,7 @@ enum class Verdict { kComposite, kPassed, kFailed };
 // length, so that a search allocates once.
 class MillerRabin {
  public:
-  // prepare is to be called once; false when memory is short.
+  // prepare is to be called once; false when memory runs out.
   bool prepare(std::uint64_t limbs);
   Verdict round(const BigNum* n, const BigNum* witness);
 

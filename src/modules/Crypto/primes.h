@@ -14,13 +14,13 @@ namespace velprobe {
 bool bn_is_small_prime_free(const BigNum* n);
 
 // bn_miller_rabin runs one Miller-Rabin round with the given witness. False
-// when n is composite, and also when memory is short.
+// when n is composite, and also when memory runs out.
 bool bn_miller_rabin(const BigNum* n, const BigNum* witness);
 
 // bn_find_prime makes a probable prime p in [low, high] with p = 1 (mod step).
 // Candidates come from source, the witnesses of the Miller-Rabin rounds always
 // from urandom_bytes. Null when high is not above low, when step is zero, or
-// when memory is short. It searches on for as long as there is no such prime.
+// when memory runs out. It searches on for as long as there is no such prime.
 [[nodiscard]] BigNumPtr bn_find_prime(const BigNum* low, const BigNum* high,
                                       const BigNum* step, ByteSource source);
 

@@ -20,7 +20,7 @@ using ByteSource = void (*)(void* buffer, std::size_t count);
 void urandom_bytes(void* buffer, std::size_t count);
 
 // bn_fill_random sets num to nbytes random bytes, the first one lowest; the
-// source is asked for them rounded up to whole limbs. -1 when num has no room
+// source is asked for them rounded up to whole limbs. -1 when num is too small
 // for them. Nothing but leading zero limbs shows by time, here and in
 // bn_poor_random, bn_fill_random_range and bn_random_range.
 [[nodiscard]] int bn_fill_random(BigNum* num, std::uint64_t nbytes,
@@ -33,20 +33,21 @@ void urandom_bytes(void* buffer, std::size_t count);
 [[nodiscard]] BigNumPtr bn_poor_random(std::uint64_t nbytes, ByteSource source);
 
 // bn_fill_random_range sets num to low + (nbytes random bytes mod span).
-// scratch is a work number. -1 when span is zero or room is short.
+// scratch is a work number. -1 when span is zero, or num or scratch is too
+// small.
 [[nodiscard]] int bn_fill_random_range(BigNum* num, const BigNum* low,
                                        const BigNum* span, BigNum* scratch,
                                        std::uint64_t nbytes, ByteSource source);
 
 // bn_random_range makes a number r with low <= r < high from 4 * high->len
-// random bytes. Null when high is not above low, or memory is short.
+// random bytes. Null when high is not above low, or when memory runs out.
 [[nodiscard]] BigNumPtr bn_random_range(const BigNum* low, const BigNum* high,
                                         ByteSource source);
 
 // bn_fill_random_below sets num to a random number with 0 < num < bound. Each
 // draw takes bound->len / 8 + 1 bytes but never more than 9, so numbers of more
 // than 72 bits never come out, and is repeated until it fits. -1 when no number
-// fits, or when num has no room.
+// fits, or when num is too small.
 [[nodiscard]] int bn_fill_random_below(BigNum* num, const BigNum* bound,
                                        ByteSource source);
 

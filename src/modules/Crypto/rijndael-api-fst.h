@@ -89,7 +89,7 @@ struct cipherInstance {
 
 // padEncrypt encrypts input_bytes bytes and 1 to 16 further ones, each of the
 // value of their number, up to the next whole block, and returns the number of
-// output bytes: 16 * (input_bytes / 16 + 1), for which output has room. The
+// output bytes: 16 * (input_bytes / 16 + 1), for which output has space. The
 // cipher's vector stays as it was. Else 0; kBadCipherState, also in CFB1;
 // kBadData when the result would not fit an int.
 [[nodiscard]] int padEncrypt(const cipherInstance* cipher,
