@@ -195,7 +195,7 @@ BENCHMARK(BM_Crc32)->Arg(16)->Arg(65536);
 
 // --- Probes over loopback -----------------------------------------------
 
-std::string bytes_of(ErrorText (*write)(BerStream&)) {
+std::string written_by(ErrorText (*write)(BerStream&)) {
   const BerStreamPtr stream = new_stream();
   require(write(*stream));
   return std::string(memory_stream_bytes(*stream));
@@ -217,8 +217,8 @@ void write_all(int socket, std::string_view bytes) {
 // The server's side of every exchange, one write and one read each way, until
 // the listener is shut down.
 void serve(const FileDescriptor& listener) {
-  const std::string request = bytes_of(write_request);
-  const std::string answer = bytes_of(write_answer);
+  const std::string request = written_by(write_request);
+  const std::string answer = written_by(write_answer);
   for (;;) {
     FileDescriptor client;
     Ipv4Address address{};
@@ -268,9 +268,9 @@ void BM_ProbeBesideBareExchange(benchmark::State& state) {
   socket_local_address(listener.get(), nullptr, &port);
   std::thread server([&listener] { serve(listener); });
 
-  const std::string request = bytes_of(write_request);
-  const std::string answer = bytes_of(write_answer);
-  const std::string ack = bytes_of(write_negotiate_ack);
+  const std::string request = written_by(write_request);
+  const std::string answer = written_by(write_answer);
+  const std::string ack = written_by(write_negotiate_ack);
   using Clock = std::chrono::steady_clock;
   using Microseconds = std::chrono::duration<double, std::micro>;
   std::vector<double> probe;

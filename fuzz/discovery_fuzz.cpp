@@ -10,8 +10,8 @@ void fuzz_one(Input input) {
   const bool answers = bytes.size() >= 16 &&
                        bytes.substr(0, 4) == "\x12\x34\x56\x78"sv &&
                        bytes.substr(8, 8) == "\0\0\0\5\0\0\0\2"sv;
-  REQUIRE(is_discovery_answer(bytes_of(bytes), bytes.size()) == answers);
-  REQUIRE(!answers || !is_discovery_query(bytes_of(bytes), bytes.size()));
+  REQUIRE(is_discovery_answer(data_of(bytes), bytes.size()) == answers);
+  REQUIRE(!answers || !is_discovery_query(data_of(bytes), bytes.size()));
 }
 
 void make_seeds() {

@@ -39,7 +39,7 @@ inline BerStreamPtr stream_of(std::string_view bytes) {
   return stream;
 }
 
-inline const std::uint8_t* bytes_of(std::string_view text) {
+inline const std::uint8_t* data_of(std::string_view text) {
   return reinterpret_cast<const std::uint8_t*>(text.data());
 }
 

@@ -9,6 +9,7 @@
 
 #include "modules/Crypto/aes_block.h"
 #include "modules/Crypto/rijndael-api-fst.h"
+#include "support/bytes.h"
 #include "support/vectors.h"
 
 namespace velprobe {
@@ -98,8 +99,8 @@ TEST_P(OnEveryAesPath, GivesThePublishedBlocks) {
     cipherInstance cipher = new_cipher(row.mode, kVector);
     const std::string out =
         run_blocks(kDirEncrypt, &cipher, new_key(row.key, kDirEncrypt),
-                   from_hex(row.plain));
-    EXPECT_EQ(to_hex(out).substr(0, row.cipher.size()), row.cipher)
+                   bytes_of(row.plain));
+    EXPECT_EQ(digits_of(out).substr(0, row.cipher.size()), row.cipher)
         << row.source;
   }
 }
@@ -124,7 +125,7 @@ TEST_P(OnEveryAesPath, CutsAndOverlapsDoNotMatter) {
       }
       EXPECT_EQ(in_place, decrypts ? text : whole);
       EXPECT_EQ(vector_of(cipher),
-                mode == kModeEcb ? from_hex(kVector) : whole.substr(28 * 16));
+                mode == kModeEcb ? bytes_of(kVector) : whole.substr(28 * 16));
     }
   }
 }
@@ -151,10 +152,11 @@ TEST_P(OnEveryAesPath, ReducedRoundsEndWhereTheDirectionSays) {
   const cipherInstance cipher;
   for (const auto& row : rows) {
     const keyInstance key = new_key(kVector, row.direction);
-    std::string block = from_hex(row.direction ? encrypted : plain);
+    std::string block = bytes_of(row.direction ? encrypted : plain);
     auto* at = reinterpret_cast<std::uint8_t*>(block.data());
     EXPECT_EQ(cipherUpdateRounds(&cipher, &key, at, 0, at, row.rounds), 1);
-    EXPECT_EQ(to_hex(block), row.output) << &row - rows;
+    EXPECT_EQ(digits_of(block), row.output)
+        << "direction " << +row.direction << ", rounds " << row.rounds;
   }
 }
 
@@ -173,21 +175,21 @@ TEST_P(OnEveryAesPath, PadsAndJudgesPaddingOfEveryLength) {
       return run(padDecrypt, &cipher, decrypt, text, 1);
     };
     for (std::size_t size = 1; size <= 48; ++size) {
-      SCOPED_TRACE(size);
+      SCOPED_TRACE(std::to_string(size) + " bytes");
       const std::string plain = kPlain.substr(0, size);
       const std::size_t pad = 16 - size % 16;
       std::string padded = plain + std::string(pad, static_cast<char>(pad));
       const std::string text = blocks_of(padded);
       cipher = new_cipher(mode, kVector);
       EXPECT_EQ(run(padEncrypt, &cipher, encrypt, plain, 1), text);
-      EXPECT_EQ(to_hex(vector_of(cipher)), kVector);
+      EXPECT_EQ(digits_of(vector_of(cipher)), kVector);
 
       const bool refused = mode == kModeEcb && pad == 16;
       EXPECT_EQ(unpad(text), refused ? "failed -8" : plain);
       const bool is_chained = mode == kModeCbc && size >= 16;
       EXPECT_EQ(vector_of(cipher), is_chained
                                        ? text.substr(text.size() - 32, 16)
-                                       : from_hex(kVector));
+                                       : bytes_of(kVector));
       padded[size] ^= 16;  // also makes 1 byte of padding 17
       EXPECT_EQ(unpad(blocks_of(padded)), "failed -8");
     }
@@ -221,7 +223,7 @@ TEST(AesResults, OfInitialisation) {
   EXPECT_EQ(cipherInit(&cipher, 0, nullptr), kBadCipherMode);
   EXPECT_EQ(cipherInit(&cipher, 4, nullptr), kBadCipherMode);
   EXPECT_EQ(cipherInit(&cipher, kModeEcb, "aAfFx0"), kBadIv);
-  EXPECT_EQ(to_hex(vector_of(cipher)), "aaff" + kVector.substr(4));
+  EXPECT_EQ(digits_of(vector_of(cipher)), "aaff" + kVector.substr(4));
   EXPECT_EQ(cipherInit(&cipher, kModeEcb, nullptr), 1);
   EXPECT_EQ(vector_of(cipher), std::string(16, '\0'));
   for (int digit = 1; digit < 256; ++digit) {
@@ -303,9 +305,10 @@ void run_vector(const Vector& vector, std::uint8_t mode) {
   cipherInstance cipher = new_cipher(mode, vector["IV"]);
   const std::string out =
       run_blocks(decrypts, &cipher, new_key(vector["KEY"], decrypts),
-                 is_bits ? bits_to_bytes(input) : from_hex(input));
-  EXPECT_EQ(is_bits ? bytes_to_bits(out).substr(0, input.size()) : to_hex(out),
-            output)
+                 is_bits ? bits_to_bytes(input) : bytes_of(input));
+  EXPECT_EQ(
+      is_bits ? bytes_to_bits(out).substr(0, input.size()) : digits_of(out),
+      output)
       << vector.where;
 }
 

@@ -69,11 +69,12 @@ TEST(BigNum, CapacityFollowsTheRequestAndOnlyBytesInRaiseIt) {
 // One row runs one operation at the edge of its capacity: a sum or a shift
 // beyond it changes nothing, a difference below zero wraps.
 TEST(BigNum, OperationsAtTheEdgeOfTheirCapacity) {
-#define RUN(operation) [&](BigNum* a) { return static_cast<int>(operation); }
+#define RUN(op) #op, [&](auto* a) { return static_cast<int>(op); }
   Fixed zero({}), long_zero({0}), six({6}), seven({7}), two({5, 6});
   struct {
     Limbs limbs;
     std::size_t size;
+    const char* name;
     std::function<int(BigNum*)> run;
     int rc;
     Limbs memory;
@@ -91,8 +92,8 @@ TEST(BigNum, OperationsAtTheEdgeOfTheirCapacity) {
       {{3}, 1, RUN(bn_shift_left(a, ~1ull)), -1, {3}, 0x800000000000000},
       {{}, 1, RUN(bn_shift_left(a, 31)), 0, {0}, 0},
       {{}, 1, RUN(bn_shift_left(a, 32)), -1, {0}, 2},
-      {{0x80000001}, 1, bn_shift_left1, -1, {0x80000001}, 2},
-      {{0x80000001}, 2, bn_shift_left1, 0, {2, 1}, 2},
+      {{0x80000001}, 1, RUN(bn_shift_left1(a)), -1, {0x80000001}, 2},
+      {{0x80000001}, 2, RUN(bn_shift_left1(a)), 0, {2, 1}, 2},
       {{9}, 1, RUN(bn_set_power_of_two(a, 32)), -1, {9}, 1},
       {{9, 9}, 2, RUN(bn_set_power_of_two(a, 31)), 0, {0x80000000, 0}, 1},
       {{9, 9}, 2, RUN(bn_set_word(a, 0)), 0, {0, 0}, 1},
@@ -108,7 +109,7 @@ TEST(BigNum, OperationsAtTheEdgeOfTheirCapacity) {
   };
 #undef RUN
   for (const auto& row : kRows) {
-    SCOPED_TRACE(&row - kRows);
+    SCOPED_TRACE(row.name);
     Fixed num(row.limbs, row.size);
     EXPECT_EQ(row.run(num), row.rc);
     EXPECT_EQ(num.memory, row.memory);
@@ -139,7 +140,7 @@ TEST(BigNum, ReductionNeedsScratchCapacity) {
   for (const auto& row : kRows) {
     Fixed a(row.a), b(row.b), before(row.a), scratch({}, row.scratch);
     EXPECT_EQ(base_mod_old_big(a, b, scratch), row.rest == nullptr ? -1 : 0);
-    EXPECT_EQ(hex_of(a), row.rest == nullptr ? hex_of(before) : row.rest);
+    EXPECT_EQ(digits_of(a), row.rest == nullptr ? digits_of(before) : row.rest);
   }
 }
 
@@ -158,8 +159,8 @@ TEST(BigNum, PowerModuloChecksItsWorkNumbers) {
   EXPECT_EQ(bn_power_mod(base, exponent, zero), nullptr);
   EXPECT_EQ(bn_power_mod(base, exponent, Fixed({0})), nullptr);
   EXPECT_EQ(bn_div(base, zero), nullptr);
-  EXPECT_EQ(hex_of(bn_power_mod(base, zero, one)), "1");
-  EXPECT_EQ(hex_of(bn_power_mod(base, exponent, one)), "0");
+  EXPECT_EQ(digits_of(bn_power_mod(base, zero, one)), "1");
+  EXPECT_EQ(digits_of(bn_power_mod(base, exponent, one)), "0");
 }
 
 // Random numbers, with runs of equal limbs more often than chance has them:
@@ -192,13 +193,13 @@ TEST_F(BigNumProperty, ProductAndQuotientAgree) {
     const BigNumPtr quotient = bn_div(a.get(), b.get());
     const BigNumPtr back = bn_mul(quotient.get(), b.get());
     ASSERT_EQ(bn_add(back.get(), rest.get()), 0);
-    ASSERT_EQ(hex_of(back), hex_of(a)) << hex_of(b);
+    ASSERT_EQ(digits_of(back), digits_of(a)) << digits_of(b);
     ASSERT_EQ(bn_sub(back.get(), rest.get()), 0u);
-    ASSERT_EQ(hex_of(bn_div(back.get(), b.get())), hex_of(quotient));
+    ASSERT_EQ(digits_of(bn_div(back.get(), b.get())), digits_of(quotient));
 
     Fixed square({}, 2 * a->len);  // has a routine of its own
     base_set_square(square, a.get());
-    ASSERT_EQ(hex_of(square), hex_of(bn_mul(a.get(), a.get())));
+    ASSERT_EQ(digits_of(square), digits_of(bn_mul(a.get(), a.get())));
   }
 }
 
@@ -221,12 +222,12 @@ TEST_F(BigNumProperty, WordOperationsAgree) {
     ++b->len;
     base_mul_assign(b->data, b->len - 1, w);
     bn_normalize(b.get());
-    ASSERT_EQ(hex_of(b), hex_of(bn_mul(a.get(), bn_from_word(w).get())));
+    ASSERT_EQ(digits_of(b), digits_of(bn_mul(a.get(), bn_from_word(w).get())));
     bn_add_word(b.get(), addend);
     ASSERT_EQ(base_mod_word(b->data, b->len, w), addend);
     ASSERT_EQ(base_div_word(b->data, b->len, w), addend);
     bn_normalize(b.get());
-    ASSERT_EQ(hex_of(b), hex_of(a)) << w;
+    ASSERT_EQ(digits_of(b), digits_of(a)) << w;
   }
 }
 
@@ -238,15 +239,15 @@ TEST_F(BigNumProperty, ShiftsAgreeWithProductsAndQuotients) {
     const BigNumPtr power = bn_power_of_two(n);
     ASSERT_EQ(bn_top_bit(power.get()), n);
     ASSERT_EQ(bn_shift_left(left.get(), n), 0);
-    ASSERT_EQ(hex_of(left), hex_of(bn_mul(a.get(), power.get()))) << n;
+    ASSERT_EQ(digits_of(left), digits_of(bn_mul(a.get(), power.get()))) << n;
     bn_shift_right(right.get(), n);
-    ASSERT_EQ(hex_of(right), hex_of(bn_div(a.get(), power.get()))) << n;
+    ASSERT_EQ(digits_of(right), digits_of(bn_div(a.get(), power.get()))) << n;
 
     BigNumPtr odd;
     const std::uint64_t twos = bn_strip_twos(a.get(), odd);
     ASSERT_EQ(odd->data[0] & 1, a->len == 0 ? 0u : 1u);
     ASSERT_EQ(bn_shift_left(odd.get(), twos), 0);
-    ASSERT_EQ(hex_of(odd), hex_of(a));
+    ASSERT_EQ(digits_of(odd), digits_of(a));
   }
 }
 
@@ -261,9 +262,9 @@ TEST_F(BigNumProperty, PowersMultiply) {
     const BigNumPtr product = bn_mul(power(m).get(), power(n).get());
     ASSERT_EQ(bn_mod(product.get(), modulus.get(), scratch.get()), 0);
     ASSERT_EQ(bn_add(m.get(), n.get()), 0);
-    ASSERT_EQ(hex_of(power(m)), hex_of(product));
+    ASSERT_EQ(digits_of(power(m)), digits_of(product));
     ASSERT_EQ(bn_mod(base.get(), modulus.get(), scratch.get()), 0);
-    ASSERT_EQ(hex_of(power(bn_from_word(1))), hex_of(base));
+    ASSERT_EQ(digits_of(power(bn_from_word(1))), digits_of(base));
   }
 }
 
@@ -279,10 +280,10 @@ TEST_F(BigNumProperty, DecimalAndBytesComeBack) {
     }
     ASSERT_TRUE(base_is_zero(rest.get())) << digits;
     const std::string bytes = bytes_out_of(a.get());
-    const std::string hex = a->len == 0 ? "" : hex_of(a);
+    const std::string hex = a->len == 0 ? "" : digits_of(a);
     ASSERT_EQ(bytes, bytes_of((hex.size() % 2 != 0 ? "0" : "") + hex));
     ASSERT_FALSE(set_bytes(from_bytes.get(), std::string(i % 9, '\0') + bytes));
-    ASSERT_EQ(hex_of(from_bytes), hex_of(a));
+    ASSERT_EQ(digits_of(from_bytes), digits_of(a));
     const BigNum& num = *from_bytes;
     ASSERT_EQ(base_significant_limbs(num.data, num.size), a->len);
   }
@@ -293,17 +294,19 @@ TEST(BigNum, GivesThePublicResults) {
   // Operands have the capacity for every result; those that a row does not name
   // are 0.
   Fixed a({}, 1000), b({}, 1000), c({}, 1000);
-  const auto a_after = [&a](auto rc) { return rc == 0 ? hex_of(a) : "failed"; };
+  const auto a_after = [&a](auto rc) {
+    return rc == 0 ? digits_of(a) : "failed";
+  };
 #define RUN(result) [&]() -> std::string { return result; }
   struct {
     const char *file, *result, *a, *b, *c;
     int num_cases;
     std::function<std::string()> run;
   } const kRows[] = {
-      {"quotient", "Quotient", "A", "B", "", 180, RUN(hex_of(bn_div(a, b)))},
+      {"quotient", "Quotient", "A", "B", "", 180, RUN(digits_of(bn_div(a, b)))},
       {"quotient", "Remainder", "A", "B", "", 180,
        RUN(a_after(base_mod_old_big(a, b, c)))},
-      {"product", "Product", "A", "B", "", 58, RUN(hex_of(bn_mul(a, b)))},
+      {"product", "Product", "A", "B", "", 58, RUN(digits_of(bn_mul(a, b)))},
       {"product", "Square", "", "A", "", 56,
        RUN(a_after((base_set_square(a, b), 0)))},
       {"sum", "Sum", "A", "B", "", 483, RUN(a_after(bn_add(a, b)))},
@@ -314,7 +317,7 @@ TEST(BigNum, GivesThePublicResults) {
       {"shift", "RShift", "A", "N", "", 100,
        RUN(a_after((bn_shift_right(a, b.memory[0]), 0)))},
       {"mod_exp", "ModExp", "A", "E", "M", 127,
-       RUN(hex_of(bn_power_mod(a, b, c)))},
+       RUN(digits_of(bn_power_mod(a, b, c)))},
       {"miller_rabin", "Result", "W", "B", "", 72,
        RUN(bn_miller_rabin(a, b) ? "PossiblyPrime" : "Composite")},
   };

@@ -26,11 +26,11 @@ using Bytes = std::vector<std::uint8_t>;
 const Bytes kQuery{0x12, 0x34, 0x56, 0x78, 0x00, 0x00, 0x14, 0x54, 0x00, 0x00,
                    0x00, 0x05, 0x00, 0x00, 0x00, 0x01, 0x4A, 0xC5, 0x35, 0xD6};
 
-Bytes bytes_of(const DiscoveryDatagram& datagram) {
+Bytes contents_of(const DiscoveryDatagram& datagram) {
   return {datagram.begin(), datagram.end()};
 }
 
-const Bytes kAnswer = bytes_of(build_discovery_answer());
+const Bytes kAnswer = contents_of(build_discovery_answer());
 constexpr Ipv4Address kLoopback{127, 0, 0, 1};
 
 // Which datagrams are taken for what: the query with byte `at` set, then cut or
@@ -49,14 +49,16 @@ TEST(DiscoveryDatagram, AnswersNeedMagicWordAndKindButQueriesEverything) {
       {19, 0xD7, 20, false, false}, {16, 0, 20, false, false},
   };
   for (const auto& row : rows) {
-    SCOPED_TRACE(&row - rows);
+    SCOPED_TRACE("byte " + std::to_string(row.at) + " is " +
+                 std::to_string(row.value) + " of " +
+                 std::to_string(row.length));
     Bytes bytes = kQuery;
     bytes[row.at] = row.value;
     bytes.resize(row.length);
     EXPECT_EQ(row.is_answer, is_discovery_answer(bytes.data(), bytes.size()));
     EXPECT_EQ(row.is_query, is_discovery_query(bytes.data(), bytes.size()));
   }
-  EXPECT_EQ(kQuery, bytes_of(build_discovery_query()));
+  EXPECT_EQ(kQuery, contents_of(build_discovery_query()));
   // Every byte of an answer but word 1 and the checksum counts.
   for (std::size_t i = 0; i < kAnswer.size(); ++i) {
     Bytes bytes = kAnswer;

@@ -115,31 +115,48 @@ TEST(HostilePeer, EveryEndHasItsKind) {
   const std::string version_three = bytes_of("61 80 02 02 03 00");
   const std::string end = bytes_of("00 00 00 00");
   const struct {
+    const char* name;
     ProbeFailure failure;
     Script script;
     bool has_offer = false;
-    std::string name = "a";
+    std::string agent = "a";
   } rows[] = {
-      {ProbeFailure::kNone, {.answer = kOffer + kKey + end}, true},
-      {ProbeFailure::kRefused, {.answer = bytes_of("63 80 04 00 00 00")}},
-      {ProbeFailure::kClosed, {.answer = kOffer}, true},
-      {ProbeFailure::kClosed, {.answer = bytes_of("63"), .reset = true}},
-      {ProbeFailure::kDamaged, {.answer = bytes_of("63 80 04 84 FF FF FF FF")}},
-      {ProbeFailure::kDamaged, {.answer = bytes_of("61 02 02 02")}},
-      {ProbeFailure::kProtocol, {.answer = bytes_of("64 80")}},
-      {ProbeFailure::kAuthentication,
+      {"accepted", ProbeFailure::kNone, {.answer = kOffer + kKey + end}, true},
+      {"refused",
+       ProbeFailure::kRefused,
+       {.answer = bytes_of("63 80 04 00 00 00")}},
+      {"offer and the end", ProbeFailure::kClosed, {.answer = kOffer}, true},
+      {"reset",
+       ProbeFailure::kClosed,
+       {.answer = bytes_of("63"), .reset = true}},
+      {"length of gigabytes",
+       ProbeFailure::kDamaged,
+       {.answer = bytes_of("63 80 04 84 FF FF FF FF")}},
+      {"length missing its end",
+       ProbeFailure::kDamaged,
+       {.answer = bytes_of("61 02 02 02")}},
+      {"foreign tag", ProbeFailure::kProtocol, {.answer = bytes_of("64 80")}},
+      {"other authentication",
+       ProbeFailure::kAuthentication,
        {.answer = version_three + bytes_of("A0 80 00 00 00 00")},
        true},
-      {ProbeFailure::kVersion, {.answer = version_three + kKey + end}, true},
-      {ProbeFailure::kSystem, {}, false, std::string(257, 'a')},
+      {"other version",
+       ProbeFailure::kVersion,
+       {.answer = version_three + kKey + end},
+       true},
+      {"agent's name too long",
+       ProbeFailure::kSystem,
+       {},
+       false,
+       std::string(257, 'a')},
   };
   for (const auto& row : rows) {
-    SCOPED_TRACE(static_cast<int>(row.failure));
+    SCOPED_TRACE(row.name);
     ScriptedPeer peer(row.script);
     const Ipv4Address address{127, 0, 0, 1};
     ProbeResult result;
     const ErrorText error = probe_server(
-        "", peer.port(), {.agent_name = row.name.c_str(), .address = &address},
+        "", peer.port(), {.agent_name = row.agent.c_str(), .address = &address},
         result);
     EXPECT_EQ(row.failure, result.failure) << error.c_str();
     EXPECT_EQ(row.has_offer, result.has_offer);

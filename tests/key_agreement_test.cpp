@@ -80,31 +80,41 @@ TEST(Random, NumbersFollowTheDraws) {
     };
   };
   struct {
+    const char* name;
     std::function<BigNumPtr()> draw;
     Limbs script;
     Sizes requests;
     const char* value;
   } const kRows[] = {
       // What is beyond the request is masked.
-      {[] { return bn_poor_random(3, scripted); }, {0x81020304}, {4}, "20304"},
-      {[] { return bn_poor_random(5, scripted); },
+      {"poor, 3 bytes",
+       [] { return bn_poor_random(3, scripted); },
+       {0x81020304},
+       {4},
+       "20304"},
+      {"poor, 5 bytes",
+       [] { return bn_poor_random(5, scripted); },
        {0x81020304, 0x05060708},
        {8},
        "881020304"},
       // One byte, and one more for every eight limbs, until one fits.
-      {below("12c"), {0xFFFFFF00, 0x12345607}, {4, 4}, "7"},
-      {below("7"), {7, 8, 6}, {4, 4, 4}, "6"},
-      {below("1"), {}, {}, "null"},
-      {below("1", 6), Limbs(1, ~0u), {4}, "ff"},
-      {below("1", 7), Limbs(1, ~0u), {4}, "ffff"},
-      {below("1", 199), Limbs(3, ~0u), {12}, "ffffffffffffffffff"},
-      {range("100", "100000100"), {0xFFFFFFFF, 2}, {8}, "1000000ff"},
-      {range("100", "100"), {}, {}, "null"},
+      {"below 300", below("12c"), {0xFFFFFF00, 0x12345607}, {4, 4}, "7"},
+      {"below 7", below("7"), {7, 8, 6}, {4, 4, 4}, "6"},
+      {"below 1", below("1"), {}, {}, "null"},
+      {"below 7 limbs", below("1", 6), Limbs(1, ~0u), {4}, "ff"},
+      {"below 8 limbs", below("1", 7), Limbs(1, ~0u), {4}, "ffff"},
+      {"below 200 limbs",
+       below("1", 199),
+       Limbs(3, ~0u),
+       {12},
+       "ffffffffffffffffff"},
+      {"range", range("100", "100000100"), {0xFFFFFFFF, 2}, {8}, "1000000ff"},
+      {"empty range", range("100", "100"), {}, {}, "null"},
   };
   for (const auto& row : kRows) {
-    SCOPED_TRACE(&row - kRows);
+    SCOPED_TRACE(row.name);
     start_script(row.script);
-    EXPECT_EQ(hex_of(row.draw()), row.value);
+    EXPECT_EQ(digits_of(row.draw()), row.value);
     EXPECT_EQ(g_source.requests, row.requests);
   }
 }
@@ -147,8 +157,8 @@ TEST(Primes, SearchFollowsTheDraws) {
   for (const auto& row : kRows) {
     start_script(row.script);
     EXPECT_EQ(
-        hex_of(bn_find_prime(number(row.low).get(), number(row.high).get(),
-                             number(row.step).get(), scripted)),
+        digits_of(bn_find_prime(number(row.low).get(), number(row.high).get(),
+                                number(row.step).get(), scripted)),
         row.prime);
     EXPECT_EQ(g_source.requests, Sizes(row.draws, 4)) << row.low;
   }
@@ -169,8 +179,8 @@ TEST(KeyAgreement, ParametersFollowTheDraws) {
     start_script({}, row.seed);
     BigNumPtr modulus = bn_from_word(1), generator = bn_from_word(1);
     dh_generate_parameters(row.bits, modulus, generator, scripted);
-    EXPECT_EQ(hex_of(modulus), row.modulus);
-    EXPECT_EQ(hex_of(generator), row.generator);
+    EXPECT_EQ(digits_of(modulus), row.modulus);
+    EXPECT_EQ(digits_of(generator), row.generator);
   }
 }
 
@@ -198,15 +208,16 @@ TEST(KeyAgreement, KeysFollowTheDraws) {
       {"c", "a", {}, Sizes(128, 4), "null", "null"},
   };
   for (const auto& row : kRows) {
-    SCOPED_TRACE(&row - kRows);
+    SCOPED_TRACE(std::string("modulus ") + row.modulus + ", generator " +
+                 row.generator);
     start_script(row.script);
     BigNumPtr public_key = bn_from_word(1), private_key;
     const ErrorText error =
         dh_generate_key(public_key, private_key, number(row.modulus).get(),
                         number(row.generator).get(), scripted);
     EXPECT_STREQ(error.c_str(), public_key ? nullptr : kNoPublicValue);
-    EXPECT_EQ(hex_of(private_key), row.private_key);
-    EXPECT_EQ(hex_of(public_key), row.public_key);
+    EXPECT_EQ(digits_of(private_key), row.private_key);
+    EXPECT_EQ(digits_of(public_key), row.public_key);
     EXPECT_EQ(g_source.requests, row.draws);
   }
 }
@@ -225,11 +236,11 @@ TEST(KeyAgreement, SidesOfRealSizeAgree) {
                                  urandom_bytes));
   }
   const auto secret_of = [&](int side) {
-    return hex_of(bn_power_mod(public_keys[1 - side].get(),
-                               private_keys[side].get(), modulus.get()));
+    return digits_of(bn_power_mod(public_keys[1 - side].get(),
+                                  private_keys[side].get(), modulus.get()));
   };
   EXPECT_EQ(secret_of(0), secret_of(1));
-  EXPECT_NE(hex_of(public_keys[0]), hex_of(public_keys[1]));
+  EXPECT_NE(digits_of(public_keys[0]), digits_of(public_keys[1]));
 }
 
 TEST(Primes, JudgesThePublicNumbers) {

@@ -4,6 +4,7 @@
 
 #include <string>
 
+#include "support/bytes.h"
 #include "support/vectors.h"
 
 namespace velprobe {
@@ -20,7 +21,7 @@ void expect_digest(const std::string& text, const std::string& digest) {
     }
     std::uint8_t out[kMd5Size];
     md5_finish(&md5, out);
-    ASSERT_EQ(to_hex({reinterpret_cast<char*>(out), sizeof out}), digest)
+    ASSERT_EQ(digits_of({reinterpret_cast<char*>(out), sizeof out}), digest)
         << "in pieces of " << piece;
     const std::string left(reinterpret_cast<char*>(&md5), sizeof md5);
     ASSERT_EQ(left, std::string(sizeof md5, '\0')) << "not wiped";
@@ -45,7 +46,7 @@ TEST(Md5, GivesThePublicVectors) {
     for (const Vector& vector : read_vectors(file)) {
       SCOPED_TRACE(vector.where);
       const std::string& start = vector["Pattern"];
-      std::string text = from_hex(vector["Msg"]);
+      std::string text = bytes_of(vector["Msg"]);
       text.resize(std::stoul(vector["Len"]) / 8);
       for (std::size_t i = 0; !start.empty() && i < text.size(); ++i) {
         text[i] = static_cast<char>(7 * i + std::stoul(start));

@@ -64,7 +64,7 @@ BigNumPtr new_number(std::size_t limbs, std::uint32_t seed, bool is_odd) {
   return num;
 }
 
-Bytes bytes_of(const BigNumPtr& num) {
+Bytes bytes_out_of(const BigNumPtr& num) {
   Bytes bytes(num == nullptr ? 0 : 4 * num->len);
   std::uint64_t length = bytes.size();
   if (num == nullptr || bn_get_data(num.get(), bytes.data(), length)) return {};
@@ -87,7 +87,7 @@ void add_power(std::size_t base_limbs, std::size_t exponent_limbs,
            std::to_string(modulus_limbs) + (is_odd ? "-odd" : "-even"),
        {limbs_of(*base), limbs_of(*exponent), limbs_of(*modulus)},
        [=] {
-         return bytes_of(
+         return bytes_out_of(
              bn_power_mod(base->get(), exponent->get(), modulus->get()));
        }});
 }
@@ -113,17 +113,17 @@ void add_agreement() {
                                           draw)) {
                         return Bytes();
                       }
-                      return bytes_of(bn_power_mod(
+                      return bytes_out_of(bn_power_mod(
                           peer.get(), private_key.get(), modulus.get()));
                     }});
   g_jobs.push_back({"residue", {{g_draws.data(), g_draws.size()}}, [] {
-                      return bytes_of(
+                      return bytes_out_of(
                           bn_random_range(peer.get(), modulus.get(), draw));
                     }});
 }
 
-// text_of gives digits in both cases, with their end.
-Bytes text_of(std::size_t digits, std::uint32_t seed) {
+// hex_text gives digits in both cases, with their end.
+Bytes hex_text(std::size_t digits, std::uint32_t seed) {
   Bytes text = filler(digits + 1, seed);
   for (auto& byte : text) byte = "0123456789abcdefABCDEF"[byte % 22];
   text.back() = '\0';
@@ -135,8 +135,8 @@ constexpr int kTextSize = 13 * 16;
 // What AES works on, apart from the stack: the key object and its round keys
 // are the caller's.
 struct {
-  Bytes key_text = text_of(64, 8);
-  Bytes vector_text = text_of(32, 9);
+  Bytes key_text = hex_text(64, 8);
+  Bytes vector_text = hex_text(32, 9);
   Bytes input = filler(kTextSize, 10);
   keyInstance key;
   cipherInstance cipher;

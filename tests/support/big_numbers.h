@@ -24,8 +24,8 @@ inline BigNumPtr number(const std::string& hex) {
   return num;
 }
 
-// hex_of gives the digits without zeros in front, or "null" for no number.
-inline std::string hex_of(const BigNum* num) {
+// digits_of gives the digits without zeros in front, or "null" for no number.
+inline std::string digits_of(const BigNum* num) {
   if (num == nullptr) return "null";
   std::string hex;
   char limb[9];
@@ -37,8 +37,8 @@ inline std::string hex_of(const BigNum* num) {
   return hex.empty() ? "0" : hex;
 }
 
-inline std::string hex_of(const BigNumPtr& num) {
-  return hex_of(num.get());
+inline std::string digits_of(const BigNumPtr& num) {
+  return digits_of(num.get());
 }
 
 }  // namespace velprobe

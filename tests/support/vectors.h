@@ -10,8 +10,6 @@
 #include <string>
 #include <vector>
 
-#include "bytes.h"
-
 // Skips a test when the build was given no folder of vectors.
 #define SKIP_WITHOUT_VECTORS()         \
   if (*VELPROBE_VECTORS == '\0')       \
@@ -61,17 +59,6 @@ inline std::vector<Vector> read_vectors(const std::string& file) {
   if (!vector.fields.empty()) vectors.push_back(vector);
   EXPECT_FALSE(vectors.empty()) << "no vectors in " << file;
   return vectors;
-}
-
-inline constexpr auto& from_hex = bytes_of;
-
-inline std::string to_hex(const std::string& bytes) {
-  std::string hex;
-  for (char byte : bytes) {
-    hex += "0123456789abcdef"[byte >> 4 & 15];
-    hex += "0123456789abcdef"[byte & 15];
-  }
-  return hex;
 }
 
 }  // namespace velprobe
