@@ -32,8 +32,9 @@ ErrorText read_config_file(const char* path, ConfigKey* keys) {
   ByteBuffer bytes;
   int open_error = 0;
   if (ErrorText error =
-          read_config_bytes(open_config_paths(path), bytes, open_error))
+          read_config_bytes(open_config_paths(path), bytes, open_error)) {
     return error;
+  }
   if (open_error != 0) return offer_creation(path, open_error);
   return take_values(bytes.view(), keys);
 }

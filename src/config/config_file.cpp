@@ -44,11 +44,13 @@ Opening try_open(const ConfigPaths& paths, int flags) {
 Opening try_open(const ConfigPaths& paths, FileUse use) {
   if (use == FileUse::kRead) return try_open(paths, O_RDONLY);
   Opening opening = try_open(paths, O_RDWR | O_NONBLOCK);
-  if (opening.error != 0 && opening.error != ENOENT)
+  if (opening.error != 0 && opening.error != ENOENT) {
     opening = try_open(paths, O_RDONLY | O_NONBLOCK);
+  }
   opening.is_busy = opening.error == EWOULDBLOCK;  // somebody has a lease on it
-  if (opening.error != 0 && opening.error != ENOENT && !opening.is_busy)
+  if (opening.error != 0 && opening.error != ENOENT && !opening.is_busy) {
     opening.descriptor = try_open(paths, O_PATH).descriptor;
+  }
   return opening;
 }
 

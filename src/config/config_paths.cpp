@@ -35,8 +35,9 @@ void open_folder(ConfigPaths& paths) {
     paths.folder_error = ENAMETOOLONG;
     return;
   }
-  if (paths.folder_length > 0)
+  if (paths.folder_length > 0) {
     copy_bounded(folder, paths.path, paths.folder_length + 1);
+  }
   paths.folder =
       FileDescriptor(::open(folder, O_PATH | O_DIRECTORY | O_CLOEXEC));
   if (!paths.folder) paths.folder_error = take_last_os_error();
@@ -73,8 +74,9 @@ bool is_named(const ConfigPaths& paths, const char* name, int descriptor) {
   struct stat opened;
   struct stat named;
   if (::fstat(descriptor, &opened) != 0 ||
-      ::fstatat(paths.folder.get(), name, &named, 0) != 0)
+      ::fstatat(paths.folder.get(), name, &named, 0) != 0) {
     return false;
+  }
   errno = EEXIST;  // for when it is another file's
   return opened.st_dev == named.st_dev && opened.st_ino == named.st_ino;
 }

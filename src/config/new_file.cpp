@@ -102,8 +102,9 @@ bool set_mode(int descriptor, mode_t mode) {
 
 bool take_access(NewFile& file) {
   const int descriptor = file.descriptor.get();
-  for (const char* label : kSecurityLabels)
+  for (const char* label : kSecurityLabels) {
     copy_attribute(file.old->descriptor.get(), descriptor, label);
+  }
   take_access_list(file);
   // The bits come last: writing and changing the owner can clear some of them,
   // and a list sets them.

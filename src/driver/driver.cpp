@@ -142,8 +142,9 @@ bool scan_networks(Run& run) {
     return false;
   }
   const char* name = run.server_names.get();
-  for (; *name != '\0'; name = next_text(name))
+  for (; *name != '\0'; name = next_text(name)) {
     print_quoted("Found Veltra server ", name, "\n");
+  }
   std::puts("");
   return true;
 }
@@ -176,8 +177,9 @@ bool choose_servers(Run& run) {
 bool add_working_server(Run& run, const char* server) {
   const bool first = run.working_servers.size() == 0;
   if ((first || run.working_servers.append(",")) &&
-      run.working_servers.append(server))
+      run.working_servers.append(server)) {
     return true;
+  }
   std::printf("%s", kOutOfMemory);
   return false;
 }
@@ -185,8 +187,9 @@ bool add_working_server(Run& run, const char* server) {
 // Without a configured name the agent goes by its address; the last server's
 // view of it wins.
 void take_proposed_name(Run& run, Text address_text) {
-  if (!address_text || !is_absent_or_empty(run.config_keys[kNameKey].get()))
+  if (!address_text || !is_absent_or_empty(run.config_keys[kNameKey].get())) {
     return;
+  }
   std::printf(
       "Agent name not specified in %s.\n"
       "Will use IP address as agent name \"%s\"\n",

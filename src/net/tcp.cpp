@@ -111,8 +111,9 @@ ErrorText socket_connect(const Ipv4Address& address, std::uint16_t port,
   out_socket = socket.get();
   if (!socket) return os_failure("Error creating socket");
   if (ErrorText error = socket_apply_flags(socket.get(), flags)) return error;
-  if (ErrorText error = connect_to(socket.get(), address, port, deadline))
+  if (ErrorText error = connect_to(socket.get(), address, port, deadline)) {
     return error;
+  }
   socket.release();
   return {};
 }

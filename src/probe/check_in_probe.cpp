@@ -58,8 +58,9 @@ ErrorText verdict(ProbeResult& result, ProbeFailure failure, ErrorText text) {
 ErrorText read_refusal(BerStream& stream, ProbeResult& result) {
   negotiate_nack nack;
   if (ErrorText error =
-          read_negotiate_nack(stream, nack, kTagOf_negotiate_nack))
+          read_negotiate_nack(stream, nack, kTagOf_negotiate_nack)) {
     return error;
+  }
   result.status = ProbeStatus::kRefused;
   return verdict(
       result, ProbeFailure::kRefused,
@@ -72,8 +73,9 @@ ErrorText read_refusal(BerStream& stream, ProbeResult& result) {
 ErrorText read_offer(BerStream& stream, ProbeResult& result) {
   server_offers offers;
   if (ErrorText error =
-          read_server_offers_incomplete(stream, offers, kTagOf_server_offers))
+          read_server_offers_incomplete(stream, offers, kTagOf_server_offers)) {
     return error;
+  }
   result.has_offer = true;
   result.offered_version = static_cast<std::uint32_t>(offers.version);
 
@@ -147,8 +149,9 @@ ErrorText connect_to_server(const char* server, std::uint16_t port,
   }
   result.failure = ProbeFailure::kConnect;
   if (ErrorText error = socket_stream_open(
-          out_stream, address, port, CONNECT_NONBLOCKING, options.deadline))
+          out_stream, address, port, CONNECT_NONBLOCKING, options.deadline)) {
     return error;
+  }
   if (!out_stream) {
     return format_error_text("Couldn't open connection to server \"%s\"",
                              server);
@@ -160,8 +163,9 @@ ErrorText run_probe(const char* server, std::uint16_t port,
                     const ProbeOptions& options, ProbeResult& result) {
   BerStreamPtr stream;
   if (ErrorText error =
-          connect_to_server(server, port, options, result, stream))
+          connect_to_server(server, port, options, result, stream)) {
     return error;
+  }
 
   const char* agent_name = options.agent_name;
   if (is_absent_or_empty(agent_name)) {
@@ -211,8 +215,9 @@ ErrorText probe_server(const char* server, std::uint16_t port,
                                 .agent_domain = agent_domain};
   ProbeResult result;
   const ErrorText error = probe_server(server, port, options, result);
-  if (out_address_text != nullptr)
+  if (out_address_text != nullptr) {
     *out_address_text = std::move(result.agent_address_text);
+  }
   if (out_status != nullptr) *out_status = result.status;
   return error;
 }

@@ -59,8 +59,9 @@ ErrorText take_datagram(std::int32_t socket, FoundServers& found) {
   Ipv4Address sender;
   std::uint16_t sender_port;
   if (ErrorText ignored =
-          udp_receive(socket, sender, sender_port, bytes.data(), length))
+          udp_receive(socket, sender, sender_port, bytes.data(), length)) {
     return {};
+  }
   if (!is_discovery_answer(bytes.data(), static_cast<std::size_t>(length)) ||
       found.addresses.contains(sender)) {
     return {};
@@ -102,8 +103,9 @@ ErrorText scan_interfaces(const NicInfo* nics, std::uint16_t port,
   if (found_servers == nullptr) return kNoPlace;
   found_servers->reset();
   std::int32_t handle;
-  if (!udp_open(handle))
+  if (!udp_open(handle)) {
     return {"Could not create socket", take_last_os_error()};
+  }
   const FileDescriptor socket(handle);
   if (ErrorText error = udp_set_broadcast(handle, true)) return error;
 

@@ -84,8 +84,10 @@ void add_integer(Piece& piece, std::int64_t value) {
   std::uint8_t count = 0;
   if (value != 0) {
     count = 1;
-    while ((value >> (8 * count - 1)) != 0 && (value >> (8 * count - 1)) != -1)
+    while ((value >> (8 * count - 1)) != 0 &&
+           (value >> (8 * count - 1)) != -1) {
       ++count;
+    }
   }
   add_length(piece, count);
   while (count > 0) {
@@ -124,8 +126,9 @@ ErrorText read_long_length(BerStream& stream, std::uint8_t first,
   const std::size_t count = first & 0x7FU;
   if (ErrorText error = read_bytes(stream, bytes.data(), count)) return error;
   out_length = 0;
-  for (std::size_t i = 0; i < count; ++i)
+  for (std::size_t i = 0; i < count; ++i) {
     out_length = (out_length << 8) | bytes[i];
+  }
   return {};
 }
 
@@ -144,8 +147,9 @@ ErrorText read_primitive_header(BerStream& stream, const PrimitiveRules& rules,
   }
   if (tag != rules.tag) return rules.wrong_tag;
   bool indefinite = false;
-  if (ErrorText error = read_length(stream, out_length, indefinite))
+  if (ErrorText error = read_length(stream, out_length, indefinite)) {
     return error;
+  }
   if (indefinite || out_length > rules.longest) return rules.out_of_range;
   return {};
 }
@@ -155,15 +159,17 @@ ErrorText read_primitive_header(BerStream& stream, const PrimitiveRules& rules,
 ErrorText read_magnitude(BerStream& stream, const PrimitiveRules& rules,
                          std::uint32_t tag, std::uint32_t& out_value) {
   std::uint32_t length = 0;
-  if (ErrorText error = read_primitive_header(stream, rules, tag, length))
+  if (ErrorText error = read_primitive_header(stream, rules, tag, length)) {
     return error;
+  }
   std::array<std::uint8_t, kLongestInteger> bytes{};
   if (ErrorText error = read_bytes(stream, bytes.data(), length)) return error;
   const std::uint8_t first_limit = length == kLongestInteger ? 0x00 : 0x7F;
   if (bytes[0] > first_limit) return rules.out_of_range;
   out_value = 0;
-  for (std::uint32_t i = 0; i < length; ++i)
+  for (std::uint32_t i = 0; i < length; ++i) {
     out_value = (out_value << 8) | bytes[i];
+  }
   return {};
 }
 
@@ -300,8 +306,9 @@ ErrorText read_length(BerStream& stream, std::uint32_t& out_length,
   out_length = 0;
   if (out_indefinite) return {};
   if (first > kLongestLengthForm) return "data out of range in read_length";
-  if (first > kIndefiniteLength)
+  if (first > kIndefiniteLength) {
     return read_long_length(stream, first, out_length);
+  }
   out_length = first;
   return {};
 }
@@ -341,15 +348,17 @@ ErrorText skip_to_eol(BerStream& stream) {
 
 ErrorText write_unsigned_int(BerStream& stream, std::uint32_t minimum,
                              std::uint32_t maximum, std::uint32_t value) {
-  if (value < minimum || value > maximum)
+  if (value < minimum || value > maximum) {
     return "data out of range in write_unsigned_int";
+  }
   return write_integer(stream, BE_INTEGER, value);
 }
 
 ErrorText write_signed_int(BerStream& stream, std::int32_t minimum,
                            std::int32_t maximum, std::int32_t value) {
-  if (value < minimum || value > maximum)
+  if (value < minimum || value > maximum) {
     return "data out of range in write_signed_int";
+  }
   return write_integer(stream, BE_INTEGER, value);
 }
 
@@ -360,8 +369,9 @@ ErrorText read_unsigned_int(BerStream& stream, std::uint32_t minimum,
       BE_INTEGER, "Wrong tag, expected BE_INTEGER", kLongestInteger,
       "data out of range in read_unsigned_int"};
   std::uint32_t value = 0;
-  if (ErrorText error = read_magnitude(stream, kRules, tag, value))
+  if (ErrorText error = read_magnitude(stream, kRules, tag, value)) {
     return error;
+  }
   if (value < minimum || value > maximum) return kRules.out_of_range;
   out_value = value;
   return {};
@@ -374,8 +384,9 @@ ErrorText read_signed_int(BerStream& stream, std::int32_t minimum,
       BE_INTEGER, "Wrong tag, expected BE_INTEGER", sizeof(std::int32_t),
       "data out of range in read_signed_int"};
   std::uint32_t length = 0;
-  if (ErrorText error = read_primitive_header(stream, kRules, tag, length))
+  if (ErrorText error = read_primitive_header(stream, kRules, tag, length)) {
     return error;
+  }
   std::array<std::uint8_t, sizeof(std::int32_t)> bytes{};
   if (ErrorText error = read_bytes(stream, bytes.data(), length)) return error;
   std::uint32_t bits = (bytes[0] & 0x80) != 0 ? ~0U : 0U;
@@ -412,8 +423,9 @@ ErrorText read_bool(BerStream& stream, int& out_value, std::uint32_t tag) {
                                      "Wrong tag, expected BE_BOOLEAN", 1,
                                      "data out of range in read_bool"};
   std::uint32_t length = 0;
-  if (ErrorText error = read_primitive_header(stream, kRules, tag, length))
+  if (ErrorText error = read_primitive_header(stream, kRules, tag, length)) {
     return error;
+  }
   if (length != 1) return kRules.out_of_range;
   std::uint8_t byte = 0;
   if (ErrorText error = read_bytes(stream, &byte, 1)) return error;
@@ -439,8 +451,9 @@ ErrorText read_string(BerStream& stream, std::uint32_t maximum, Text& out_text,
   const PrimitiveRules rules = {BE_STRING, "Wrong tag, expected BE_STRING",
                                 maximum, "data out of range in read_string"};
   std::uint32_t length = 0;
-  if (ErrorText error = read_primitive_header(stream, rules, tag, length))
+  if (ErrorText error = read_primitive_header(stream, rules, tag, length)) {
     return error;
+  }
   // All zero: a text whose bytes did not all come ends with those that did, and
   // shows nothing that stood in its memory before.
   out_text = new_text(length);
@@ -457,8 +470,9 @@ ErrorText write_real(BerStream& stream, double value) {
     std::array<char, kLongestReal> text;
     const PointLocale locale;
     const int length = std::snprintf(text.data(), text.size(), "%e", value);
-    if (length < 0 || static_cast<std::size_t>(length) >= text.size())
+    if (length < 0 || static_cast<std::size_t>(length) >= text.size()) {
       return "String representation of double larger than buffer";
+    }
     add_length(piece, static_cast<std::uint32_t>(length) + 1);
     piece.add(kRealText);
     piece.add(text.data(), static_cast<std::size_t>(length));
@@ -476,14 +490,16 @@ ErrorText read_real(BerStream& stream, double& out_value, std::uint32_t tag) {
                                      kLongestReal,
                                      "data out of range in read_bool"};
   std::uint32_t length = 0;
-  if (ErrorText error = read_primitive_header(stream, kRules, tag, length))
+  if (ErrorText error = read_primitive_header(stream, kRules, tag, length)) {
     return error;
+  }
   out_value = 0.0;
   if (length == 0) return {};
 
   std::array<char, kLongestReal + 1> contents{};
-  if (ErrorText error = read_bytes(stream, contents.data(), length))
+  if (ErrorText error = read_bytes(stream, contents.data(), length)) {
     return error;
+  }
   switch (static_cast<std::uint8_t>(contents[0])) {
     case kRealText:
       out_value = real_of(&contents[1]);
@@ -522,8 +538,9 @@ ErrorText write_bignum(BerStream& stream, const BigNum* number) {
   std::array<std::uint8_t, kBigNumBytes> bytes;
   std::uint64_t length = number == nullptr ? 0 : bytes.size();
   if (number != nullptr) {
-    if (ErrorText error = bn_get_data(number, bytes.data(), length))
+    if (ErrorText error = bn_get_data(number, bytes.data(), length)) {
       return error;
+    }
   }
   Piece header;
   add_tag(header, BE_INTEGER);
@@ -539,11 +556,13 @@ ErrorText read_bignum(BerStream& stream, BigNumPtr& out_number,
                                      "data out of range in read_bignum"};
   constexpr ErrorText kNoNumberMemory{"Out of memory in read_bignum", ENOMEM};
   std::uint32_t length = 0;
-  if (ErrorText error = read_primitive_header(stream, kRules, tag, length))
+  if (ErrorText error = read_primitive_header(stream, kRules, tag, length)) {
     return error;
+  }
   ByteBuffer bytes;
-  if (ErrorText error = read_growing(stream, length, bytes, kNoNumberMemory))
+  if (ErrorText error = read_growing(stream, length, bytes, kNoNumberMemory)) {
     return error;
+  }
 
   out_number = bn_new(0, (std::uint64_t{length} + 3) / 4);
   if (!out_number) return kNoNumberMemory;

@@ -30,8 +30,9 @@ ErrorText memory_read(BerStream* stream, void* buffer, std::size_t size) {
 
 ErrorText memory_write(BerStream* stream, const void* bytes, std::size_t size) {
   MemoryStream* self = own_state(stream);
-  if (!self->bytes.append({static_cast<const char*>(bytes), size}))
+  if (!self->bytes.append({static_cast<const char*>(bytes), size})) {
     return kNoStreamMemory;
+  }
   return {};
 }
 

@@ -84,11 +84,13 @@ const char* reader_suffix(const MessageLayout& layout) {
 
 ErrorText write_message(BerStream& stream, const MessageLayout& layout,
                         const void* record) {
-  if (ErrorText error = write_constructed_begin(stream, layout.tag))
+  if (ErrorText error = write_constructed_begin(stream, layout.tag)) {
     return error;
+  }
   for (const FieldLayout& field : layout.fields) {
-    if (ErrorText error = write_field(stream, field, record))
+    if (ErrorText error = write_field(stream, field, record)) {
       return field_failure(layout, field, error);
+    }
   }
   if (layout.kind == MessageKind::kOpen) return {};
   return write_end_of_contents(stream);
@@ -112,8 +114,9 @@ ErrorText read_message(BerStream& stream, const MessageLayout& layout,
                              reader_suffix(layout));
   }
   for (const FieldLayout& field : layout.fields) {
-    if (ErrorText error = read_field(stream, field, record))
+    if (ErrorText error = read_field(stream, field, record)) {
       return field_failure(layout, field, error);
+    }
   }
   if (layout.kind == MessageKind::kOpen) return {};
   return skip_to_eol(stream);

@@ -25,8 +25,9 @@ ErrorText socket_read(BerStream* stream, void* buffer, std::size_t size) {
   SocketStream* self = own_state(stream);
   // The kernel holds back what is corked: a half-sent request would wait for
   // its answer forever. Whether the flush worked, the read will show.
-  if (self->output_pending != 0)
+  if (self->output_pending != 0) {
     static_cast<void>(stream->operations.flush(stream));
+  }
 
   auto* next = static_cast<char*>(buffer);
   while (size > 0) {
@@ -77,8 +78,9 @@ bool socket_await(BerStream* stream, int seconds) {
 
 void socket_hang_up(BerStream* stream) {
   const std::unique_ptr<SocketStream> self(own_state(stream));
-  if (self->output_pending != 0)
+  if (self->output_pending != 0) {
     static_cast<void>(stream->operations.flush(stream));
+  }
   static_cast<void>(socket_close(self->socket, self->deadline));
 }
 
@@ -105,8 +107,9 @@ ErrorText socket_stream_open(BerStreamPtr& out_stream,
   connect_flags |= CONNECT_CORK;
   if (deadline != kNoDeadline) connect_flags |= CONNECT_NONBLOCKING;
   if (ErrorText error = socket_connect(address, port, stream->socket,
-                                       connect_flags, deadline))
+                                       connect_flags, deadline)) {
     return error;
+  }
   out_stream.reset(stream.release());
   return {};
 }
@@ -117,8 +120,9 @@ ErrorText socket_stream_adopt(BerStreamPtr& out_stream, std::int32_t socket,
   std::unique_ptr<SocketStream> stream = new_socket_stream(deadline);
   if (!stream) return kNoStreamMemory;
   if (ErrorText error =
-          socket_apply_flags(socket, CONNECT_NONBLOCKING | CONNECT_CORK))
+          socket_apply_flags(socket, CONNECT_NONBLOCKING | CONNECT_CORK)) {
     return error;
+  }
   stream->socket = socket;
   out_stream.reset(stream.release());
   return {};

@@ -56,8 +56,9 @@ ErrorText input_line_noecho(char* buffer, std::size_t length,
   if (!terminal) return "Error opening /dev/tty";
 
   termios saved;
-  if (::tcgetattr(terminal.get(), &saved) != 0)
+  if (::tcgetattr(terminal.get(), &saved) != 0) {
     return "tcgetattr returned error";
+  }
   termios silent = saved;
   silent.c_lflag |= ICANON;
   silent.c_lflag &= ~static_cast<tcflag_t>(ECHO | ISIG);

@@ -36,8 +36,9 @@ const char* parse_agent(std::string_view entry,
   const std::string_view name = take_word(entry);
   const std::string_view domain = take_word(entry);
   if (!entry.empty()) return kNotAnAgent;
-  if (name.size() > kLongestName || domain.size() > kLongestDomain)
+  if (name.size() > kLongestName || domain.size() > kLongestDomain) {
     return kTooLong;
+  }
   for (const std::string_view word : {name, domain}) {
     if (std::any_of(word.begin(), word.end(), is_control)) return kControl;
   }
@@ -66,8 +67,9 @@ ErrorText read_agents(const char* path, Deadline deadline,
         return complaint == nullptr;
       });
   const char* const title = input_title(path);
-  if (bad_line != 0)
+  if (bad_line != 0) {
     return format_error_text("%s, line %zu: %s", title, bad_line, complaint);
+  }
   if (out_agents.empty()) return format_error_text("%s names no agent", title);
   return {};
 }

@@ -44,8 +44,9 @@ Json object_of(const Row& row) {
 
 Json counts_of(const Report& report) {
   Json counts = {{"servers", report.rows.size()}};
-  for (const Result result : kAllResults)
+  for (const Result result : kAllResults) {
     counts[result_name(result)] = num_with(report, result);
+  }
   return counts;
 }
 

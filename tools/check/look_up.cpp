@@ -43,8 +43,9 @@ Found look_up(const std::string& name) {
   std::size_t count = 0;
   if (ErrorText error = resolve_host_all(name.c_str(), addresses, count)) {
     found.failure = error.c_str();
-    if (has_ipv6_address(name.c_str()))
+    if (has_ipv6_address(name.c_str())) {
       found.failure += joined({"; ", kOnlyIpv6});
+    }
     return found;
   }
   found.addresses.assign(addresses.begin(), addresses.begin() + count);
@@ -71,8 +72,9 @@ bool LookUps::grow() {
                 kMostThreads - std::min(num_lost_, kMostThreads)});
   if (num_threads_ >= useful) return num_threads_ > 0;
   if (!start_thread(kLookUpStack,
-                    [self = shared_from_this()] { self->serve(); }))
+                    [self = shared_from_this()] { self->serve(); })) {
     return num_threads_ > 0;
+  }
   ++num_threads_;
   return true;
 }
@@ -120,8 +122,9 @@ std::vector<LookUps::Task> LookUps::take_expired() {
 // What waits begins no sooner than now.
 Deadline LookUps::next_expiry() {
   Deadline next = waiting_.empty() ? kNoDeadline : Clock::now() + each_;
-  for (const auto& [number, task] : running_)
+  for (const auto& [number, task] : running_) {
     next = std::min(next, task.started + each_);
+  }
   return next;
 }
 

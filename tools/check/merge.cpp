@@ -58,8 +58,9 @@ void add_result(const char* path, ResultFile result, Report& report) {
     report.is_incomplete = true;
     report.remarks.push_back(joined({path, ": ", result.error}));
   }
-  for (const std::string& remark : result.remarks)
+  for (const std::string& remark : result.remarks) {
     report.remarks.push_back(joined({path, ": ", remark}));
+  }
   std::move(result.rows.begin(), result.rows.end(),
             std::back_inserter(report.rows));
 }
@@ -121,8 +122,9 @@ void mark_outdated(Report& report, By by) {
       return one.time > other.time;
     });
     for (Rows row = first + 1; row < last; ++row) row->is_outdated = true;
-    if (last - first > 1 && ++num_pairs <= kMostRemarks)
+    if (last - first > 1 && ++num_pairs <= kMostRemarks) {
       report.remarks.push_back(disagreement(first, last));
+    }
     first = last;
   }
   if (num_pairs <= kMostRemarks) return;

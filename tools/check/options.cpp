@@ -253,16 +253,20 @@ const char* complaint_about(const Options& o) {
       o.scan || o.config != nullptr || o.servers_from != nullptr;
   const bool any_agent =
       o.name != nullptr || o.domain != nullptr || o.agents_from != nullptr;
-  if (o.merge && (any_server || any_agent))
+  if (o.merge && (any_server || any_agent)) {
     return "--merge asks nobody: it takes results, no servers and no agents";
+  }
   if (o.merge && o.servers.empty()) return "--merge needs a result to read";
-  if (!any_server && o.servers.empty())
+  if (!any_server && o.servers.empty()) {
     return "no server to ask: name one, or give --config, --servers-from or "
            "--scan";
-  if (o.name != nullptr && o.agents_from != nullptr)
+  }
+  if (o.name != nullptr && o.agents_from != nullptr) {
     return "only one of --name and --agents-from";
-  if (is_standard_input(o.agents_from) && is_standard_input(o.servers_from))
+  }
+  if (is_standard_input(o.agents_from) && is_standard_input(o.servers_from)) {
     return "only one of --agents-from and --servers-from from standard input";
+  }
   return nullptr;
 }
 
@@ -275,12 +279,14 @@ std::optional<int> parse_options(int argc, char** argv, Options& options) {
   while ((id = ::getopt_long(argc, argv, letters.c_str(), names.data(),
                              nullptr)) != -1) {
     const OptionRow* row = id == '?' ? nullptr : find_option(id);
-    if (const std::optional<int> status = take_option(row, options))
+    if (const std::optional<int> status = take_option(row, options)) {
       return status;
+    }
   }
   options.servers.assign(argv + optind, argv + argc);
-  if (options.agents_from != nullptr && options.rate == 0)
+  if (options.agents_from != nullptr && options.rate == 0) {
     options.rate = kRateOfFleet;
+  }
   const char* const complaint = complaint_about(options);
   if (complaint == nullptr) return {};
   return complain(complaint, nullptr);

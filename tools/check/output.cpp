@@ -61,8 +61,9 @@ bool is_trusted_name(const char* path, bool exists) {
   }, folder{};
   if (!open_folder(path, place) || ::fstat(place.folder.get(), &folder) != 0 ||
       ::fstatat(place.folder.get(), place.name.c_str(), &link,
-                AT_SYMLINK_NOFOLLOW) != 0)
+                AT_SYMLINK_NOFOLLOW) != 0) {
     return !exists && errno == ENOENT;
+  }
   if (!S_ISLNK(link.st_mode)) return true;
   constexpr mode_t kShared = S_ISVTX | S_IWOTH;
   const bool is_shared = (folder.st_mode & kShared) == kShared;
@@ -81,8 +82,9 @@ bool find_old_place(const char* path, int opened, Place& place) {
   if (!real || !open_folder(real.get(), place)) return false;
   struct stat named {};
   if (::fstatat(place.folder.get(), place.name.c_str(), &named,
-                AT_SYMLINK_NOFOLLOW) != 0)
+                AT_SYMLINK_NOFOLLOW) != 0) {
     return false;
+  }
   place.replaces = is_same_file(named, place.old);
   if (!place.replaces) errno = EAGAIN;
   return place.replaces;
@@ -112,8 +114,9 @@ bool write_and_rename(const Place& place, const std::string& temporary,
   if (place.replaces && !keep_mode(file, place.old)) return false;
   if (::fsync(file) != 0 ||
       ::renameat(place.folder.get(), temporary.c_str(), place.folder.get(),
-                 place.name.c_str()) != 0)
+                 place.name.c_str()) != 0) {
     return false;
+  }
   // Not every file system can flush a folder.
   ::fsync(place.folder.get());
   return true;
@@ -139,14 +142,16 @@ ErrorText write_in_place(const char* path, int looked_at,
   if (!file) return failure("opening", path);
   struct stat before {
   }, now{};
-  if (::fstat(looked_at, &before) != 0 || ::fstat(file.get(), &now) != 0)
+  if (::fstat(looked_at, &before) != 0 || ::fstat(file.get(), &now) != 0) {
     return failure("opening", path);
+  }
   if (!is_same_file(before, now)) {
     errno = EAGAIN;
     return failure("opening", path);
   }
-  if (::fcntl(file.get(), F_SETFL, 0) != 0 || !write_all(file.get(), text))
+  if (::fcntl(file.get(), F_SETFL, 0) != 0 || !write_all(file.get(), text)) {
     return failure("writing to", path);
+  }
   return {};
 }
 
@@ -186,13 +191,16 @@ ErrorText replace_file(const char* path, std::string_view text) {
   Place place;
   const FileDescriptor old(::open(path, O_PATH | O_CLOEXEC));
   if (!old && errno != ENOENT) return failure("opening", path);
-  if (!is_trusted_name(path, static_cast<bool>(old)))
+  if (!is_trusted_name(path, static_cast<bool>(old))) {
     return failure("opening", path);
-  if (old && is_standard_output(old.get()))
+  }
+  if (old && is_standard_output(old.get())) {
     return write_all(STDOUT_FILENO, text) ? ErrorText()
                                           : failure("writing to", path);
-  if (old && !is_regular(old.get()))
+  }
+  if (old && !is_regular(old.get())) {
     return write_in_place(path, old.get(), text);
+  }
   const bool found =
       old ? find_old_place(path, old.get(), place) : open_folder(path, place);
   if (!found) return failure("opening", path);

@@ -72,8 +72,9 @@ std::string summary(const Report& report) {
        "</h1>\n<p>", count_of(report.num_agents, "agent"), " at ",
        count_of(report.num_servers, "server"), ", ", time_html(report.started),
        ", ", seconds_text(report.seconds), " seconds</p>\n"});
-  if (!report.error.empty())
+  if (!report.error.empty()) {
     html += joined({"<p class=\"error\">", bdi(report.error), "</p>\n"});
+  }
   return html + "</header>\n<main>\n";
 }
 
@@ -118,8 +119,9 @@ std::string reasons_html(const std::vector<Reason>& reasons) {
 std::string remarks_html(const Report& report) {
   if (report.remarks.empty()) return "";
   std::string html = "<section>\n<h2>Remarks</h2>\n<ul>\n";
-  for (const std::string& remark : report.remarks)
+  for (const std::string& remark : report.remarks) {
     html += joined({"<li>", bdi(remark), "</li>\n"});
+  }
   return html + "</ul>\n</section>\n";
 }
 
@@ -182,12 +184,15 @@ class MatrixPrinter {
                 heading_html(row.heading), "</th>"});
     if (matrix_.is_list) {
       html += "<td role=\"cell\">";
-      for (const auto& [column, cell] : row.cells)
+      for (const auto& [column, cell] : row.cells) {
         html += cell_html(column, cell);
+      }
       html += "</td>";
     }
-    for (std::size_t i = 0; i < matrix_.columns.size() && !matrix_.is_list; ++i)
+    for (std::size_t i = 0; i < matrix_.columns.size() && !matrix_.is_list;
+         ++i) {
       html += matrix_cell_html(row, i);
+    }
     return html + "</tr>\n";
   }
 
@@ -209,8 +214,9 @@ class MatrixPrinter {
 
   std::string cell_html(std::size_t column, const Cell& cell) {
     std::string html = at_html(column);
-    for (const CellResult& result : cell)
+    for (const CellResult& result : cell) {
       html += result_html(result, cell.size() > 1);
+    }
     return html;
   }
 
@@ -221,8 +227,9 @@ class MatrixPrinter {
     std::string html =
         joined({"<div class=\"result\" data-reason=\"", reason,
                 "\" data-result=\"", result_name(row.result), "\""});
-    if (!is_linked_[result.reason])
+    if (!is_linked_[result.reason]) {
       html += joined({" id=\"reason-", reason, "\""});
+    }
     is_linked_[result.reason] = true;
     html += joined({">", badge(row.result)});
     if (!row.text.empty()) {
@@ -237,10 +244,12 @@ class MatrixPrinter {
     std::string html;
     if (has_rivals || report_.is_merged) html += time_html(row.time);
     if (row.is_outdated) html += " (outdated)";
-    if (report_.is_merged && !row.host.empty() && row.is_named)
+    if (report_.is_merged && !row.host.empty() && row.is_named) {
       html += joined({" from ", bdi(row.host)});
-    if (report_.all_addresses && !row.address.empty())
+    }
+    if (report_.all_addresses && !row.address.empty()) {
       html += joined({" at ", html_text(row.address)});
+    }
     return html.empty() ? "" : joined({"<small>", html, "</small>"});
   }
 

@@ -31,16 +31,18 @@ std::map<ReasonKey, std::size_t> number_reasons(const Report& report,
                                                 std::vector<Reason>& reasons) {
   std::map<ReasonKey, std::size_t> counts;
   for (const Row& row : report.rows) ++counts[{row.result, row.text}];
-  for (const auto& [key, count] : counts)
+  for (const auto& [key, count] : counts) {
     reasons.push_back({key.first, std::string(key.second), count});
+  }
   std::stable_sort(reasons.begin(), reasons.end(),
                    [](const Reason& one, const Reason& other) {
                      const bool mine = one.result == Result::kAccepted;
                      const bool its = other.result == Result::kAccepted;
                      return mine != its ? its : one.count > other.count;
                    });
-  for (std::size_t i = 0; i < reasons.size(); ++i)
+  for (std::size_t i = 0; i < reasons.size(); ++i) {
     counts[{reasons[i].result, reasons[i].text}] = i;
+  }
   return counts;
 }
 
@@ -75,8 +77,9 @@ void add_row(Matrix& matrix, const Row& row, std::size_t reason, Headings& rows,
 void sort_rows(std::vector<MatrixRow>& rows) {
   std::stable_sort(rows.begin(), rows.end(),
                    [](const MatrixRow& one, const MatrixRow& other) {
-                     if (one.num_failed != other.num_failed)
+                     if (one.num_failed != other.num_failed) {
                        return one.num_failed > other.num_failed;
+                     }
                      return is_name_before(one.heading.name,
                                            other.heading.name);
                    });
@@ -112,8 +115,9 @@ Matrix matrix_of(const Report& report) {
                            report.num_servers > report.num_agents;
   const auto reasons = number_reasons(report, matrix.reasons);
   Headings rows, columns;
-  for (const Row& row : report.rows)
+  for (const Row& row : report.rows) {
     add_row(matrix, row, reasons.at({row.result, row.text}), rows, columns);
+  }
   sort_rows(matrix.rows);
   matrix.is_list = matrix.columns.size() > kMostColumns ||
                    matrix.rows.size() * matrix.columns.size() >

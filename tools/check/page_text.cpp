@@ -47,8 +47,9 @@ char32_t take_character(std::string_view& text, std::string_view& out_bytes) {
   out_bytes = text.substr(0, size);
   text.remove_prefix(out_bytes.size());
   char32_t character = size == 1 ? lead : lead & (0xFFU >> (size + 1));
-  for (const char c : out_bytes.substr(1))
+  for (const char c : out_bytes.substr(1)) {
     character = character << 6 | (static_cast<unsigned char>(c) & 0x3FU);
+  }
   return character;
 }
 

@@ -28,8 +28,9 @@ ErrorText take_config(const Options& options, Deadline deadline, Plan& plan) {
   AgentSettings settings;
   if (options.config != nullptr) {
     std::string text;
-    if (ErrorText error = read_text_file(options.config, deadline, text))
+    if (ErrorText error = read_text_file(options.config, deadline, text)) {
       return error;
+    }
     if (ErrorText error = parse_settings(text, settings)) return error;
   }
   const char* port = settings.server_port.get();
@@ -43,8 +44,9 @@ ErrorText take_config(const Options& options, Deadline deadline, Plan& plan) {
   const Text servers = split_server_list(settings.server_list.get());
   if (!servers) return kOutOfMemory;
   for (const char* server = servers.get(); *server != '\0';
-       server = next_text(server))
+       server = next_text(server)) {
     add_server(plan, {server, plan.port, Source::kConfig});
+  }
   return {};
 }
 
@@ -75,8 +77,9 @@ ErrorText take_agents_from(const char* path, Deadline deadline, Plan& plan) {
 ErrorText take_arguments(const Options& options, Plan& plan) {
   for (const char* argument : options.servers) {
     Server server;
-    if (!parse_server(argument, plan.port, server))
+    if (!parse_server(argument, plan.port, server)) {
       return format_error_text("%s: \"%s\"", kNotAServer, argument);
+    }
     add_server(plan, std::move(server));
   }
   return {};
@@ -94,8 +97,9 @@ bool parse_server(std::string_view text, std::uint16_t default_port,
                   Server& out_server) {
   const std::size_t colon = text.find(':');
   std::uint16_t port = default_port;
-  if (colon != text.npos && !parse_port(text.substr(colon + 1), port))
+  if (colon != text.npos && !parse_port(text.substr(colon + 1), port)) {
     return false;
+  }
   const std::string_view name = text.substr(0, colon);
   if (name.empty() || name.find('\0') != name.npos) return false;
   out_server = {std::string(name), port, Source::kArgument};
@@ -106,13 +110,15 @@ ErrorText make_plan(const Options& options, Deadline deadline, Plan& out_plan) {
   if (ErrorText error = take_config(options, deadline, out_plan)) return error;
   if (options.agents_from != nullptr) {
     if (ErrorText error =
-            take_agents_from(options.agents_from, deadline, out_plan))
+            take_agents_from(options.agents_from, deadline, out_plan)) {
       return error;
+    }
   }
   if (options.servers_from != nullptr) {
     if (ErrorText error =
-            take_servers_from(options.servers_from, deadline, out_plan))
+            take_servers_from(options.servers_from, deadline, out_plan)) {
       return error;
+    }
   }
   return take_arguments(options, out_plan);
 }

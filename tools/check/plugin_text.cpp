@@ -39,8 +39,9 @@ bool turns_or_ends_line(std::string_view character) {
 std::string safe(std::string text) {
   constexpr std::size_t kLength = 3;  // of each of these in UTF-8
   for (std::size_t i = 0; i + kLength <= text.size(); ++i) {
-    if (turns_or_ends_line(std::string_view(text).substr(i, kLength)))
+    if (turns_or_ends_line(std::string_view(text).substr(i, kLength))) {
       text.replace(i, kLength, kLength, '?');
+    }
   }
   std::replace(text.begin(), text.end(), '\0', '?');
   std::replace(text.begin(), text.end(), '|', '?');
@@ -57,8 +58,9 @@ std::string reason_of(const Row& row) {
   if (text.starts_with(kRefusal)) text.erase(0, kRefusal.size());
   const std::string name = joined({" \"", row.server, "\""});
   const std::size_t at = text.find(name);
-  if (row.result == Result::kUnresolved && at != text.npos)
+  if (row.result == Result::kUnresolved && at != text.npos) {
     text.erase(at, name.size());
+  }
   return joined({result, ": ", safe(std::move(text))});
 }
 
@@ -90,8 +92,9 @@ bool is_fleet(const Report& report) {
 std::string first_names(const Group& group, bool is_fleet) {
   const std::size_t count = group.rows.size();
   std::string names;
-  for (std::size_t i = 0; i < std::min(count, kMostNames); ++i)
+  for (std::size_t i = 0; i < std::min(count, kMostNames); ++i) {
     names += joined({i == 0 ? "" : ", ", name_of(*group.rows[i], is_fleet)});
+  }
   if (count <= kMostNames) return names;
   return joined({names, " and ", std::to_string(count - kMostNames), " more"});
 }
@@ -115,16 +118,18 @@ std::string accepted_count(const Report& report) {
   std::string text =
       joined({std::to_string(num_with(report, Result::kAccepted)), " of ",
               std::to_string(report.rows.size())});
-  if (!is_fleet(report))
+  if (!is_fleet(report)) {
     return joined({text, " servers accept ", agent_of(report)});
+  }
   return joined({text, " accepted: ", count_of(report.num_agents, "agent"),
                  " at ", count_of(report.num_servers, "server")});
 }
 
 std::string summary(const Report& report, const std::vector<Group>& groups) {
   if (!report.error.empty()) return safe(report.error);
-  if (report.rows.empty())
+  if (report.rows.empty()) {
     return report.is_incomplete ? "no run could ask" : "no server to ask";
+  }
   std::string text = accepted_count(report);
   std::size_t num_told = 0;
   std::size_t num_left = 0;
@@ -174,8 +179,9 @@ std::string performance_data(const Report& report) {
 
 std::string row_line(const Row& row, const std::string& reason, bool is_fleet) {
   std::string name = name_of(row, is_fleet);
-  if (!row.address.empty() && row.address != row.server)
+  if (!row.address.empty() && row.address != row.server) {
     name += joined({" (", row.address, ")"});
+  }
   return joined({name, ": ", reason, " [", seconds_text(row.seconds), "s]\n"});
 }
 
@@ -186,8 +192,9 @@ std::string group_lines(const Group& group, bool is_fleet) {
                    first_names(group, is_fleet), "): ", group.reason, "\n"});
   }
   std::string lines;
-  for (const Row* row : group.rows)
+  for (const Row* row : group.rows) {
     lines += row_line(*row, group.reason, is_fleet);
+  }
   return lines;
 }
 
@@ -199,10 +206,12 @@ std::string plugin_text(const Report& report) {
                              summary(report, groups)});
   if (!report.rows.empty()) text += performance_data(report);
   text += "\n";
-  for (const Group& group : groups)
+  for (const Group& group : groups) {
     text += group_lines(group, is_fleet(report));
-  for (const std::string& remark : report.remarks)
+  }
+  for (const std::string& remark : report.remarks) {
     text += joined({"remark: ", safe(remark), "\n"});
+  }
   return text;
 }
 

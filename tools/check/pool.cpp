@@ -23,8 +23,9 @@ bool Pool::grow() {
                 lanes_.size() * std::min(most_per_address_, most_at_once_)});
   if (num_threads_ >= useful) return true;
   if (!start_thread(kProbeStack,
-                    [self = shared_from_this()] { self->serve(); }))
+                    [self = shared_from_this()] { self->serve(); })) {
     return num_threads_ > 0;
+  }
   ++num_threads_;
   return true;
 }
@@ -32,8 +33,9 @@ bool Pool::grow() {
 // offer makes a lane ready if it can be, and wakes a thread for it.
 void Pool::offer(Lane& lane) {
   if (lane.is_ready || lane.waiting.empty() ||
-      lane.num_running >= most_per_address_)
+      lane.num_running >= most_per_address_) {
     return;
+  }
   lane.is_ready = true;
   ready_.emplace(std::max(lane.due, Clock::now()), &lane);
   if (num_idle_ > 0) changed_.notify_one();

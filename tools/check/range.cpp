@@ -45,8 +45,9 @@ bool parse_range(std::string_view text, Range& out_range) {
   const std::size_t colon = text.find(':');
   const bool has_start = colon != text.npos;
   const std::string_view end = has_start ? text.substr(colon + 1) : text;
-  if (has_start && !parse_start(text.substr(0, colon), range.start))
+  if (has_start && !parse_start(text.substr(0, colon), range.start)) {
     return false;
+  }
   // Only "10:" may leave its end open.
   const bool open_end = has_start && end.empty();
   if (!open_end && !parse_bound(end, range.end)) return false;

@@ -17,8 +17,9 @@ Status status_of(const Report& report) {
   if (!report.error.empty() || report.rows.empty()) return kUnknown;
   const std::size_t failed = num_failed(report);
   const auto number = static_cast<double>(failed);
-  if (reaches(report.critical, number, failed == report.rows.size()))
+  if (reaches(report.critical, number, failed == report.rows.size())) {
     return kCritical;
+  }
   const bool warns = reaches(report.warning, number, failed > 0);
   return warns || report.is_incomplete ? kWarning : kOk;
 }

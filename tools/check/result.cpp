@@ -116,8 +116,9 @@ std::span<const Advice> all_advice() {
 
 std::string_view advice_for(Result result, std::string_view text) {
   for (const Advice& advice : kAdvice) {
-    if (advice.result == result && text.find(advice.phrase) != text.npos)
+    if (advice.result == result && text.find(advice.phrase) != text.npos) {
       return advice.step;
+    }
   }
   return {};
 }

@@ -57,8 +57,9 @@ bool set_flag(const Value& value, bool& flag) {
 
 bool set_seconds(const Value& value, double& seconds) {
   const double* given = std::get_if<double>(&value);
-  if (given == nullptr || !(*given >= 0 && *given <= kMostSeconds))
+  if (given == nullptr || !(*given >= 0 && *given <= kMostSeconds)) {
     return false;
+  }
   seconds = *given;
   return true;
 }
@@ -66,8 +67,9 @@ bool set_seconds(const Value& value, double& seconds) {
 bool set_word(const Value& value, std::uint16_t& word) {
   const double* given = std::get_if<double>(&value);
   if (given == nullptr || !(*given >= 0 && *given <= UINT16_MAX) ||
-      std::trunc(*given) != *given)
+      std::trunc(*given) != *given) {
     return false;
+  }
   word = static_cast<std::uint16_t>(*given);
   return true;
 }
@@ -255,23 +257,27 @@ class Reader : public nlohmann::json_sax<Json> {
   template <typename Object, std::size_t count>
   bool has_all(const Field<Object> (&fields)[count], unsigned seen) {
     for (std::size_t i = 0; i < count; ++i) {
-      if (fields[i].is_required && (seen >> i & 1U) == 0)
+      if (fields[i].is_required && (seen >> i & 1U) == 0) {
         return fail(joined({where(), "no \"", fields[i].name, "\""}));
+      }
     }
     return true;
   }
 
   bool take(const Value& value) {
     if (depth_ == 0) return fail("no JSON object");
-    if (depth_ == 1)
+    if (depth_ == 1) {
       return set_field(kHeadFields, head_key_, value, result_, head_seen_);
-    if (depth_ == 2 && list_ == List::kRemarks)
+    }
+    if (depth_ == 2 && list_ == List::kRemarks) {
       return set_text(value, result_.remarks.emplace_back()) ||
              fail("a wrong \"remarks\"");
+    }
     if (depth_ == 2 && list_ == List::kRows) return fail("a wrong \"servers\"");
-    if (depth_ == 3 && list_ == List::kRows)
+    if (depth_ == 3 && list_ == List::kRows) {
       return set_field(kRowFields, row_key_, value, result_.rows.back(),
                        row_seen_);
+    }
     return true;
   }
 
@@ -284,9 +290,10 @@ class Reader : public nlohmann::json_sax<Json> {
       return std::any_of(std::begin(fields), std::end(fields),
                          [&](const auto& field) { return key == field.name; });
     };
-    if (depth_ == 1)
+    if (depth_ == 1) {
       return is_known(kHeadFields, head_key_) ||
              (!is_array && (head_key_ == "servers" || head_key_ == "remarks"));
+    }
     return list_ == List::kRows && depth_ == 3 &&
            is_known(kRowFields, row_key_);
   }

@@ -57,8 +57,9 @@ void Run::start() {
       plan_.port,
       [self](const Scanned& scanned) { self->take_scanned(scanned); },
       unscanned);
-  for (const std::string& interface : unscanned)
+  for (const std::string& interface : unscanned) {
     remarks_.push_back(scan_remark(interface, kNoThread));
+  }
 }
 
 void Run::add_jobs(std::size_t server) {
@@ -98,15 +99,17 @@ void Run::find_address(std::size_t server) {
     return;
   }
   servers_of_name_.push_back({server});
-  if (!look_ups_->add(known->second, name))
+  if (!look_ups_->add(known->second, name)) {
     take_addresses(server, {.failure = kNoThread});
+  }
 }
 
 void Run::take_found(std::size_t name, const Found& found) {
   const std::lock_guard lock(mutex_);
   if (closed_) return;
-  for (const std::size_t server : servers_of_name_[name])
+  for (const std::size_t server : servers_of_name_[name]) {
     take_addresses(server, found);
+  }
 }
 
 void Run::take_addresses(std::size_t server, const Found& found) {
@@ -135,15 +138,17 @@ void Run::take_scanned(const Scanned& scanned) {
   const std::lock_guard lock(mutex_);
   if (closed_) return;
   scans_.erase(scanned.interface);
-  if (!scanned.failure.empty())
+  if (!scanned.failure.empty()) {
     remarks_.push_back(scan_remark(scanned.interface, scanned.failure));
+  }
   for (const std::string& address : scanned.servers) {
     const auto is_asked = [&](const Job& job) {
       return job.row.address == address && job.row.port == plan_.port;
     };
     if (std::any_of(jobs_.begin(), jobs_.end(), is_asked)) continue;
-    if (add_server(plan_, {address, plan_.port, Source::kScan}))
+    if (add_server(plan_, {address, plan_.port, Source::kScan})) {
       add_jobs(plan_.servers.size() - 1);
+    }
   }
   wake_up();
 }
@@ -157,8 +162,9 @@ void Run::queue(std::size_t number, const Ipv4Address& address,
   job.row.address = address_text(address);
   job.spent = duration_of(seconds);
   job.state = State::kQueued;
-  if (!pool_->add(number, address))
+  if (!pool_->add(number, address)) {
     settle(job, Result::kUnreachable, kNoThread);
+  }
 }
 
 void Run::ask(std::size_t number) {
@@ -189,8 +195,9 @@ void Run::ask(std::size_t number) {
   lock.lock();
   if (closed_) return;
   --num_asking_;
-  if (probed.agent_address_text)
+  if (probed.agent_address_text) {
     job.row.agent = probed.agent_address_text.get();
+  }
   if (probed.has_offer) job.row.offered_version = probed.offered_version;
   settle(job, result_of(probed.failure), error.c_str());
 }
@@ -249,11 +256,13 @@ void Run::close() {
   const std::lock_guard lock(mutex_);
   closed_ = true;
   for (Job& job : jobs_) {
-    if (job.state != State::kDone)
+    if (job.state != State::kDone) {
       settle(job, Result::kTimeout, text_of_unknown(job));
+    }
   }
-  for (const std::string& interface : scans_)
+  for (const std::string& interface : scans_) {
     remarks_.push_back(scan_remark(interface, "not finished in time"));
+  }
 }
 
 std::vector<Row> Run::rows() {

@@ -30,8 +30,9 @@ Scanned scan_interface(const std::string& name, const NicInfo* nic,
     return scanned;
   }
   for (const char* server = servers.get(); *server != '\0';
-       server = next_text(server))
+       server = next_text(server)) {
     scanned.servers.emplace_back(server);
+  }
   return scanned;
 }
 
@@ -55,8 +56,9 @@ std::set<std::string> start_scans(std::uint16_t port, const Deliver& deliver,
     out_unscanned.insert(name);
   };
   for (const NicInfo* nic = nics.get(); nic != nullptr && nic->name[0] != '\0';
-       ++nic)
+       ++nic) {
     start(nic->name, nic);
+  }
   if (names.empty() && out_unscanned.empty()) start(kAnyInterface, nullptr);
   return names;
 }

@@ -90,8 +90,9 @@ std::string json_lines(const std::vector<Row>& rows) {
 
 void stream_rows(Run& run, Output& output) {
   if (!output.streams() || output.failed) return;
-  if (!write_all(STDOUT_FILENO, json_lines(run.take_fresh())))
+  if (!write_all(STDOUT_FILENO, json_lines(run.take_fresh()))) {
     output.failed = true;
+  }
 }
 
 std::string text_of(const Report& report, Format format) {
@@ -118,18 +119,21 @@ void tell_besides(const Report& report, Format format) {
 int write_report(const Report& report, Output& output) {
   tell_besides(report, output.format);
   if (output.format == Format::kJsonLines && !report.error.empty() &&
-      report.rows.empty())
+      report.rows.empty()) {
     return report.status;
+  }
   if (output.path != nullptr) {
     if (ErrorText error =
-            replace_file(output.path, text_of(report, output.format)))
+            replace_file(output.path, text_of(report, output.format))) {
       return complain(error.c_str());
+    }
     return report.status;
   }
   if (output.failed ||
       (!output.streams() &&
-       !write_all(STDOUT_FILENO, text_of(report, output.format))))
+       !write_all(STDOUT_FILENO, text_of(report, output.format)))) {
     return complain("cannot write the output");
+  }
   return report.status;
 }
 
@@ -148,8 +152,9 @@ void wait_for_end(Run& run, Deadline deadline, Output& output) {
 void wait_for_stragglers(Run& run, Deadline deadline) {
   const Deadline end = deadline + kGrace;
   if (!is_past(deadline)) return;
-  while (run.is_asking() && !stop_wanted() && !is_past(end))
+  while (run.is_asking() && !stop_wanted() && !is_past(end)) {
     wait_for_wake_up(end);
+  }
 }
 
 Report new_report(const Options& options) {
@@ -197,8 +202,9 @@ int finish(const Options& options, Report& report, Output& output) {
   judge(report);
   const int status = write_report(report, output);
   if (options.html == nullptr) return status;
-  if (ErrorText error = replace_file(options.html, page_html(report)))
+  if (ErrorText error = replace_file(options.html, page_html(report))) {
     return complain(error.c_str());
+  }
   return status;
 }
 
@@ -242,13 +248,16 @@ int start(int argc, char** argv) {
   if (!prepare_standard_streams()) return kUnknown;
   // To write beyond the limit on file sizes is an error like a full disk.
   std::signal(SIGXFSZ, SIG_IGN);
-  if (ErrorText error = start_socket_subsystem())
+  if (ErrorText error = start_socket_subsystem()) {
     return complain(error.c_str());
+  }
   Options options;
-  if (const std::optional<int> status = parse_options(argc, argv, options))
+  if (const std::optional<int> status = parse_options(argc, argv, options)) {
     return has_output ? *status : kUnknown;
-  if (!has_output && options.output == nullptr)
+  }
+  if (!has_output && options.output == nullptr) {
     return complain("cannot write the output");
+  }
   if (ErrorText error = watch_for_wake_ups()) return complain(error.c_str());
   return options.merge ? merge(options, started) : check(options, started);
 }

@@ -68,8 +68,9 @@ int milliseconds_until(Deadline deadline) {
 ErrorText watch_for_wake_ups() {
   event = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
   if (event < 0) return os_failure("Error creating an event descriptor");
-  if (!handle(SIGINT) || !handle(SIGTERM))
+  if (!handle(SIGINT) || !handle(SIGTERM)) {
     return os_failure("Error watching signals");
+  }
   return {};
 }
 

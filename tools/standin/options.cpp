@@ -176,8 +176,9 @@ const char* take_limit(int id, const char* value, Options& options) {
   constexpr int kDecimal = 10;
   switch (id) {
     case kSessions:
-      if (parse_number<std::uint32_t>(value, kDecimal, 1, options.sessions))
+      if (parse_number<std::uint32_t>(value, kDecimal, 1, options.sessions)) {
         break;
+      }
       return "--sessions needs a number from 1 to 4294967295";
     case kMaxSessions:
       if (parse_number<std::uint32_t>(value, kDecimal, 1, options.max_sessions,
@@ -219,8 +220,10 @@ const char* take_option(int id, const char* value, Options& options) {
     case kLog:
       options.log = std::strcmp(value, "jsonl") == 0 ? LogForm::kJsonLines
                                                      : LogForm::kText;
-      if (options.log == LogForm::kJsonLines || std::strcmp(value, "text") == 0)
+      if (options.log == LogForm::kJsonLines ||
+          std::strcmp(value, "text") == 0) {
         break;
+      }
       return "--log needs text or jsonl";
     case kReason:
     case kOfferVersion:

@@ -257,8 +257,10 @@ ErrorText run_server(const Options& options) {
     return error;
   }
   if (ErrorText error = open_sockets(server)) return error;
-  if (ErrorText error = server.pool.open(options.max_sessions, serve, &server))
+  if (ErrorText error =
+          server.pool.open(options.max_sessions, serve, &server)) {
     return error;
+  }
   server.log.open(options.log);
   if (ErrorText error =
           server.log.tell_listening(options.listen, server.port)) {

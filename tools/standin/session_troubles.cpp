@@ -53,8 +53,9 @@ ErrorText write_many(Conversation& conversation, const char (&pair)[3],
   for (std::size_t i = 0; i < piece.size(); ++i) piece[i] = pair[i % 2];
   while (count > 0) {
     const std::size_t size = std::min<std::uint64_t>(count, piece.size());
-    if (ErrorText error = write(conversation, {piece.data(), size}))
+    if (ErrorText error = write(conversation, {piece.data(), size})) {
       return error;
+    }
     count -= size;
   }
   return {};
@@ -227,8 +228,9 @@ ErrorText answer_with_depth(Conversation& conversation, const Trouble& trouble,
   const std::uint64_t size = std::uint64_t{trouble.number} * 2;
   if (ErrorText error = write(conversation, answer)) return error;
   // An indefinite length each, and an end.
-  if (ErrorText error = write_many(conversation, "\x30\x80", size))
+  if (ErrorText error = write_many(conversation, "\x30\x80", size)) {
     return error;
+  }
   if (ErrorText error = write_many(conversation, {0, 0, 0}, size)) return error;
   return send(conversation, end, planned(conversation));
 }

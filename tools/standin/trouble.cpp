@@ -223,8 +223,9 @@ std::span<const TroubleKind> trouble_kinds() {
 
 void add_usage(Line& line, const TroubleKind& kind) {
   line.add(kind.name);
-  if (kind.form != ArgumentForm::kNone)
+  if (kind.form != ArgumentForm::kNone) {
     line.add_format("[:%s]", placeholder(kind));
+  }
 }
 
 void add_help(Line& line, const TroubleKind& kind) {

@@ -40,8 +40,9 @@ int expand_aes_key(const std::uint8_t* key, int key_bits,
   std::uint32_t constant = 0x01000000;
 
   std::ranges::fill(schedule, 0u);
-  for (int i = 0; i < key_words; ++i)
+  for (int i = 0; i < key_words; ++i) {
     schedule[i] = load_big_endian(key + 4 * i);
+  }
   for (int i = key_words; i < 4 * (rounds + 1); ++i) {
     std::uint32_t word = schedule[i - 1];
     if (i % key_words == 0) {

@@ -209,8 +209,9 @@ void mix_columns(Planes& planes) {
     sums[i] = planes[i] ^ next[i];
   }
   planes = doubled(sums);
-  for (std::size_t i = 0; i < 8; ++i)
+  for (std::size_t i = 0; i < 8; ++i) {
     planes[i] ^= next[i] ^ std::rotl(sums[i], 32);
+  }
 }
 
 // The inverse matrix is the forward one times a matrix of 5, 0, 4, 0.
