@@ -87,7 +87,10 @@ TEST(Verdict, CountsServersThatDoNotAccept) {
     if (row.critical)
       static_cast<void>(parse_range(row.critical, report.critical.emplace()));
     judge(report);
-    EXPECT_EQ(report.status, row.status) << &row - rows;
+    EXPECT_EQ(report.status, row.status)
+        << row.num_accepted << " accepted, " << row.num_refused << " refused, "
+        << (row.warning ? row.warning : "-") << " "
+        << (row.critical ? row.critical : "-");
   }
 }
 
