@@ -23,9 +23,10 @@ std::atomic<bool> stop = false;
 std::atomic<bool> woken = false;
 
 // timeout(1) sends its signal twice in a row, to the program and its group.
-constexpr auto kOneRequest = std::chrono::seconds(1);
+constexpr std::chrono::steady_clock::duration kOneRequest =
+    std::chrono::seconds(1);
 // Of the first request; for the handler alone, which nothing interrupts.
-std::chrono::steady_clock::time_point stopped_at;
+std::chrono::steady_clock::rep stopped_at = 0;
 
 void raise_event() {
   const std::uint64_t one = 1;
@@ -34,9 +35,9 @@ void raise_event() {
 
 void on_stop(int) {
   const int kept_errno = errno;
-  const auto now = std::chrono::steady_clock::now();
+  const auto now = std::chrono::steady_clock::now().time_since_epoch().count();
   if (!stop.exchange(true)) stopped_at = now;
-  if (now - stopped_at >= kOneRequest) ::_exit(kUnknown);
+  if (now - stopped_at >= kOneRequest.count()) ::_exit(kUnknown);
   raise_event();
   errno = kept_errno;
 }
