@@ -9,6 +9,7 @@
 
 #include "modules/Crypto/key_agreement.h"
 #include "modules/Crypto/primes.h"
+#include "modules/Regex/regex.h"
 #include "net/interfaces.h"
 #include "net/wait.h"
 #include "probe/address_set.h"
@@ -221,6 +222,27 @@ TEST(ShortMemory, OfAKeyIsToldByWhatItWasFor) {
       EXPECT_STREQ(error.c_str(), row.text) << "allocation " << nth;
     }
   }
+}
+
+// A match that had no memory leaves the expression as good as before.
+TEST(ShortMemory, PassesForARegularExpression) {
+  if (!kCanFail) GTEST_SKIP() << "the sanitizers replace the allocator";
+  std::string pattern = "a";
+  for (int i = 0; i < 20; ++i) pattern = "(" + pattern + "b?)*";
+  int nth = 0;
+  for (bool all_had = false; !all_had; ++nth) {
+    Regex regex;
+    ASSERT_EQ(regex_compile(&regex, pattern, kRegexExtended), 0);
+    RegexSpan spans[21];
+    num_until_failure = nth;
+    const int result = regex_match(&regex, "abab", spans, 21, 0);
+    all_had = num_until_failure >= 0;
+    num_until_failure = -1;
+    EXPECT_TRUE(result == 0 || result == kRegexNoSpace);
+    EXPECT_EQ(regex_match(&regex, "abab", spans, 21, 0), 0) << nth;
+    regex_free(&regex);
+  }
+  EXPECT_GT(nth, 1);
 }
 
 }  // namespace

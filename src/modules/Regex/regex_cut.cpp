@@ -42,11 +42,12 @@ Part SpanCutter::part_of(std::uint32_t node) const {
 // The number of a node's part in an automaton; UINT32_MAX without memory.
 std::uint32_t SpanCutter::number_of(Array<std::uint32_t>& numbers, Dfa& dfa,
                                     std::uint32_t node) {
-  if (numbers[node] == 0) {
-    const Part part = part_of(node);
-    numbers[node] = dfa.add_part(part.first, part.last);
-  }
-  return numbers[node];
+  if (numbers[node] != 0) return numbers[node];
+  const Part part = part_of(node);
+  const std::uint32_t number = dfa.add_part(part.first, part.last);
+  // A want of memory may pass: it is not kept as the part's number.
+  if (number != UINT32_MAX) numbers[node] = number;
+  return number;
 }
 
 // Runs the node back from the end of the span to its begin. Not done when the
