@@ -31,7 +31,9 @@ try() {
     return
   fi
   need_packages "${1/clang++/clang}-$2"
-  build "newest_$1" "$1-$2"
+  # A newer clang sees that headers of g++ 12 use what they deprecate.
+  build "newest_$1" "$1-$2" \
+    -DCMAKE_CXX_FLAGS=-Wno-error=deprecated-declarations
   ctest --test-dir "build/newest_$1" --output-on-failure --no-tests=error \
     -j "$(nproc)"
 }
