@@ -83,7 +83,8 @@ std::string html_text(std::string_view text) {
   const std::string valid = valid_utf8(text);
   std::string html;
   html.reserve(valid.size());
-  for (std::string_view rest = valid; !rest.empty();) {
+  std::string_view rest = valid;
+  while (!rest.empty()) {
     std::string_view bytes;
     const char32_t character = take_character(rest, bytes);
     const std::string_view reference = reference_for(character);

@@ -56,9 +56,10 @@ std::string host_name() {
 }
 
 // The text may hold words of a file.
-int complain(std::string text) {
-  replace_control_bytes(text.data());
-  std::fprintf(stderr, "velcheck: %s\n", text.c_str());
+int complain(const std::string& text) {
+  std::string shown = text;
+  replace_control_bytes(shown.data());
+  std::fprintf(stderr, "velcheck: %s\n", shown.c_str());
   return kUnknown;
 }
 

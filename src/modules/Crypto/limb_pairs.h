@@ -116,8 +116,9 @@ constexpr std::uint64_t reciprocal_of(std::uint64_t d) {
   // their own rounding.
   std::uint64_t x = (std::uint64_t{1} << 63) + ~d;
   for (int step = 0; step < 5; ++step) {
-    const auto product = static_cast<std::uint64_t>(Wide{d} * x >> 64);
-    x = static_cast<std::uint64_t>(Wide{x} * (0 - product) >> 63);
+    const Wide product = Wide{d} * x;
+    const std::uint64_t factor = 0 - static_cast<std::uint64_t>(product >> 64);
+    x = static_cast<std::uint64_t>(Wide{x} * factor >> 63);
   }
   // 2x is the quotient to a few units; from safely below it, the rest holds d
   // as many times more. Products wrap at 2^128, the rest is small.

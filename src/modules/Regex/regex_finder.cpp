@@ -158,7 +158,7 @@ bool Finder::find_runs(const RegexProgram& program) {
   // While at least so many less one wait, they are parts of something that is
   // not simply one part after the other; 0: not so.
   std::size_t inside = 0;
-  Run run;
+  Run run{};
   bool whole = true;
   const auto push_children = [&](const Node& node) {
     const std::size_t begin = todo.size();
