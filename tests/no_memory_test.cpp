@@ -38,6 +38,8 @@ static bool fails() {
   return num_until_failure >= 0 && num_until_failure-- == 0;
 }
 
+// Seen by the C++ library, too.
+#pragma GCC visibility push(default)
 extern "C" {
 void* __libc_malloc(std::size_t size);
 void* __libc_calloc(std::size_t count, std::size_t size);
@@ -53,6 +55,7 @@ void* realloc(void* memory, std::size_t size) {
   return fails() ? nullptr : __libc_realloc(memory, size);
 }
 }
+#pragma GCC visibility pop
 #endif
 
 namespace velprobe {
