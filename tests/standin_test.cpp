@@ -20,6 +20,7 @@
 
 #include "net/tcp.h"
 #include "net/udp.h"
+#include "probe/check_in_probe.h"
 #include "probe/discovery_datagram.h"
 #include "standin/nodes.h"
 #include "support/bytes.h"
@@ -363,7 +364,24 @@ TEST_F(Standin, EndsWhenItsLogCannotBeWritten) {
   EXPECT_EQ(full.status, 1);
 
   // A reader that leaves after the first line: the next session is the last.
-  words[2] = "{ \"$0\" \"$@\"; echo status $?; } 2>&1 >\"$F\" | cat";
+  Server& server = start({});
+  server.close_output();
+  const RawClient client(server.port);
+  EXPECT_EQ(server.wait(), 1);
+}
+
+TEST_F(Standin, ServesAndEndsWhileNobodyReadsItsLog) {
+  string names;  // more than a pipe takes
+  for (int i = 0; i < 5000; ++i) names += std::to_string(i) + "-of-many\n";
+  Server& server = start({"--node-file", folder_.write("nodes", names)});
+  server.kill(SIGUSR1);
+  RawClient client(server.port, kRequest);
+  EXPECT_FALSE(client.hear(1).empty());
+  while (!server.is_ended()) {
+    server.kill(SIGTERM);
+    usleep(10000);
+  }
+  EXPECT_EQ(server.wait(), -SIGTERM);
 }
 
 TEST_F(Standin, GoesOnWhenDescriptorsRunOut) {
@@ -626,10 +644,10 @@ TEST_F(Standin, GetsByWithFaultsOfTheSystem) {
     Program server(command("memory " + std::to_string(nth) + " 12 0"));
     const string line = server.read_until("\n");
     if (has(line, "Listening on")) {
-      RawClient client(std::stoi(line.substr(line.find("127.0.0.1:") + 10)),
-                       kRequest + kAcknowledgement);
-      client.finish();
-      client.hear();
+      const int port = std::stoi(line.substr(line.find("127.0.0.1:") + 10));
+      ProbeResult result;
+      static_cast<void>(probe_server(
+          "127.0.0.1", static_cast<std::uint16_t>(port), {}, result));
     }
     server.output();
     EXPECT_GE(server.wait(), 0) << nth;

@@ -100,6 +100,13 @@ class Program {
     return what.si_code == CLD_STOPPED;
   }
 
+  bool is_ended() const {
+    siginfo_t what{};
+    waitid(P_PID, static_cast<id_t>(child_), &what,
+           WEXITED | WNOHANG | WNOWAIT);
+    return what.si_pid != 0;
+  }
+
   int wait() {
     int status = 0;
     waitpid(child_, &status, 0);

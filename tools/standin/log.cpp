@@ -152,20 +152,23 @@ void Log::begin(Line& line, const char* event) const {
   }
 }
 
-bool Log::write(Line& line) {
+void Log::end(Line& line) const {
   line.add(form_ == LogForm::kJsonLines ? "}\n" : "\n");
+}
+
+bool Log::write(const Line& lines) {
   // Half a line would be a lie, or no JSON.
-  if (!line.is_whole()) {
+  if (!lines.is_whole()) {
     std::fputs("velstandin: no memory for a line of the log\n", stderr);
     return false;
   }
   const std::lock_guard lock(mutex_);
   if (error_number_ != 0) return false;
-  const std::size_t size = line.view().size();
+  const std::size_t size = lines.view().size();
   errno = 0;
   // With a buffer by lines, the calls may hide a failure that they note.
   const bool is_written =
-      std::fwrite(line.view().data(), 1, size, stdout) == size &&
+      std::fwrite(lines.view().data(), 1, size, stdout) == size &&
       std::fflush(stdout) == 0 && std::ferror(stdout) == 0;
   if (!is_written) error_number_ = errno != 0 ? errno : EIO;
   return error_number_ == 0;
@@ -186,6 +189,7 @@ ErrorText Log::tell_listening(const Ipv4Address& address, std::uint16_t port) {
     begin(line, "listening");
     line.add_format(",\"address\":\"%s:%u\"", address_text(address), port);
   }
+  end(line);
   if (write(line)) return {};
   const ErrorText error = failure();
   return error ? error : ErrorText(kOutOfMemory);
@@ -195,6 +199,7 @@ void Log::tell_session(const SessionRecord& record) {
   Line line;
   begin(line, "session");
   format_session(line, form_, record);
+  end(line);
   {
     const std::lock_guard lock(mutex_);
     ++num_by_answer_[static_cast<std::size_t>(record.answer)];
@@ -203,6 +208,15 @@ void Log::tell_session(const SessionRecord& record) {
 }
 
 void Log::tell_summary(NodeRegister& nodes) {
+  Line lines;
+  add_counts(lines);
+  nodes.visit([&](const Node& node, bool is_restricted) {
+    add_node(lines, node, is_restricted);
+  });
+  write(lines);
+}
+
+void Log::add_counts(Line& lines) {
   std::array<std::uint64_t, 4> counts;
   {
     const std::lock_guard lock(mutex_);
@@ -213,40 +227,35 @@ void Log::tell_summary(NodeRegister& nodes) {
     return static_cast<unsigned long long>(
         counts[static_cast<std::size_t>(answer)]);
   };
-  Line line;
-  begin(line, "summary");
-  line.add_format(form_ == LogForm::kText
-                      ? "Summary: sessions %llu; offered %llu; refused %llu; "
-                        "answered otherwise %llu; not answered %llu"
-                      : ",\"sessions\":%llu,\"offer\":%llu,\"refusal\":%llu,"
-                        "\"other\":%llu,\"none\":%llu",
-                  total, count(Answer::kOffer), count(Answer::kRefusal),
-                  count(Answer::kOther), count(Answer::kNone));
-  write(line);
-  nodes.visit([this](const Node& node, bool is_restricted) {
-    tell_node(node, is_restricted);
-  });
+  begin(lines, "summary");
+  lines.add_format(form_ == LogForm::kText
+                       ? "Summary: sessions %llu; offered %llu; refused %llu; "
+                         "answered otherwise %llu; not answered %llu"
+                       : ",\"sessions\":%llu,\"offer\":%llu,\"refusal\":%llu,"
+                         "\"other\":%llu,\"none\":%llu",
+                   total, count(Answer::kOffer), count(Answer::kRefusal),
+                   count(Answer::kOther), count(Answer::kNone));
+  end(lines);
 }
 
-void Log::tell_node(const Node& node, bool is_restricted) {
+void Log::add_node(Line& lines, const Node& node, bool is_restricted) const {
   const auto num_sessions = static_cast<unsigned long long>(node.num_sessions);
-  Line line;
-  begin(line, "node");
+  begin(lines, "node");
   if (form_ == LogForm::kJsonLines) {
-    add_member(line, "name", node.name.get());
-    line.add_format(",\"expected\":%s,\"sessions\":%llu",
-                    node.is_expected ? "true" : "false", num_sessions);
+    add_member(lines, "name", node.name.get());
+    lines.add_format(",\"expected\":%s,\"sessions\":%llu",
+                     node.is_expected ? "true" : "false", num_sessions);
   } else {
-    line.add("Node ");
-    line.add_quoted(node.name.get());
+    lines.add("Node ");
+    lines.add_quoted(node.name.get());
     if (num_sessions == 0) {
-      line.add(": never came");
+      lines.add(": never came");
     } else {
-      line.add_format(": sessions %llu", num_sessions);
+      lines.add_format(": sessions %llu", num_sessions);
     }
-    if (is_restricted && !node.is_expected) line.add(", not expected");
+    if (is_restricted && !node.is_expected) lines.add(", not expected");
   }
-  write(line);
+  end(lines);
 }
 
 }  // namespace velprobe::standin

@@ -24,8 +24,9 @@ enum class LogForm { kText, kJsonLines };
 // and in JSON the members of an object behind its time stamp.
 void format_session(Line& line, LogForm form, const SessionRecord& record);
 
-// Log writes whole lines, from any thread. For want of memory a line may be
-// missing; standard error says so. After a failed write there are no more.
+// Log writes whole lines, from any thread. For want of memory a line, or a
+// summary, may be missing; standard error says so. After a failed write there
+// are no more.
 class Log {
  public:
   // open chooses the form. In text, time stamps go in front unless standard
@@ -38,7 +39,7 @@ class Log {
   // tell_session also counts the session by its answer.
   void tell_session(const SessionRecord& record);
   // tell_summary tells the counts, then a line for each agent that came or was
-  // to come.
+  // to come. While it waits for a reader, the nodes are free.
   void tell_summary(NodeRegister& nodes);
   // failure tells why a line could not be written. It does not wait for one
   // that is being written.
@@ -47,8 +48,10 @@ class Log {
 
  private:
   void begin(Line& line, const char* event) const;
-  bool write(Line& line);
-  void tell_node(const Node& node, bool is_restricted);
+  void end(Line& line) const;
+  bool write(const Line& lines);
+  void add_counts(Line& lines);
+  void add_node(Line& lines, const Node& node, bool is_restricted) const;
 
   LogForm form_ = LogForm::kText;
   bool is_stamped_ = true;

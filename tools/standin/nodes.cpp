@@ -1,5 +1,8 @@
 #include "nodes.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
@@ -37,6 +40,20 @@ ErrorText take_line(NodeTable& table, const LineBuffer& buffer, bool is_last) {
   const std::string_view entry = trimmed(line);
   if (entry.empty() || entry.starts_with('#')) return {};
   return table.add_entry(entry);
+}
+
+ErrorText open_list(const char* path, bool is_again, FilePtr& out_file) {
+  FileDescriptor list(
+      ::open(path, O_RDONLY | O_CLOEXEC | (is_again ? O_NONBLOCK : 0)));
+  struct stat status {};
+  if (!list || ::fstat(list.get(), &status) != 0) return os_failure(path);
+  if (is_again && !S_ISREG(status.st_mode)) {
+    return format_error_text("%s: not a regular file", path);
+  }
+  out_file.reset(::fdopen(list.get(), "r"));
+  if (!out_file) return os_failure(path);
+  list.release();  // the file's now
+  return {};
 }
 
 }  // namespace
@@ -78,9 +95,9 @@ ErrorText NodeTable::add_entry(std::string_view entry) {
   return {};
 }
 
-ErrorText NodeTable::load_file(const char* path) {
-  const FilePtr file(std::fopen(path, "re"));
-  if (!file) return os_failure(path);
+ErrorText NodeTable::load_file(const char* path, bool is_again) {
+  FilePtr file;
+  if (ErrorText error = open_list(path, is_again, file)) return error;
   restrict();
   LineBuffer buffer;
   unsigned num_lines = 0;

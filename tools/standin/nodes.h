@@ -33,11 +33,13 @@ class NodeTable {
   //   agent's name", "Out of memory", the texts of parse_trouble
   ErrorText add_entry(std::string_view entry);
   // load_file adds one entry per line; empty lines and those that begin with
-  // "#" are passed over, and blanks around an entry.
-  //   "%s: %s" with the file's name and the system's text, and
+  // "#" are passed over, and blanks around an entry. A pipe is waited for, but
+  // not again: who reads a file once more takes it only if it is a regular one.
+  //   "%s: %s" with the file's name and the system's text or "not a regular
+  //   file", and
   //   "%s:%u: %s" with the line and the texts of add_entry, "the line is too
   //   long", "the line holds a NUL"
-  ErrorText load_file(const char* path);
+  ErrorText load_file(const char* path, bool is_again);
   void sort();
 
   // find gives the node of that name, or null; find_or_add null when memory is

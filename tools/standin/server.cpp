@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
@@ -18,6 +19,7 @@
 #include "net/wait.h"
 #include "session_pool.h"
 #include "signals.h"
+#include "thread.h"
 #include "util/owners.h"
 
 namespace velprobe::standin {
@@ -31,7 +33,42 @@ constexpr std::chrono::seconds kPause{1};
 constexpr std::chrono::minutes kSilence{1};
 constexpr int kPortAttempts = 16;
 
-// Server is all that runs; the pool goes first, with its threads.
+// SummaryTeller tells summaries in a thread of its own: where standard output
+// is not read, clients and signals are still served.
+class SummaryTeller {
+ public:
+  SummaryTeller(Log& log, NodeRegister& nodes, SessionPool& pool)
+      : log_(log), nodes_(nodes), pool_(pool) {}
+
+  // begin does nothing while the last one is still being told.
+  void begin() {
+    if (is_telling_.exchange(true)) return;
+    thread_.join();
+    if (thread_.start(run, this)) run(this);
+  }
+  // finish tells the last one.
+  void finish() {
+    thread_.join();
+    log_.tell_summary(nodes_);
+  }
+
+ private:
+  static void* run(void* teller) {
+    SummaryTeller& own = *static_cast<SummaryTeller*>(teller);
+    own.log_.tell_summary(own.nodes_);
+    own.is_telling_ = false;
+    if (own.log_.failure()) own.pool_.ring_bell();
+    return nullptr;
+  }
+
+  Log& log_;
+  NodeRegister& nodes_;
+  SessionPool& pool_;
+  std::atomic<bool> is_telling_ = false;
+  Thread thread_;
+};
+
+// Server is all that runs; what has threads goes first.
 struct Server {
   explicit Server(const Options& chosen) : options(chosen) {}
 
@@ -48,6 +85,7 @@ struct Server {
   bool is_stopping = false;
   bool prefers_queries = false;
   SessionPool pool;
+  SummaryTeller summary{log, nodes, pool};
 };
 
 void serve(void* context, Seat& seat, Client client) {
@@ -85,13 +123,13 @@ ErrorText open_sockets(Server& server) {
   return error;
 }
 
-ErrorText load_nodes(Server& server) {
+ErrorText load_nodes(Server& server, bool is_again) {
   NodeTable table;
   for (const char* entry : server.options.nodes) {
     if (ErrorText error = table.add_entry(entry)) return error;
   }
   if (const char* const file = server.options.node_file) {
-    if (ErrorText error = table.load_file(file)) return error;
+    if (ErrorText error = table.load_file(file, is_again)) return error;
   }
   table.sort();
   server.nodes.replace(std::move(table));
@@ -103,7 +141,7 @@ void complain(const char* what, const char* then) {
 }
 
 void reload_nodes(Server& server) {
-  if (ErrorText error = load_nodes(server)) {
+  if (ErrorText error = load_nodes(server, true)) {
     complain(error.c_str(), "the nodes stay as they are");
   }
 }
@@ -122,7 +160,7 @@ void obey_signal(Server& server) {
     case SIGHUP:
       return reload_nodes(server);
     case SIGUSR1:
-      return server.log.tell_summary(server.nodes);
+      return server.summary.begin();
   }
 }
 
@@ -248,7 +286,7 @@ ErrorText run(Server& server) {
 ErrorText run_server(const Options& options) {
   Server server(options);
   if (ErrorText error = start_socket_subsystem()) return error;
-  if (ErrorText error = load_nodes(server)) return error;
+  if (ErrorText error = load_nodes(server, false)) return error;
   // A terminal that is closed ends the program, as usual. Elsewhere a reload
   // with nothing to read is no reason to end.
   const bool with_hangup =
@@ -267,7 +305,7 @@ ErrorText run_server(const Options& options) {
     return error;
   }
   if (ErrorText error = run(server)) return error;
-  server.log.tell_summary(server.nodes);
+  server.summary.finish();
   return server.log.failure();
 }
 

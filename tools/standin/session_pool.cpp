@@ -15,13 +15,11 @@ namespace velprobe::standin {
 
 namespace {
 
-// A session needs a few kilobytes; the sanitizers some more.
-constexpr std::size_t kStackBytes = 256 * 1024;
-// A client on the way to its first byte is not silent yet.
-constexpr std::chrono::milliseconds kRequestPatience{20};
 // Far above the way there and back to any agent, which has nothing to think
-// over.
-constexpr std::chrono::seconds kAcknowledgementPatience{1};
+// over; and above the time after which a lost request is sent again.
+constexpr std::chrono::seconds kPatience{1};
+// Where half the clients have not sent a byte for so long, they do not mean to.
+constexpr std::chrono::milliseconds kCrowdPatience{20};
 
 using Lock = std::unique_lock<std::mutex>;
 
@@ -41,12 +39,13 @@ void Seat::unwatch() {
 
 void Seat::has_asked() {
   const Lock lock(pool_->mutex_);
-  gives_way_ = kNoDeadline;
+  gives_way_ = gives_way_in_crowd_ = kNoDeadline;
 }
 
 void Seat::has_answer() {
   const Lock lock(pool_->mutex_);
-  gives_way_ = std::chrono::steady_clock::now() + kAcknowledgementPatience;
+  gives_way_ = gives_way_in_crowd_ =
+      std::chrono::steady_clock::now() + kPatience;
 }
 
 bool Seat::pause_until(Deadline time) {
@@ -67,9 +66,7 @@ SessionPool::~SessionPool() {
     is_closing_ = true;
     for (Seat& seat : seats()) seat.change_.notify_one();
   }
-  for (Seat& seat : seats()) {
-    if (seat.has_thread_) ::pthread_join(seat.thread_, nullptr);
-  }
+  for (Seat& seat : seats()) seat.thread_.join();
 }
 
 ErrorText SessionPool::open(std::size_t num_seats, Serve serve, void* context) {
@@ -88,6 +85,11 @@ void SessionPool::silence_bell() {
   std::uint64_t count;
   [[maybe_unused]] const ssize_t size =
       ::read(bell_.get(), &count, sizeof count);
+}
+
+void SessionPool::ring_bell() {
+  const std::uint64_t one = 1;
+  [[maybe_unused]] const ssize_t size = ::write(bell_.get(), &one, sizeof one);
 }
 
 void* SessionPool::run_seat(void* seat) {
@@ -115,27 +117,9 @@ bool SessionPool::await_client(Seat& seat, Client& out_client) {
 void SessionPool::vacate(Seat& seat) {
   const Lock lock(mutex_);
   seat.is_taken_ = false;
-  seat.gives_way_ = kNoDeadline;
+  seat.gives_way_ = seat.gives_way_in_crowd_ = kNoDeadline;
   --num_taken_;
-  if (!std::exchange(is_waited_for_, false)) return;
-  const std::uint64_t one = 1;
-  [[maybe_unused]] const ssize_t size = ::write(bell_.get(), &one, sizeof one);
-}
-
-ErrorText SessionPool::start_thread(Seat& seat) {
-  if (seat.has_thread_) return {};
-  pthread_attr_t attributes;
-  int failure = ::pthread_attr_init(&attributes);
-  if (failure == 0) {
-    ::pthread_attr_setstacksize(&attributes, kStackBytes);
-    failure = ::pthread_create(&seat.thread_, &attributes, run_seat, &seat);
-    ::pthread_attr_destroy(&attributes);
-  }
-  seat.has_thread_ = failure == 0;
-  if (seat.has_thread_) return {};
-  return {
-      format_error_text("Error starting thread: %s", os_error_text(failure)),
-      failure};
+  if (std::exchange(is_waited_for_, false)) ring_bell();
 }
 
 ErrorText SessionPool::find_seat(Seat*& out_seat) {
@@ -144,7 +128,9 @@ ErrorText SessionPool::find_seat(Seat*& out_seat) {
   // The first free one, so that no more threads start than are needed.
   for (Seat& seat : seats()) {
     if (seat.is_taken_) continue;
-    if (ErrorText error = start_thread(seat)) return error;
+    if (!seat.thread_) {
+      if (ErrorText error = seat.thread_.start(run_seat, &seat)) return error;
+    }
     out_seat = &seat;
     return {};
   }
@@ -156,29 +142,42 @@ void SessionPool::seat(Seat& seat, Client client) {
   const Lock lock(mutex_);
   seat.client_ = std::move(client);
   seat.is_taken_ = true;
-  seat.gives_way_ = std::chrono::steady_clock::now() + kRequestPatience;
+  const Deadline now = std::chrono::steady_clock::now();
+  seat.gives_way_ = now + kPatience;
+  seat.gives_way_in_crowd_ = now + kCrowdPatience;
   seat.cut_reason_ = nullptr;
   ++num_taken_;
   seat.change_.notify_one();
 }
 
+bool SessionPool::is_silent(const Seat& seat) {
+  return seat.socket_ >= 0 && !socket_wait_readable(seat.socket_, 0);
+}
+
+bool SessionPool::is_crowded(Deadline now) {
+  const auto num_overdue =
+      std::count_if(seats().begin(), seats().end(), [now](const Seat& seat) {
+        return seat.gives_way_in_crowd_ <= now && is_silent(seat);
+      });
+  return 2 * static_cast<std::size_t>(num_overdue) >= num_taken_;
+}
+
 Deadline SessionPool::make_room() {
   const Lock lock(mutex_);
   const Deadline now = std::chrono::steady_clock::now();
+  const auto due =
+      is_crowded(now) ? &Seat::gives_way_in_crowd_ : &Seat::gives_way_;
   Deadline next = kNoDeadline;
   Seat* first = nullptr;
   for (Seat& seat : seats()) {
     if (seat.gives_way_ == kNoDeadline) continue;
     // One that was cut is on its way out already.
     if (seat.cut_reason_ != nullptr) return kNoDeadline;
-    next = now + kRequestPatience;
-    if (first != nullptr && first->gives_way_ <= seat.gives_way_) continue;
-    const bool is_silent =
-        seat.socket_ >= 0 && !socket_wait_readable(seat.socket_, 0);
-    if (is_silent) first = &seat;
+    next = now + kCrowdPatience;
+    const bool is_first = first == nullptr || seat.*due < first->*due;
+    if (is_first && is_silent(seat)) first = &seat;
   }
-  if (first == nullptr) return next;
-  if (now < first->gives_way_) return first->gives_way_;
+  if (first == nullptr || now < first->*due) return next;
   cut(*first, "cut off: made room");
   return kNoDeadline;
 }

@@ -2,8 +2,6 @@
 #ifndef VELPROBE_STANDIN_SESSION_POOL_H_
 #define VELPROBE_STANDIN_SESSION_POOL_H_
 
-#include <pthread.h>
-
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
@@ -12,6 +10,7 @@
 #include <span>
 
 #include "net/address.h"
+#include "thread.h"
 #include "util/deadline.h"
 #include "util/error_text.h"
 #include "util/owners.h"
@@ -51,14 +50,15 @@ class Seat {
   friend class SessionPool;
 
   SessionPool* pool_ = nullptr;
-  pthread_t thread_{};
-  bool has_thread_ = false;
+  Thread thread_;
   // What follows is shared, under the pool's mutex.
   std::condition_variable change_;
   Client client_;
   bool is_taken_ = false;
   std::int32_t socket_ = -1;
-  Deadline gives_way_ = kNoDeadline;  // to others from then on
+  // To others from then on; the latter when most clients are silent.
+  Deadline gives_way_ = kNoDeadline;
+  Deadline gives_way_in_crowd_ = kNoDeadline;
   const char* cut_reason_ = nullptr;
 };
 
@@ -81,6 +81,8 @@ class SessionPool {
   ErrorText open(std::size_t num_seats, Serve serve, void* context);
   std::int32_t bell() const { return bell_.get(); }
   void silence_bell();
+  // For any thread.
+  void ring_bell();
 
   // find_seat gives a free seat with its thread, or null: the bell then rings
   // when one is free.
@@ -91,7 +93,7 @@ class SessionPool {
 
   // make_room cuts off the session that is due first to give way, if it is and
   // nothing of it has arrived unread. Else it tells when to ask again:
-  // kNoDeadline if none will give way.
+  // kNoDeadline if the bell will tell.
   Deadline make_room();
 
   // ask_for_bell makes the bell ring at the next end of a session. For any
@@ -107,8 +109,10 @@ class SessionPool {
   static void* run_seat(void* seat);
   void serve_clients(Seat& seat);
   bool await_client(Seat& seat, Client& out_client);
-  ErrorText start_thread(Seat& seat);
   void cut(Seat& seat, const char* reason);
+  static bool is_silent(const Seat& seat);
+  // is_crowded tells whether half the clients have been silent for a while.
+  bool is_crowded(Deadline now);
   void vacate(Seat& seat);
   std::span<Seat> seats() { return {seats_.get(), num_seats_}; }
 

@@ -86,8 +86,9 @@ bool ByteFinder::set(const ByteSet& bytes) {
     if (!ranges.has(static_cast<std::uint8_t>(byte))) continue;
     if (num_ranges_ == kMaxRanges) return false;
     const unsigned first = byte;
-    while (byte < 255 && ranges.has(static_cast<std::uint8_t>(byte + 1)))
+    while (byte < 255 && ranges.has(static_cast<std::uint8_t>(byte + 1))) {
       ++byte;
+    }
     first_[num_ranges_] = static_cast<std::uint8_t>(first);
     width_[num_ranges_++] = static_cast<std::uint8_t>(byte - first);
   }

@@ -252,8 +252,9 @@ bool Parser::parse_backref(std::uint32_t number) {
 bool Parser::parse_escape() {
   if (offset_ + 1 == pattern_.size()) return fail(kRegexBadEscape, offset_);
   const std::uint8_t byte = byte_at(pattern_.data(), offset_ + 1);
-  if (byte >= '1' && byte <= '9')
+  if (byte >= '1' && byte <= '9') {
     return parse_backref(byte - std::uint8_t{'0'});
+  }
   const bool other_meaning =
       is_ascii_letter(byte) || byte == '0' ||
       std::string_view("<>'`").find(static_cast<char>(byte)) !=
@@ -325,8 +326,9 @@ int Parser::parse() {
   // Most bytes become a node; more room is made when needed.
   const std::size_t expected = std::min<std::size_t>(pattern_.size() + 8, 512);
   if (!tree_.nodes.reserve(expected) || !levels_.push({}) ||
-      !tree_.groups.push(kNoNode))
+      !tree_.groups.push(kNoNode)) {
     return kRegexNoSpace;
+  }
   while (offset_ < pattern_.size()) {
     if (!parse_next()) return error_;
   }

@@ -32,8 +32,9 @@ struct Subject {
   // one backwards.
   std::uint32_t symbol(std::size_t p) const {
     const Alphabet& alphabet = program.alphabet;
-    if (p + 1 == size)
+    if (p + 1 == size) {
       return class_at(p) + alphabet.offset_of_kind[after(size)];
+    }
     if (alphabet.edges_only) return class_at(p);
     return class_at(p) + alphabet.offset_of_byte[byte_at(text, p + 1)];
   }
