@@ -50,8 +50,9 @@ std::size_t hear_out(const FileDescriptor& socket) {
   char buffer[4096];
   std::size_t total = 0;
   for (ssize_t count;
-       (count = ::recv(socket.get(), buffer, sizeof buffer, 0)) > 0;)
+       (count = ::recv(socket.get(), buffer, sizeof buffer, 0)) > 0;) {
     total += static_cast<std::size_t>(count);
+  }
   return total;
 }
 

@@ -16,8 +16,9 @@ static ErrorText send_request(BerStream& stream) {
   identity.name = copy_text("example");
   if (!identity.name) return "Out of memory";
   if (ErrorText error = write_client_wants(stream, wants)) return error;
-  if (ErrorText error = write_client_private_key(stream, identity))
+  if (ErrorText error = write_client_private_key(stream, identity)) {
     return error;
+  }
   return write_end_of_contents(stream);
 }
 
@@ -26,14 +27,16 @@ static ErrorText show_answer(BerStream& stream) {
   if (ErrorText error = read_tag(stream, tag)) return error;
   if (tag == kTagOf_negotiate_nack) {
     negotiate_nack refusal;
-    if (ErrorText error = read_negotiate_nack(stream, refusal, tag))
+    if (ErrorText error = read_negotiate_nack(stream, refusal, tag)) {
       return error;
+    }
     std::printf("refused: %s\n", refusal.reason.get());
     return {};
   }
   server_offers offer;
-  if (ErrorText error = read_server_offers_incomplete(stream, offer, tag))
+  if (ErrorText error = read_server_offers_incomplete(stream, offer, tag)) {
     return error;
+  }
   std::printf("offered: version 0x%04X\n",
               static_cast<unsigned>(offer.version));
   return skip_to_eol(stream);
@@ -44,9 +47,10 @@ static ErrorText say_hello(const char* host, std::uint64_t port) {
   BerStreamPtr stream;
   if (ErrorText error = start_socket_subsystem()) return error;
   if (ErrorText error = resolve_host(host, address)) return error;
-  if (ErrorText error = socket_stream_open(stream, address,
-                                           static_cast<std::uint16_t>(port), 0))
+  if (ErrorText error = socket_stream_open(
+          stream, address, static_cast<std::uint16_t>(port), 0)) {
     return error;
+  }
   if (ErrorText error = send_request(*stream)) return error;
   return show_answer(*stream);
 }

@@ -31,10 +31,12 @@ static ErrorText offer(BerStream& stream) {
 static ErrorText serve(BerStream& stream) {
   client_wants wants;
   client_private_key identity;
-  if (ErrorText error = read_client_wants_incomplete(stream, wants, 0))
+  if (ErrorText error = read_client_wants_incomplete(stream, wants, 0)) {
     return error;
-  if (ErrorText error = read_client_private_key(stream, identity, 0))
+  }
+  if (ErrorText error = read_client_private_key(stream, identity, 0)) {
     return error;
+  }
   if (ErrorText error = skip_to_eol(stream)) return error;
   if (*identity.name.get() == '\0') return refuse(stream, "give a name");
   replace_control_bytes(identity.name.get());  // for the terminal's sake
@@ -47,13 +49,15 @@ static ErrorText serve_next(const FileDescriptor& listener) {
   Ipv4Address address{};
   std::uint16_t port = 0;
   if (!socket_wait_readable(listener.get(), 3600)) return {};
-  if (ErrorText error = accept_connection(listener, socket, address, port))
+  if (ErrorText error = accept_connection(listener, socket, address, port)) {
     return error;
+  }
   BerStreamPtr stream;
   const Deadline end =
       std::chrono::steady_clock::now() + std::chrono::seconds(10);
-  if (ErrorText error = socket_stream_adopt(stream, socket.get(), end))
+  if (ErrorText error = socket_stream_adopt(stream, socket.get(), end)) {
     return error;
+  }
   socket.release();  // it is the stream's now
   return serve(*stream);
 }
@@ -72,8 +76,9 @@ static ErrorText run(std::uint16_t port) {
 
 int main(int argc, char** argv) {
   ErrorText error = "Usage: serve_agents PORT";
-  if (argc == 2)
+  if (argc == 2) {
     error = run(static_cast<std::uint16_t>(parse_decimal(argv[1])));
+  }
   std::fprintf(stderr, "%s\n", error.c_str());
   return 1;
 }

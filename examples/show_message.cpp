@@ -27,17 +27,19 @@ static ErrorText show_message(const char* name, std::int32_t port) {
   BerStreamPtr stream;
   if (ErrorText error = memory_stream_open(stream)) return error;
   if (ErrorText error = encode(*stream, name, port)) return error;
-  for (const char byte : memory_stream_bytes(*stream))
+  for (const char byte : memory_stream_bytes(*stream)) {
     std::printf("%02X ",
                 static_cast<unsigned>(static_cast<unsigned char>(byte)));
+  }
   return decode(*stream);
 }
 
 int main(int argc, char** argv) {
   ErrorText error = "Usage: show_message NAME PORT";
-  if (argc == 3)
+  if (argc == 3) {
     error = show_message(argv[1],
                          static_cast<std::int32_t>(parse_decimal(argv[2])));
+  }
   if (error) std::fprintf(stderr, "%s\n", error.c_str());
   return error ? 1 : 0;
 }

@@ -50,8 +50,9 @@ using Values = std::vector<std::optional<std::string>>;
 bool process(ConfigMode mode, Values& values) {
   ConfigKeyList keys;
   std::size_t i = 0;
-  for (ConfigKey* key = keys.head(); key; key = key->next, ++i)
+  for (ConfigKey* key = keys.head(); key; key = key->next, ++i) {
     key->value = values[i] ? copy_text(*values[i]) : nullptr;
+  }
   if (process_config_file(kPath, keys.head(), mode)) return false;
   i = 0;
   for (ConfigKey* key = keys.head(); key; key = key->next, ++i) {
@@ -73,8 +74,9 @@ void fuzz_one(Input input) {
   REQUIRE(file_bytes() == before);
 
   Values other = old;
-  for (auto& value : other)
+  for (auto& value : other) {
     if (value) value = value->empty() ? "filled" : "";
+  }
   const Values wanted = other;
   failures = script;
   const bool is_rewritten = process(ConfigMode::kWrite, other);

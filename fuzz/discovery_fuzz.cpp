@@ -16,8 +16,9 @@ void fuzz_one(Input input) {
 
 void make_seeds() {
   for (const DiscoveryDatagram& datagram :
-       {build_discovery_query(), build_discovery_answer()})
+       {build_discovery_query(), build_discovery_answer()}) {
     add_seed({reinterpret_cast<const char*>(datagram.data()), datagram.size()});
+  }
 }
 
 }  // namespace velprobe

@@ -19,8 +19,9 @@ Report report_of(std::vector<Row> rows) {
 
 std::size_t count(std::string_view text, std::string_view part) {
   std::size_t number = 0;
-  for (std::size_t at = 0; (at = text.find(part, at)) != text.npos; ++at)
+  for (std::size_t at = 0; (at = text.find(part, at)) != text.npos; ++at) {
     ++number;
+  }
   return number;
 }
 

@@ -51,8 +51,10 @@ void check_text(const std::string& line) {
   }
   const std::string outside = outside_quotes(line);
   int num_parts = 0;
-  for (std::size_t at = 0; (at = outside.find("; ", at)) != outside.npos; ++at)
+  for (std::size_t at = 0; (at = outside.find("; ", at)) != outside.npos;
+       ++at) {
     ++num_parts;
+  }
   REQUIRE(num_parts == 3);
   REQUIRE(outside.ends_with(" ms"));
 }
@@ -84,8 +86,9 @@ void make_seeds() {
   const std::string end(4, '\0');
   const std::string request =
       std::string(memory_stream_bytes(*stream)) + end.substr(2);
-  for (std::size_t i = 0; i <= trouble_kinds().size(); ++i)
+  for (std::size_t i = 0; i <= trouble_kinds().size(); ++i) {
     add_seed(static_cast<char>(i) + request + "\x62\x80" + end.substr(2));
+  }
 }
 
 }  // namespace velprobe

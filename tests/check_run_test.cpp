@@ -234,8 +234,9 @@ TEST(Check, FindsServersByAScan) {
 auto own_file(const string& path, const char* system_path) {
   return [=] {
     if (unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0 ||
-        mount(path.c_str(), system_path, nullptr, MS_BIND, nullptr) != 0)
+        mount(path.c_str(), system_path, nullptr, MS_BIND, nullptr) != 0) {
       _exit(99);
+    }
   };
 }
 
@@ -244,8 +245,9 @@ TEST(Check, TellsAddressesOfEveryKind) {
   const string hosts =
       folder.write("hosts", "127.0.0.2 two\n127.0.0.3 two\nfd00::1 six\n");
   const Options how{.prepare = own_file(hosts, "/etc/hosts")};
-  if (check({"two:1"}, how).status == 99)
+  if (check({"two:1"}, how).status == 99) {
     GTEST_SKIP() << "no mounts of one's own";
+  }
   const Json first = check_json({"two:1", "six:1"}, how);
   EXPECT_EQ(first["servers"][0]["address"], "127.0.0.2");
   EXPECT_TRUE(row_text(first, 1).ends_with("; it has IPv6 addresses only"))
@@ -282,8 +284,9 @@ TEST(Check, LeavesALookUpThatHangsBehind) {
   address.sin_addr.s_addr = htonl(0x7F090909);
   address.sin_port = htons(53);
   if (bind(server.get(), reinterpret_cast<sockaddr*>(&address),
-           sizeof address) != 0)
+           sizeof address) != 0) {
     GTEST_SKIP() << "port 53 is not to be had";
+  }
   const string conf = folder.write(
       "resolv.conf", "nameserver 127.9.9.9\noptions timeout:30 attempts:5\n");
   const Options how{.prepare = own_file(conf, "/etc/resolv.conf")};
@@ -293,13 +296,15 @@ TEST(Check, LeavesALookUpThatHangsBehind) {
   Words by_each = words, by_run = words;
   by_each.insert(by_each.end(), {"--each", "0.2", "-j", "1"});
   by_run.insert(by_run.end(), {"-t", "1"});
-  if (check({"127.0.0.1:1"}, how).status == 99)
+  if (check({"127.0.0.1:1"}, how).status == 99) {
     GTEST_SKIP() << "no mounts of one's own";
+  }
   for (const Words& options : {by_each, by_run}) {
     const Json json = check_json(options, how);
     EXPECT_EQ(json["counts"]["accepted"], 1);
-    for (std::size_t row = 0; row < 3; ++row)
+    for (std::size_t row = 0; row < 3; ++row) {
       EXPECT_EQ(row_text(json, row), "Look-up timed out") << json;
+    }
   }
 }
 
@@ -383,8 +388,9 @@ TEST(Check, MakesDoWithFewDescriptors) {
   Server good({"--listen", "0.0.0.0", "--no-discovery"});
   TempFolder folder;
   string list = name_of(good, "localhost") + "\n";
-  for (int i = 1; i < 200; ++i)
+  for (int i = 1; i < 200; ++i) {
     list += name_of(good, "127.0.2." + std::to_string(i)) + "\n";
+  }
   const auto few = [] {
     const rlimit both = {32, 32};
     setrlimit(RLIMIT_NOFILE, &both);
@@ -434,8 +440,9 @@ TEST(Check, EndsWithUnknownAfterBadUsage) {
   }
   const string told = check({"--help"}).output;
   EXPECT_TRUE(told.starts_with("Usage: velcheck [OPTION]..."));
-  for (const Words& words : {Words{"-h"}, Words{"-V"}})
+  for (const Words& words : {Words{"-h"}, Words{"-V"}}) {
     EXPECT_EQ(check(words).status, 0);
+  }
 }
 
 TEST(Check, EndsWithUnknownWhenNobodyCanReadTheResult) {
@@ -453,8 +460,9 @@ TEST(Check, EndsWithUnknownWhenNobodyCanReadTheResult) {
   const std::function<void()> outputs[] = {full, closed, broken};
   for (const auto& output : outputs) {
     for (const Words& words : {Words{server}, Words{server, "--jsonl"},
-                               Words{server, "--json"}, Words{"--help"}})
+                               Words{server, "--json"}, Words{"--help"}}) {
       EXPECT_EQ(check(words, {.prepare = output}).status, 3) << words.back();
+    }
   }
   const auto no_memory = [] {
     const rlimit both = {4 << 20, 4 << 20};
@@ -466,8 +474,9 @@ TEST(Check, EndsWithUnknownWhenNobodyCanReadTheResult) {
 }
 
 TEST(Check, EndsWithAVerdictWhateverFails) {
-  if (*VELPROBE_FAULT_SHIM == '\0')
+  if (*VELPROBE_FAULT_SHIM == '\0') {
     GTEST_SKIP() << "the sanitizers leave no room for failing calls";
+  }
   Server server;
   TempFolder folder;
   // No name: the C library's look-ups do not bear the want of memory.

@@ -50,10 +50,12 @@ TEST(Range, AlertsByTheGuidelinesOfMonitoringPlugins) {
   for (const auto& row : rows) {
     Range range;
     ASSERT_TRUE(parse_range(row.text, range)) << row.text;
-    for (const double number : row.quiet)
+    for (const double number : row.quiet) {
       EXPECT_FALSE(alerts(range, number)) << row.text << " " << number;
-    for (const double number : row.loud)
+    }
+    for (const double number : row.loud) {
       EXPECT_TRUE(alerts(range, number)) << row.text << " " << number;
+    }
   }
   for (const char* text : {"", "@", "a", "1:2:3", "2:1", "1e3", "inf", "nan",
                            "~", "1:~", " 1", "1 ", "--1", ".", "0x1"}) {
@@ -82,10 +84,12 @@ TEST(Verdict, CountsServersThatDoNotAccept) {
       report.rows[i].result =
           i < row.num_accepted ? Result::kAccepted : Result::kRefused;
     }
-    if (row.warning)
+    if (row.warning) {
       static_cast<void>(parse_range(row.warning, report.warning.emplace()));
-    if (row.critical)
+    }
+    if (row.critical) {
       static_cast<void>(parse_range(row.critical, report.critical.emplace()));
+    }
     judge(report);
     EXPECT_EQ(report.status, row.status)
         << row.num_accepted << " accepted, " << row.num_refused << " refused, "
@@ -101,8 +105,9 @@ TEST(Servers, AreReadWithAndWithoutPort) {
   ASSERT_TRUE(parse_server("10.0.0.1:65535", 7, server));
   EXPECT_EQ(server.name + std::to_string(server.port), "10.0.0.165535");
   for (const string text : {"", ":1", "a:", "a:0", "a:65536", "a:1x", "::1",
-                            "[::1]:1", "a:-1", "a: 1"})
+                            "[::1]:1", "a:-1", "a: 1"}) {
     EXPECT_FALSE(parse_server(text, 7, server)) << text;
+  }
 }
 
 // Work notes how many jobs run at once, in all and at one address.
@@ -129,8 +134,9 @@ TEST(Pool, DoesEveryJobOnceWithinItsLimits) {
     --here;
     --work->all_running;
     ++work->done[job];
-    if (std::count(work->done.begin(), work->done.end(), 1) == kJobs)
+    if (std::count(work->done.begin(), work->done.end(), 1) == kJobs) {
       work->finished.set_value();
+    }
   });
   for (std::size_t job = 0; job < kJobs; ++job) {
     const auto last = static_cast<std::uint8_t>(job % kAddresses);
@@ -192,9 +198,10 @@ TEST(PluginText, TellsVerdictReasonsAndFigures) {
 
 TEST(PluginText, GathersManyServersWithOneReason) {
   std::vector<Row> rows;
-  for (int i = 0; i < 500; ++i)
+  for (int i = 0; i < 500; ++i) {
     rows.push_back(
         row_of(joined({"s", std::to_string(i)}), Result::kTimeout, "late"));
+  }
   const string text = plugin_text(report_of(rows));
   EXPECT_EQ(text,
             "VELCHECK CRITICAL - 0 of 500 servers accept \"web1\"; s0, s1, s2 "
@@ -221,8 +228,9 @@ TEST(PluginText, LetsNobodyElseWriteItsLines) {
   const string text = plugin_text(hostile_report());
   EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 4);
   EXPECT_EQ(std::count(text.begin(), text.end(), '|'), 1);
-  for (const char c : text)
+  for (const char c : text) {
     EXPECT_TRUE(c == '\n' || static_cast<unsigned char>(c) >= ' ') << text;
+  }
   EXPECT_EQ(text.find('\x9b'), text.npos);
   EXPECT_EQ(text.find("\u2028"), text.npos);
 }
@@ -252,8 +260,9 @@ TEST(Prometheus, BeginsNoNewSeriesForAnotherAddress) {
 
 TEST(Json, SurvivesBytesThatAreNoText) {
   const string printed = json_text(hostile_report());
-  for (const char c : printed)
+  for (const char c : printed) {
     EXPECT_TRUE(c == '\n' || (c >= ' ' && c <= '~')) << printed;
+  }
   const auto json = nlohmann::json::parse(printed);
   const string text = json["servers"][0]["text"];
   EXPECT_TRUE(text.starts_with(kRefusal + "a|b\nc\r\x1b[2J\xEF\xBF\xBD"));
@@ -269,8 +278,9 @@ TEST(Json, FollowsItsSchema) {
       "for name in sys.argv[2:]:\n"
       "    jsonschema.validate(json.load(open(name)), schema)\n";
   const char python[] = "/usr/bin/python3";
-  if (run({python, "-c", "import jsonschema"}).status != 0)
+  if (run({python, "-c", "import jsonschema"}).status != 0) {
     GTEST_SKIP() << "python3-jsonschema is missing";
+  }
   TempFolder folder;
   Report failed;
   failed.error = "no file";
@@ -302,13 +312,15 @@ std::vector<string> entries_of_the_page() {
   std::ifstream file(string(VELPROBE_SOURCE_DIR) + "/docs/troubleshooting.md");
   std::vector<string> entries(1);
   for (string line; std::getline(file, line);) {
-    if (line.empty() || line.starts_with("- ") || line.starts_with("#"))
+    if (line.empty() || line.starts_with("- ") || line.starts_with("#")) {
       entries.emplace_back();
+    }
     entries.back() +=
         joined({" ", std::regex_replace(line, std::regex("`|\\\\$"), "")});
   }
-  for (string& entry : entries)
+  for (string& entry : entries) {
     entry = std::regex_replace(entry, std::regex("\\s+"), " ");
+  }
   return entries;
 }
 

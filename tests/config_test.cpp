@@ -223,8 +223,9 @@ TEST(ConfigRewriteTest, KeepsTheAccessListAndNoOther) {
   const auto set = [&list](const std::string& name, const char* kind) {
     return setxattr(name.c_str(), kind, list.data(), list.size(), 0);
   };
-  if (set(folder.path(""), "system.posix_acl_default") != 0)
+  if (set(folder.path(""), "system.posix_acl_default") != 0) {
     GTEST_SKIP() << "no access lists here: " << std::strerror(errno);
+  }
   const auto list_of_file = [&path] {
     char bytes[100];
     const ssize_t size =

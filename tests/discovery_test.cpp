@@ -76,15 +76,17 @@ TEST(AddressSet, HoldsWhatAPlainSetHolds) {
   for (int i = 0; i < 20000; ++i) {
     // Few networks of neighbours, so that places collide and hosts come twice.
     Ipv4Address address;
-    for (std::uint8_t& byte : address)
+    for (std::uint8_t& byte : address) {
       byte = static_cast<std::uint8_t>(random() % 2 ? 255 : random() % 64);
+    }
     ASSERT_EQ(plain.contains(address), addresses.contains(address)) << i;
     if (plain.insert(address).second) {
       ASSERT_TRUE(addresses.add(address));
     }
   }
-  for (const Ipv4Address& address : plain)
+  for (const Ipv4Address& address : plain) {
     EXPECT_TRUE(addresses.contains(address)) << address_text(address);
+  }
 }
 
 FileDescriptor open_on(const Ipv4Address& address) {

@@ -69,8 +69,9 @@ TEST(ProtocolPage, DumpsAreWhatTheCodeWrites) {
       {"server refusal", written_by(refusal)},
   };
   const string page = read_file("docs/protocol.md");
-  for (const auto& [title, bytes] : rows)
+  for (const auto& [title, bytes] : rows) {
     EXPECT_EQ(dump_in(page, title), bytes) << title;
+  }
 }
 
 TEST(ProtocolPage, ListsEveryMessage) {
@@ -87,8 +88,9 @@ TEST(ProtocolPage, ListsEveryMessage) {
       const string& type = types[static_cast<int>(field.type)];
       row << std::exchange(comma, ", ") << "`" << field.name << "` " << type;
       if (type == "text") row << " " << field.maximum;
-      if (type == "int" && field.minimum != INT32_MIN)
+      if (type == "int" && field.minimum != INT32_MIN) {
         row << " " << field.minimum << ".." << field.maximum;
+      }
     }
     row << " |\n";
     EXPECT_NE(page.find(row.str()), page.npos) << row.str();

@@ -303,8 +303,9 @@ TEST_F(Configure, KeepsATerminalFromBeingDriven) {
     const std::string clear = want.substr(0, want.find('J') + 1);
     for (const std::string& text :
          {"\"127.0.0.1,," + want + "\", do you want", "rejected us: " + want,
-          "agent name: \"n" + clear + "\"", "domain: \"d" + clear + "\""})
+          "agent name: \"n" + clear + "\"", "domain: \"d" + clear + "\""}) {
       EXPECT_NE(result.output.find(text), std::string::npos) << result.output;
+    }
   }
 }
 

@@ -52,8 +52,9 @@ bool strikes(const char* name) {
   kind->name = name;
   ++kind->calls;
   if (strcmp(name, fault.kind) != 0) return false;
-  if (kind->calls != fault.nth && !(fault.forever && kind->calls > fault.nth))
+  if (kind->calls != fault.nth && !(fault.forever && kind->calls > fault.nth)) {
     return false;
+  }
   if (fault.error == -1) {
     kill(getpid(), 19);
     return false;
@@ -139,16 +140,18 @@ namespace {
 
 int count_descriptors() {
   int count = 0;
-  for (int descriptor = 3; descriptor < 64; ++descriptor)
+  for (int descriptor = 3; descriptor < 64; ++descriptor) {
     if (static_cast<int>(shim_fcntl(descriptor, 1, 0, 0, 0, 0)) >= 0) ++count;
+  }
   return count;
 }
 
 [[gnu::constructor]] void arm() {
   const char* order = getenv("VELPROBE_FAULT");
-  if (order != nullptr)
+  if (order != nullptr) {
     sscanf(order, "%15s %ld %d %d", fault.kind, &fault.nth, &fault.error,
            &fault.forever);
+  }
   inherited = count_descriptors();
   armed = true;
 }
@@ -160,8 +163,9 @@ int count_descriptors() {
   FILE* file = name != nullptr ? fopen(name, "w") : nullptr;
   if (file == nullptr) return;
   fprintf(file, "left-open %d\n", left_open);
-  for (const Kind* kind = kinds; kind->name != nullptr; ++kind)
+  for (const Kind* kind = kinds; kind->name != nullptr; ++kind) {
     fprintf(file, "%s %ld\n", kind->name, kind->calls);
+  }
   fclose(file);
 }
 

@@ -45,8 +45,9 @@ struct Result {
 class FaultTest : public testing::Test {
  protected:
   void SetUp() override {
-    if (*VELPROBE_FAULT_SHIM == '\0')
+    if (*VELPROBE_FAULT_SHIM == '\0') {
       GTEST_SKIP() << "no faults under a sanitizer";
+    }
   }
 
   // Its lines gather in a pipe that nobody reads: start one a scenario.
@@ -63,8 +64,9 @@ class FaultTest : public testing::Test {
            << "'";
     auto [output, status] = run_under(burden.str(), scenario);
     const std::string path = folder_.path("c");
-    for (std::size_t at; (at = output.find(path)) != output.npos;)
+    for (std::size_t at; (at = output.find(path)) != output.npos;) {
       output.erase(at, path.size()).insert(at, 1, '@');
+    }
     Result result{output.insert(0, 1, '\n'), status, {}};
     std::istringstream counts(bytes("report"));
     for (std::string kind; counts >> kind;) counts >> result.calls[kind];
@@ -74,8 +76,9 @@ class FaultTest : public testing::Test {
   // Runs a scenario on the file c under something said in shell words. The
   // input is a file: a program that ends early leaves nobody at a pipe's end.
   Finished run_under(const std::string& burden, const Scenario& scenario) {
-    for (const char* name : {"c", "c.bak", "c.tmp", "report"})
+    for (const char* name : {"c", "c.bak", "c.tmp", "report"}) {
       unlink(folder_.path(name).c_str());
+    }
     // What the test's own caller left open would count.
     const auto prepare = [] { alarm(5), close_range(3, ~0U, 0); };
     const std::string script = " exec \"$0\" \"$1\" \"$2\"";
@@ -171,9 +174,10 @@ const std::set<std::pair<std::string, int>> kUnnoticed = {
 bool fits(const End& end, const Result& bad) {
   if (bad.status != end.status) return false;
   std::string text = end.text;
-  if (const std::size_t at = text.find('%'); at != text.npos)
+  if (const std::size_t at = text.find('%'); at != text.npos) {
     text.replace(at, 1, strerror(end.error))
         .append(text.back() == '\n' ? "" : "\n");
+  }
   return end.status == 0 ? bad.output.find(text) != text.npos
                          : bad.output.ends_with(text);
 }
@@ -211,16 +215,18 @@ std::vector<Fault> faults_of(const Scenario& scenario, Result& good) {
     if (scenario.lines.empty() && scanning.find(kind) == kind.npos) continue;
     for (long nth = 1; nth <= good.calls[kind]; ++nth) {
       faults.push_back({kind, nth, error});
-      if (kind == "memory" || kind == "renameat")
+      if (kind == "memory" || kind == "renameat") {
         faults.push_back({kind, nth, error, true});
+      }
     }
   }
   return faults;
 }
 
 TEST_F(FaultTest, EveryCallFailsInTurn) {
-  if (!enter_own_network())
+  if (!enter_own_network()) {
     GTEST_SKIP() << "no network namespace: " << strerror(errno);
+  }
   std::set<const End*> seen;
   for (const Scenario& scenario : {kTest, kConfigure, kScan}) {
     start_server();
@@ -230,8 +236,9 @@ TEST_F(FaultTest, EveryCallFailsInTurn) {
       SCOPED_TRACE(fault.kind + std::to_string(fault.nth));
       Result bad = attempt(scenario, fault);
       // A slow server may have been missed.
-      for (int i = 0; i < 2 && !find_ends(fault, good, bad, seen); ++i)
+      for (int i = 0; i < 2 && !find_ends(fault, good, bad, seen); ++i) {
         bad = attempt(scenario, fault);
+      }
       EXPECT_TRUE(find_ends(fault, good, bad, seen)) << bad.output;
       EXPECT_EQ(bad.calls["left-open"], 0);
       const bool updated = bad.output.ends_with("updated.\n");
@@ -241,8 +248,9 @@ TEST_F(FaultTest, EveryCallFailsInTurn) {
           << bytes("c");
     }
   }
-  for (const End& end : kEnds)
+  for (const End& end : kEnds) {
     EXPECT_TRUE(seen.contains(&end)) << end.kind << end.text;
+  }
 }
 
 TEST_F(FaultTest, GetsByWithLittle) {

@@ -44,8 +44,9 @@ TEST(Agents, AreReadWithAndWithoutDomain) {
   const ErrorText error = read_agents(path.c_str(), kNoDeadline, "d", agents);
   ASSERT_FALSE(error) << error.c_str();
   string told;
-  for (const Agent& agent : agents)
+  for (const Agent& agent : agents) {
     told += agent.name + "/" + agent.domain + " ";
+  }
   EXPECT_EQ(told, "web1/d web2/shop <b>/d ");
 }
 
@@ -85,8 +86,9 @@ TEST(Pool, KeepsItsPaceAtEachAddress) {
       8, 4,
       [work](std::size_t job) {
         const std::lock_guard lock(work->mutex);
-        if (job % 2 == 0)
+        if (job % 2 == 0) {
           work->starts.push_back(std::chrono::steady_clock::now());
+        }
         if (++work->num_done == 2 * kJobs) work->finished.set_value();
       },
       kInterval);
@@ -150,8 +152,9 @@ TEST(ResultFile, IsWhatWasWritten) {
   ASSERT_EQ(file.rows.size(), 3U);
   // What is outdated is found out anew.
   report.rows[1].is_outdated = false;
-  for (std::size_t i = 0; i < 3; ++i)
+  for (std::size_t i = 0; i < 3; ++i) {
     EXPECT_EQ(json_row(file.rows[i]), json_row(report.rows[i]));
+  }
 }
 
 TEST(ResultFile, TellsWhatIsWrong) {
@@ -210,9 +213,10 @@ TEST(ResultFile, TellsWhatIsWrong) {
 Report merged(const std::vector<Report>& reports) {
   TempFolder folder;
   Words paths;
-  for (const Report& report : reports)
+  for (const Report& report : reports) {
     paths.push_back(
         folder.write(std::to_string(paths.size()), json_text(report)));
+  }
   std::vector<const char*> names;
   for (const string& path : paths) names.push_back(path.c_str());
   Report all;
@@ -313,8 +317,9 @@ TEST(PageText, ShowsWhatItMustNotObey) {
 
 std::size_t count(const string& text, const string& part) {
   std::size_t number = 0;
-  for (std::size_t at = 0; (at = text.find(part, at)) != text.npos; ++at)
+  for (std::size_t at = 0; (at = text.find(part, at)) != text.npos; ++at) {
     ++number;
+  }
   return number;
 }
 

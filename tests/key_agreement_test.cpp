@@ -125,8 +125,9 @@ TEST(Primes, TrialDivision) {
   std::vector<bool> is_composite(10000);
   for (std::uint32_t n = 2; n < is_composite.size(); ++n) {
     const bool is_prime = !is_composite[n];
-    for (auto at = n; at < is_composite.size(); at += n)
+    for (auto at = n; at < is_composite.size(); at += n) {
       is_composite[at] = true;
+    }
     const BigNumPtr product = bn_mul(mersenne.get(), bn_from_word(n).get());
     ASSERT_EQ(bn_is_small_prime_free(bn_from_word(n).get()), is_prime) << n;
     ASSERT_EQ(bn_is_small_prime_free(product.get()), is_prime && n > 8191) << n;

@@ -55,9 +55,10 @@ int wait_of_test(pollfd* entries, nfds_t count, const timespec* limit,
   timespec left = *limit;
   waits.push_back(static_cast<double>(left.tv_sec) +
                   static_cast<double>(left.tv_nsec) / 1e9);
-  if (waits.size() > ends_of_waits.size())
+  if (waits.size() > ends_of_waits.size()) {
     return static_cast<int>(
         ::syscall(SYS_ppoll, entries, count, &left, nullptr, 0));
+  }
   errno = ends_of_waits[waits.size() - 1];
   return errno == 0 ? 0 : -1;
 }
@@ -200,8 +201,9 @@ TEST_F(Connection, SendsAllInOrderHoweverSlowlyThePeerReads) {
     sent[i] = static_cast<char>(i * i >> 7);
   }
   std::thread reader([&] {
-    for (std::string piece; !(piece = receive(server)).empty();)
+    for (std::string piece; !(piece = receive(server)).empty();) {
       received += piece;
+    }
   });
   EXPECT_EQ("", send(client, sent));
   client = {};
@@ -227,8 +229,9 @@ TEST_F(Connection, RefusedConnectKeepsTheNumber) {
 
 TEST_F(Connection, DescriptorsBeyondASelectsSetAreWaitedOn) {
   const rlimit limit{2048, 2048};
-  if (::setrlimit(RLIMIT_NOFILE, &limit) < 0)
+  if (::setrlimit(RLIMIT_NOFILE, &limit) < 0) {
     GTEST_SKIP() << "no more descriptors: " << std::strerror(errno);
+  }
   std::vector<FileDescriptor> fillers;
   while (fillers.empty() || fillers.back().get() < FD_SETSIZE) {
     fillers.emplace_back(::dup(client.get()));
@@ -236,8 +239,9 @@ TEST_F(Connection, DescriptorsBeyondASelectsSetAreWaitedOn) {
   EXPECT_FALSE(socket_wait_readable(fillers.back().get(), 0));
   EXPECT_EQ("", send(server, "x"));
   EXPECT_TRUE(socket_wait_readable(fillers.back().get(), 1));
-  for (const int closed : {-1, 2000})
+  for (const int closed : {-1, 2000}) {
     EXPECT_FALSE(socket_wait_readable(closed, 1));
+  }
 }
 
 TEST_F(Connection, DescriptorZeroIsOneLikeAnyOther) {
@@ -305,8 +309,9 @@ void add_address(const Ipv4Address& address, std::uint8_t num_mask_bits) {
 TEST(Interfaces, EveryAddressIsListedWithTheBroadcastOfItsOwnNetwork) {
   constexpr const char* kLoopbackLine = "lo 127.0.0.1 127.255.255.255\n";
   EXPECT_NE(std::string::npos, nic_list().find(kLoopbackLine));
-  if (::unshare(CLONE_NEWUSER | CLONE_NEWNET) < 0)
+  if (::unshare(CLONE_NEWUSER | CLONE_NEWNET) < 0) {
     GTEST_SKIP() << "no network namespace: " << std::strerror(errno);
+  }
   add_address({10, 2, 2, 3}, 24);
   add_address({10, 9, 0, 1}, 16);
   add_address({10, 77, 1, 1}, 12);
@@ -362,19 +367,22 @@ TEST(Resolver, GivesAllAddressesOfANameInTheirOrder) {
   etc.write("nsswitch.conf", "hosts: files\n");
   etc.write("host.conf", "multi on\n");
   std::string hosts = "192.0.2.1 first.example alias.example\n";
-  for (int i = 0; i < 200; ++i)
+  for (int i = 0; i < 200; ++i) {
     hosts += "10.0.0." + std::to_string(i) + " many.example\n";
+  }
   etc.write("hosts", hosts);
   if (::unshare(CLONE_NEWUSER | CLONE_NEWNS) < 0 ||
-      ::mount(etc.path("").c_str(), "/etc", nullptr, MS_BIND, nullptr) < 0)
+      ::mount(etc.path("").c_str(), "/etc", nullptr, MS_BIND, nullptr) < 0) {
     GTEST_SKIP() << "no mount namespace: " << std::strerror(errno);
+  }
 
   std::vector<Ipv4Address> addresses(300);
   std::size_t count = 0;
   EXPECT_EQ("", text_of(resolve_host_all("many.example", addresses, count)));
   ASSERT_EQ(200u, count);
-  for (std::uint8_t i = 0; i < count; ++i)
+  for (std::uint8_t i = 0; i < count; ++i) {
     EXPECT_EQ((Ipv4Address{10, 0, 0, i}), addresses[i]);
+  }
   EXPECT_FALSE(resolve_host_all("many.example", {&addresses[7], 2}, count));
   EXPECT_EQ(2u, count);
   EXPECT_EQ((Ipv4Address{10, 0, 0, 1}), addresses[8]);

@@ -82,8 +82,9 @@ TEST(Codec, WritesTheBytesOfTheWire) {
       {[](BerStream& s) { return write_string(s, 1, "ab"); }, "04",
        "data out of range in write_string"},
   };
-  for (const auto& row : rows)
+  for (const auto& row : rows) {
     EXPECT_EQ(written(row.write, row.error), row.hex);
+  }
 }
 
 // One reader of each type under the limits that the rows below poke.
@@ -94,10 +95,12 @@ std::string read_one(const std::string& type, BerStream& s, std::uint32_t tag) {
   double real = 0;
   Text text;
   BigNumPtr big;
-  if (type == "unsigned")
+  if (type == "unsigned") {
     return text_of(read_unsigned_int(s, 1, 300, number, tag));
-  if (type == "signed")
+  }
+  if (type == "signed") {
     return text_of(read_signed_int(s, -1, 300, integer, tag));
+  }
   if (type == "enum") return text_of(read_enumerated(s, number, 80, tag));
   if (type == "bool") return text_of(read_bool(s, flag, tag));
   if (type == "string") return text_of(read_string(s, 4, text, tag));
@@ -204,8 +207,9 @@ TEST(Codec, RealsHaveAPointInEveryLocale) {
                            locales.path("de_DE") + " 2>/dev/null";
   const int status = std::system(make.c_str());
   setenv("LOCPATH", locales.path("").c_str(), 1);
-  if (setlocale(LC_NUMERIC, "de_DE") == nullptr)
+  if (setlocale(LC_NUMERIC, "de_DE") == nullptr) {
     GTEST_SKIP() << "no locale with a decimal comma: localedef gave " << status;
+  }
   double value = 0;
   EXPECT_FALSE(read_real(*stream_of(bytes), value, 0));
   EXPECT_EQ(value, 1.5);
@@ -217,8 +221,9 @@ TEST(Codec, RealsHaveAPointInEveryLocale) {
 
 TEST(Codec, ReadsBigNumbersLongerThanItWrites) {
   std::string bytes(20 * 1024, '\0');
-  for (std::size_t i = 0; i < bytes.size(); ++i)
+  for (std::size_t i = 0; i < bytes.size(); ++i) {
     bytes[i] = static_cast<char>(i * i % 251 + 1);
+  }
   BigNumPtr number;
   ASSERT_FALSE(
       read_bignum(*stream_of(bytes_of("02 82 50 00") + bytes), number, 0));

@@ -38,8 +38,9 @@ struct Velprobe : Program {
 class RaceTest : public testing::Test {
  protected:
   void SetUp() override {
-    if (*VELPROBE_FAULT_SHIM == '\0')
+    if (*VELPROBE_FAULT_SHIM == '\0') {
       GTEST_SKIP() << "no faults under a sanitizer";
+    }
     start_server();
   }
 
@@ -97,8 +98,9 @@ TEST_F(RaceTest, NoSwappedFileLendsItsRights) {
       for (const char* name : {"c", "c.tmp", "c.bak"}) {
         const std::string path = folder_.path(name);
         struct stat status;
-        if (lstat(path.c_str(), &status) != 0 || !S_ISREG(status.st_mode))
+        if (lstat(path.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) {
           continue;
+        }
         EXPECT_EQ(status.st_mode & 07000, 0u) << name;
         if (folder_.read(name)->find("#secret") != std::string::npos) {
           EXPECT_EQ(status.st_mode & 077, 0u) << name;
@@ -154,8 +156,9 @@ TEST_F(RaceTest, NothingIsLostBesideAnotherRun) {
   for (const bool is_rewrite : {true, false}) {
     std::optional<Velprobe> other;
     const auto prepare = [&] {
-      for (const char* name : {"c.tmp", "c.bak"})
+      for (const char* name : {"c.tmp", "c.bak"}) {
         fs::remove(folder_.path(name));
+      }
       folder_.write("c", lines_);
       // Once it has read the file, the other one waits to rewrite it.
       if (is_rewrite) {

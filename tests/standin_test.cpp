@@ -288,8 +288,9 @@ TEST_F(Standin, EndsAtOnceAtASignal) {
   shutdown(flooding.handle(), SHUT_RDWR);
   flood.join();
   EXPECT_EQ(lines.size(), 3U);
-  for (const string& line : lines)
+  for (const string& line : lines) {
     EXPECT_TRUE(line.ends_with("not answered; cut off: stopping")) << line;
+  }
   EXPECT_EQ(busy.wait(), 0);
 }
 
@@ -304,15 +305,17 @@ TEST_F(Standin, CutsASessionOffAfterItsLimit) {
   shutdown(dripping.handle(), SHUT_RDWR);
   drip.join();
   EXPECT_EQ(lines.size(), 2U);
-  for (const string& line : lines)
+  for (const string& line : lines) {
     EXPECT_TRUE(line.ends_with("not answered; cut off: time is up")) << line;
+  }
 }
 
 TEST_F(Standin, ServesBesideManyThatAreSilent) {
   Server& server = start({"--session-limit", "86400"});
   std::vector<std::unique_ptr<RawClient>> silent;
-  for (int i = 0; i < 256; ++i)
+  for (int i = 0; i < 256; ++i) {
     silent.push_back(std::make_unique<RawClient>(server.port));
+  }
   for (const char* name : {"a", "b"}) {
     EXPECT_TRUE(has(probe("name=" + string(name) + "\nserver_list=127.0.0.1"),
                     "Connecting to server: OK."));
@@ -393,8 +396,9 @@ TEST_F(Standin, GoesOnWhenDescriptorsRunOut) {
   const string& line = server.read_until("\n");
   const int port = std::stoi(line.substr(line.find(':') + 1));
   std::vector<std::unique_ptr<RawClient>> silent;
-  for (int i = 0; i < 8; ++i)
+  for (int i = 0; i < 8; ++i) {
     silent.push_back(std::make_unique<RawClient>(port));
+  }
   server.read_until("Error accepting connection: Too many open files; waiting");
   EXPECT_TRUE(has(probe_at("name=a\nserver_list=127.0.0.1", "test",
                            "server_port=" + std::to_string(port) + "\n"),
@@ -452,8 +456,9 @@ TEST_F(Standin, KnowsItsNodes) {
 
 TEST(Nodes, KeepAThousandStrangersAndEachNameOnce) {
   standin::NodeTable table;
-  for (const char* entry : {"b", "c", "a=late", "b=refuse:no", "a"})
+  for (const char* entry : {"b", "c", "a=late", "b=refuse:no", "a"}) {
     EXPECT_FALSE(table.add_entry(entry));
+  }
   table.sort();
   ASSERT_EQ(table.nodes().size(), 3U);
   EXPECT_EQ(table.find("a")->trouble.kind, nullptr);
@@ -475,10 +480,12 @@ TEST(Nodes, KeepAThousandStrangersAndEachNameOnce) {
 
 TEST(Troubles, TakeTheirShareOfAnyHundred) {
   standin::TroubleMix sessions, queries;
-  for (const char* share : {"silent:30%", "refuse:a:b:7%", "discovery-twice"})
+  for (const char* share : {"silent:30%", "refuse:a:b:7%", "discovery-twice"}) {
     EXPECT_FALSE(standin::add_share(share, sessions, queries));
-  for (const char* bad : {"late:64%", "late:101%", "late:0%", "late:%", "5%"})
+  }
+  for (const char* bad : {"late:64%", "late:101%", "late:0%", "late:%", "5%"}) {
     EXPECT_TRUE(standin::add_share(bad, sessions, queries)) << bad;
+  }
   std::map<string, int> counts;
   for (std::uint64_t turn = 4294967250; turn < 4294967350; ++turn) {
     const standin::Trouble* trouble = pick(sessions, turn);
@@ -499,8 +506,9 @@ TEST(Troubles, AreTheSameInHelpManualAndPage) {
   const string manual = source("docs/man/velstandin.1");
   const string page = source("docs/rehearsal.md");
   std::size_t num_sections = 0;
-  for (std::size_t at = 0; (at = page.find("\n### ", at + 1)) != page.npos;)
+  for (std::size_t at = 0; (at = page.find("\n### ", at + 1)) != page.npos;) {
     ++num_sections;
+  }
   EXPECT_EQ(standin::trouble_kinds().size(), num_sections);
   for (const standin::TroubleKind& kind : standin::trouble_kinds()) {
     const int num_effects = (kind.plan != nullptr) + (kind.deliver != nullptr) +
@@ -587,8 +595,9 @@ TEST_F(Standin, TellsWhyItCannotStart) {
 }
 
 TEST_F(Standin, GetsByWithFaultsOfTheSystem) {
-  if (*VELPROBE_FAULT_SHIM == '\0')
+  if (*VELPROBE_FAULT_SHIM == '\0') {
     GTEST_SKIP() << "no faults under a sanitizer";
+  }
   const auto command = [&](const string& fault) {
     Words words = {"/bin/sh", "-c",
                    "VELPROBE_FAULT='" + fault + "' VELPROBE_FAULT_REPORT='" +

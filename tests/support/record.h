@@ -55,8 +55,9 @@ class Record {
   // Sets every field to a value of its own, within its limits unless the first
   // is high.
   void fill(std::int64_t sample = 2) {
-    for (const FieldLayout& field : layout_.fields)
+    for (const FieldLayout& field : layout_.fields) {
       set(field, field.type == FieldType::kBoolean ? sample % 2 : ++sample);
+    }
   }
 
  private:
