@@ -188,8 +188,9 @@ TEST(Check, TakesServersFromEverywhereEachOnce) {
                    "server_list=127.0.0.2,127.0.0.3,127.0.0.2\nname=file\n"
                    "domain=d\nserver_port=1\n");
   folder.write("agent.conf.bak", "old");
-  const string list = folder.write(
-      "list", "# comment\n\n 127.0.0.4 \r\n127.0.0.5:2 # mine\n127.0.0.3:1");
+  const string list = folder.write("list",
+                                   "\xEF\xBB\xBF# comment\n\n 127.0.0.4 "
+                                   "\r\n127.0.0.5:2 # mine\n127.0.0.3:1");
   const Json json = check_json(
       {"-f", config, "--servers-from", list, "127.0.0.6", "127.0.0.5:2"});
   string asked;
@@ -423,6 +424,7 @@ TEST(Check, EndsWithUnknownAfterBadUsage) {
       {"-n", string(257, 'n'), "a"},
       {"--json", "--prometheus", "a"},
       {"--output", "", "a"},
+      {"--servers-from", "/dev/null", "--servers-from", "/dev/null", "a"},
       {"a:b"},
       {"::1"},
       {"-f", "/nonexistent/agent.conf"},

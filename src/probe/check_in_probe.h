@@ -69,7 +69,7 @@ struct ProbeResult {
 // up. It goes no further than the negotiation.
 //
 // server is a host name or dotted address, port in host order. out_result is
-// overwritten in any case.
+// overwritten in any case: no option may point into it.
 //
 // No text exactly when the status is kAccepted.
 //   "Veltra Server rejected us: %s": the status is kRefused; with all others it

@@ -94,9 +94,11 @@ bool take_text(const char* value, std::size_t longest, const char*& out) {
   return std::strlen(value) <= longest;
 }
 
+// Of two files one would be passed over.
 bool take_path(const char* value, const char*& out) {
+  const bool is_first = out == nullptr;
   out = value;
-  return *value != '\0';
+  return is_first && *value != '\0';
 }
 
 bool take_format(Format format, Options& options) {
@@ -120,13 +122,13 @@ struct OptionRow {
 constexpr char kOneFormat[] = "only one of --json, --jsonl and --prometheus";
 
 constexpr OptionRow kOptions[] = {
-    {"config", 'f', required_argument, "--config needs the name of a file",
+    {"config", 'f', required_argument, "--config needs the name of one file",
      [](Value v, Options& o) { return take_path(v, o.config); }},
     {"servers-from", 0, required_argument,
-     "--servers-from needs the name of a file",
+     "--servers-from needs the name of one file",
      [](Value v, Options& o) { return take_path(v, o.servers_from); }},
     {"agents-from", 0, required_argument,
-     "--agents-from needs the name of a file",
+     "--agents-from needs the name of one file",
      [](Value v, Options& o) { return take_path(v, o.agents_from); }},
     {"scan", 's', no_argument, nullptr,
      [](Value, Options& o) { return o.scan = true; }},
@@ -176,9 +178,9 @@ constexpr OptionRow kOptions[] = {
      [](Value, Options& o) { return take_format(Format::kJsonLines, o); }},
     {"prometheus", 0, no_argument, kOneFormat,
      [](Value, Options& o) { return take_format(Format::kPrometheus, o); }},
-    {"output", 0, required_argument, "--output needs the name of a file",
+    {"output", 0, required_argument, "--output needs the name of one file",
      [](Value v, Options& o) { return take_path(v, o.output); }},
-    {"html", 0, required_argument, "--html needs the name of a file",
+    {"html", 0, required_argument, "--html needs the name of one file",
      [](Value v, Options& o) { return take_path(v, o.html); }},
     {"merge", 0, no_argument, nullptr,
      [](Value, Options& o) { return o.merge = true; }},

@@ -28,7 +28,8 @@ ErrorText read_input(const char* path, Deadline deadline,
 const char* input_title(const char* path);
 
 // for_each_entry calls take with each line that holds something, without the
-// white space around it and without what "#" begins. It stops at the first line
+// white space around it and without what "#" begins, nor the mark that some
+// editors put in front of UTF-8. It stops at the first line
 // for which take is false and gives its number, from 1; else 0.
 std::size_t for_each_entry(
     std::string_view text,
