@@ -19,12 +19,6 @@ std::string_view take_line(AssignmentWalk* walk) {
   return window.substr(0, length);
 }
 
-std::string_view trim(std::string_view text) {
-  while (!text.empty() && is_white_space(text.front())) text.remove_prefix(1);
-  while (!text.empty() && is_white_space(text.back())) text.remove_suffix(1);
-  return text;
-}
-
 ConfigKey* find_key(ConfigKey* keys, std::string_view name) {
   for (ConfigKey* key = keys; key != nullptr; key = key->next) {
     if (name == key->key) return key;
@@ -58,7 +52,7 @@ bool next_assignment(AssignmentWalk* walk, Assignment* out) {
     const std::size_t equals = line.find('=');
     if (equals == line.npos) continue;
     // No known key begins with "#", so a comment finds none.
-    ConfigKey* key = find_key(walk->keys, trim(line.substr(0, equals)));
+    ConfigKey* key = find_key(walk->keys, trimmed(line.substr(0, equals)));
     if (key == nullptr) continue;
 
     const std::string_view value = value_in(line.substr(equals + 1));

@@ -31,6 +31,13 @@ constexpr bool is_white_space(char c) {
   return c == ' ' || (c >= '\t' && c <= '\r');
 }
 
+// trimmed is text without the white space at both ends.
+constexpr std::string_view trimmed(std::string_view text) {
+  while (!text.empty() && is_white_space(text.front())) text.remove_prefix(1);
+  while (!text.empty() && is_white_space(text.back())) text.remove_suffix(1);
+  return text;
+}
+
 // A text list is one buffer of texts, each ended by a NUL, the whole ended by
 // an empty text. next_text gives the text behind the given one, so a walk reads
 //

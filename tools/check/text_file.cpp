@@ -44,12 +44,6 @@ bool is_standard_input(const char* path) {
   return std::strcmp(path, "-") == 0;
 }
 
-std::string_view trimmed(std::string_view text) {
-  while (!text.empty() && is_white_space(text.front())) text.remove_prefix(1);
-  while (!text.empty() && is_white_space(text.back())) text.remove_suffix(1);
-  return text;
-}
-
 }  // namespace
 
 ErrorText read_text_file(const char* path, Deadline deadline,

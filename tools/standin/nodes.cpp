@@ -20,12 +20,6 @@ bool is_before(const Node& node, const char* name) {
   return std::strcmp(node.name.get(), name) < 0;
 }
 
-std::string_view trimmed(std::string_view text) {
-  while (!text.empty() && is_white_space(text.front())) text.remove_prefix(1);
-  while (!text.empty() && is_white_space(text.back())) text.remove_suffix(1);
-  return text;
-}
-
 // Space for the longest entry: name, kind and reason, and some blanks.
 using LineBuffer = std::array<char, 2048>;
 
