@@ -42,9 +42,11 @@ clang=$(newest clang)
 try g++ "$(newest 'g[+][+]')"
 try clang++ "$clang"
 
-# GoogleTest's package is made for the other standard library.
+# GoogleTest's package is made for the other standard library. Linked into each
+# file: in Debian 12 the shared one is older than the headers.
 if need_packages "clang-$clang" "libc++-$clang-dev" "libc++abi-$clang-dev"; then
   build libcxx "clang++-$clang" -DCMAKE_CXX_FLAGS=-stdlib=libc++ \
+    -DCMAKE_{EXE,SHARED,MODULE}_LINKER_FLAGS=-static-libstdc++ \
     -DVELPROBE_TESTS=OFF
 else
   echo "SKIPPED: libc++-$clang cannot be installed here" >&2
