@@ -369,7 +369,7 @@ TEST_F(Standin, EndsWhenItsLogCannotBeWritten) {
   // A reader that leaves after the first line: the next session is the last.
   Server& server = start({});
   server.close_output();
-  const RawClient client(server.port);
+  RawClient(server.port).finish();
   EXPECT_EQ(server.wait(), 1);
 }
 

@@ -38,6 +38,14 @@ constexpr std::string_view trimmed(std::string_view text) {
   return text;
 }
 
+// without_mark is text without the mark (U+FEFF) that some editors put in front
+// of UTF-8.
+constexpr std::string_view without_mark(std::string_view text) {
+  constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
+  return text.starts_with(kByteOrderMark) ? text.substr(kByteOrderMark.size())
+                                          : text;
+}
+
 // A text list is one buffer of texts, each ended by a NUL, the whole ended by
 // an empty text. next_text gives the text behind the given one, so a walk reads
 //

@@ -266,6 +266,10 @@ const char* complaint_about(const Options& o) {
   if (o.name != nullptr && o.agents_from != nullptr) {
     return "only one of --name and --agents-from";
   }
+  if (o.output != nullptr && o.html != nullptr &&
+      std::strcmp(o.output, o.html) == 0) {
+    return "--output and --html need two files";
+  }
   if (is_standard_input(o.agents_from) && is_standard_input(o.servers_from)) {
     return "only one of --agents-from and --servers-from from standard input";
   }

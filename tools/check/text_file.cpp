@@ -71,10 +71,7 @@ const char* input_title(const char* path) {
 std::size_t for_each_entry(
     std::string_view text,
     const std::function<bool(std::string_view entry)>& take) {
-  constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
-  if (text.starts_with(kByteOrderMark)) {
-    text.remove_prefix(kByteOrderMark.size());
-  }
+  text = without_mark(text);
   for (std::size_t number = 1; !text.empty(); ++number) {
     const std::size_t end = text.find('\n');
     const std::string_view line = text.substr(0, end);

@@ -162,7 +162,6 @@ bool Log::write(const Line& lines) {
     std::fputs("velstandin: no memory for a line of the log\n", stderr);
     return false;
   }
-  const std::lock_guard lock(mutex_);
   if (error_number_ != 0) return false;
   const std::size_t size = lines.view().size();
   errno = 0;
@@ -190,6 +189,7 @@ ErrorText Log::tell_listening(const Ipv4Address& address, std::uint16_t port) {
     line.add_format(",\"address\":\"%s:%u\"", address_text(address), port);
   }
   end(line);
+  const std::lock_guard lock(mutex_);
   if (write(line)) return {};
   const ErrorText error = failure();
   return error ? error : ErrorText(kOutOfMemory);
@@ -200,42 +200,38 @@ void Log::tell_session(const SessionRecord& record) {
   begin(line, "session");
   format_session(line, form_, record);
   end(line);
-  {
-    const std::lock_guard lock(mutex_);
-    ++num_by_answer_[static_cast<std::size_t>(record.answer)];
-  }
+  const std::lock_guard lock(mutex_);
+  ++num_by_answer_[static_cast<std::size_t>(record.answer)];
   write(line);
 }
 
 void Log::tell_summary(NodeRegister& nodes) {
-  Line lines;
-  add_counts(lines);
+  Line agents;
   nodes.visit([&](const Node& node, bool is_restricted) {
-    add_node(lines, node, is_restricted);
+    add_node(agents, node, is_restricted);
   });
-  write(lines);
+  Line counts;
+  const std::lock_guard lock(mutex_);
+  add_counts(counts);
+  if (write(counts)) write(agents);
 }
 
-void Log::add_counts(Line& lines) {
-  std::array<std::uint64_t, 4> counts;
-  {
-    const std::lock_guard lock(mutex_);
-    counts = num_by_answer_;
-  }
-  const auto total = std::accumulate(counts.begin(), counts.end(), 0ULL);
+void Log::add_counts(Line& line) const {
+  const auto total =
+      std::accumulate(num_by_answer_.begin(), num_by_answer_.end(), 0ULL);
   const auto count = [&](Answer answer) {
     return static_cast<unsigned long long>(
-        counts[static_cast<std::size_t>(answer)]);
+        num_by_answer_[static_cast<std::size_t>(answer)]);
   };
-  begin(lines, "summary");
-  lines.add_format(form_ == LogForm::kText
-                       ? "Summary: sessions %llu; offered %llu; refused %llu; "
-                         "answered otherwise %llu; not answered %llu"
-                       : ",\"sessions\":%llu,\"offer\":%llu,\"refusal\":%llu,"
-                         "\"other\":%llu,\"none\":%llu",
-                   total, count(Answer::kOffer), count(Answer::kRefusal),
-                   count(Answer::kOther), count(Answer::kNone));
-  end(lines);
+  begin(line, "summary");
+  line.add_format(form_ == LogForm::kText
+                      ? "Summary: sessions %llu; offered %llu; refused %llu; "
+                        "answered otherwise %llu; not answered %llu"
+                      : ",\"sessions\":%llu,\"offer\":%llu,\"refusal\":%llu,"
+                        "\"other\":%llu,\"none\":%llu",
+                  total, count(Answer::kOffer), count(Answer::kRefusal),
+                  count(Answer::kOther), count(Answer::kNone));
+  end(line);
 }
 
 void Log::add_node(Line& lines, const Node& node, bool is_restricted) const {

@@ -24,9 +24,9 @@ enum class LogForm { kText, kJsonLines };
 // and in JSON the members of an object behind its time stamp.
 void format_session(Line& line, LogForm form, const SessionRecord& record);
 
-// Log writes whole lines, from any thread. For want of memory a line, or a
-// summary, may be missing; standard error says so. After a failed write there
-// are no more.
+// Log writes whole lines, from any thread. For want of memory a line, or all
+// agents of a summary, may be missing; standard error says so. After a failed
+// write there are no more.
 class Log {
  public:
   // open chooses the form. In text, time stamps go in front unless standard
@@ -36,7 +36,8 @@ class Log {
   // The first line of all; text has no time stamp there.
   //   "Out of memory", the text of failure
   ErrorText tell_listening(const Ipv4Address& address, std::uint16_t port);
-  // tell_session also counts the session by its answer.
+  // tell_session also counts the session by its answer: a summary counts those
+  // whose lines stand before it.
   void tell_session(const SessionRecord& record);
   // tell_summary tells the counts, then a line for each agent that came or was
   // to come. While it waits for a reader, the nodes are free.
@@ -49,8 +50,9 @@ class Log {
  private:
   void begin(Line& line, const char* event) const;
   void end(Line& line) const;
+  // The caller holds the mutex.
   bool write(const Line& lines);
-  void add_counts(Line& lines);
+  void add_counts(Line& line) const;
   void add_node(Line& lines, const Node& node, bool is_restricted) const;
 
   LogForm form_ = LogForm::kText;

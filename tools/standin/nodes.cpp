@@ -25,24 +25,45 @@ using LineBuffer = std::array<char, 2048>;
 
 // take_line adds what one line of a file holds. Read by fgets, a line that is
 // not whole lacks its end: it was too long, unless a NUL cut the text short.
-ErrorText take_line(NodeTable& table, const LineBuffer& buffer, bool is_last) {
-  const std::string_view line = buffer.data();
+ErrorText take_line(NodeTable& table, const LineBuffer& buffer, bool is_first,
+                    bool is_last) {
+  std::string_view line = buffer.data();
   if (!line.ends_with('\n') && !is_last) {
     return line.size() + 1 < buffer.size() ? "the line holds a NUL"
                                            : "the line is too long";
   }
+  if (is_first) line = without_mark(line);
   const std::string_view entry = trimmed(line);
   if (entry.empty() || entry.starts_with('#')) return {};
   return table.add_entry(entry);
 }
 
-ErrorText open_list(const char* path, bool is_again, FilePtr& out_file) {
-  FileDescriptor list(
-      ::open(path, O_RDONLY | O_CLOEXEC | (is_again ? O_NONBLOCK : 0)));
+ErrorText open_once(const char* path, FileDescriptor& out_list) {
+  out_list = FileDescriptor(::open(path, O_RDONLY | O_CLOEXEC));
+  return out_list ? ErrorText() : os_failure(path);
+}
+
+// To open a pipe would let its writer in. The file that was opened decides.
+ErrorText open_again(const char* path, FileDescriptor& out_list) {
   struct stat status {};
-  if (!list || ::fstat(list.get(), &status) != 0) return os_failure(path);
-  if (is_again && !S_ISREG(status.st_mode)) {
-    return format_error_text("%s: not a regular file", path);
+  const auto is_other = [&] { return !S_ISREG(status.st_mode); };
+  if (::stat(path, &status) != 0) return os_failure(path);
+  if (!is_other()) {
+    out_list = FileDescriptor(
+        ::open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    if (!out_list || ::fstat(out_list.get(), &status) != 0) {
+      return os_failure(path);
+    }
+  }
+  if (!is_other()) return {};
+  return format_error_text("%s: not a regular file", path);
+}
+
+ErrorText open_list(const char* path, bool is_again, FilePtr& out_file) {
+  FileDescriptor list;
+  if (ErrorText error =
+          is_again ? open_again(path, list) : open_once(path, list)) {
+    return error;
   }
   out_file.reset(::fdopen(list.get(), "r"));
   if (!out_file) return os_failure(path);
@@ -97,8 +118,8 @@ ErrorText NodeTable::load_file(const char* path, bool is_again) {
   unsigned num_lines = 0;
   while (std::fgets(buffer.data(), buffer.size(), file.get()) != nullptr) {
     ++num_lines;
-    if (ErrorText error =
-            take_line(*this, buffer, std::feof(file.get()) != 0)) {
+    if (ErrorText error = take_line(*this, buffer, num_lines == 1,
+                                    std::feof(file.get()) != 0)) {
       return error.wrapped(
           format_error_text("%s:%u: %s", path, num_lines, error.c_str()));
     }

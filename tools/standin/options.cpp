@@ -11,6 +11,7 @@
 #include <new>
 #include <string_view>
 #include <system_error>
+#include <utility>
 
 #include "answer.h"
 #include "line.h"
@@ -209,8 +210,8 @@ const char* take_option(int id, const char* value, Options& options) {
     case kNode:
       return take_node(value, options);
     case kNodeFile:
-      options.node_file = value;
-      break;
+      if (std::exchange(options.node_file, value) == nullptr) break;
+      return "--node-file needs the name of one file";
     case kTrouble:
       return add_share(value, options.rules.troubles, options.query_troubles)
           .c_str();

@@ -4,11 +4,12 @@
 
 #include <algorithm>
 #include <array>
-#include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <condition_variable>
 #include <csignal>
 #include <cstdio>
+#include <mutex>
 #include <span>
 #include <utility>
 
@@ -39,33 +40,56 @@ class SummaryTeller {
  public:
   SummaryTeller(Log& log, NodeRegister& nodes, SessionPool& pool)
       : log_(log), nodes_(nodes), pool_(pool) {}
+  SummaryTeller(const SummaryTeller&) = delete;
+  SummaryTeller& operator=(const SummaryTeller&) = delete;
+  ~SummaryTeller() { stop(); }
 
-  // begin does nothing while the last one is still being told.
-  void begin() {
-    if (is_telling_.exchange(true)) return;
-    thread_.join();
-    if (thread_.start(run, this)) run(this);
+  // ask has a summary told as soon as one that is being told is out.
+  //   "Error starting thread: %s"
+  ErrorText ask() {
+    if (!thread_) {
+      if (ErrorText error = thread_.start(run, this)) return error;
+    }
+    const std::lock_guard lock(mutex_);
+    is_wanted_ = true;
+    change_.notify_one();
+    return {};
   }
-  // finish tells the last one.
-  void finish() {
+
+  void stop() {
+    {
+      const std::lock_guard lock(mutex_);
+      is_stopping_ = true;
+      change_.notify_one();
+    }
     thread_.join();
-    log_.tell_summary(nodes_);
   }
 
  private:
   static void* run(void* teller) {
     SummaryTeller& own = *static_cast<SummaryTeller*>(teller);
-    own.log_.tell_summary(own.nodes_);
-    own.is_telling_ = false;
-    if (own.log_.failure()) own.pool_.ring_bell();
+    while (own.await_wish()) {
+      own.log_.tell_summary(own.nodes_);
+      if (own.log_.failure()) own.pool_.ring_bell();
+    }
     return nullptr;
+  }
+
+  bool await_wish() {
+    std::unique_lock lock(mutex_);
+    change_.wait(lock, [this] { return is_wanted_ || is_stopping_; });
+    return std::exchange(is_wanted_, false) && !is_stopping_;
   }
 
   Log& log_;
   NodeRegister& nodes_;
   SessionPool& pool_;
-  std::atomic<bool> is_telling_ = false;
   Thread thread_;
+  std::mutex mutex_;
+  std::condition_variable change_;
+  // Under the mutex.
+  bool is_wanted_ = false;
+  bool is_stopping_ = false;
 };
 
 // Server is all that runs; what has threads goes first.
@@ -146,9 +170,15 @@ void reload_nodes(Server& server) {
   }
 }
 
+void tell_summary(Server& server) {
+  if (ErrorText error = server.summary.ask()) {
+    complain(error.c_str(), "no summary is told");
+  }
+}
+
 void stop(Server& server) {
   server.is_stopping = true;
-  forget_stop_signals();
+  forget_stop_signals(server.signals);
   server.pool.cut_all("cut off: stopping");
 }
 
@@ -160,7 +190,7 @@ void obey_signal(Server& server) {
     case SIGHUP:
       return reload_nodes(server);
     case SIGUSR1:
-      return server.summary.begin();
+      return tell_summary(server);
   }
 }
 
@@ -304,8 +334,11 @@ ErrorText run_server(const Options& options) {
           server.log.tell_listening(options.listen, server.port)) {
     return error;
   }
-  if (ErrorText error = run(server)) return error;
-  server.summary.finish();
+  ErrorText error = run(server);
+  forget_stop_signals(server.signals);
+  if (error) return error;
+  server.summary.stop();
+  server.log.tell_summary(server.nodes);
   return server.log.failure();
 }
 

@@ -8,6 +8,7 @@
 #include <string_view>
 #include <utility>
 
+#include "net/wait.h"
 #include "protocol/ber_codec.h"
 #include "protocol/memory_stream.h"
 #include "protocol/socket_stream.h"
@@ -18,6 +19,8 @@ namespace velprobe::standin {
 namespace {
 
 using Clock = std::chrono::steady_clock;
+
+constexpr int kWaitSeconds = 86400;  // any will do: sessions have a deadline
 
 ErrorText read_identity(BerStream& stream, client_private_key& identity) {
   std::uint32_t tag = 0;
@@ -34,9 +37,18 @@ ErrorText read_identity(BerStream& stream, client_private_key& identity) {
   }
 }
 
+// await_first_byte leaves all faults to the reading that follows.
+void await_first_byte(const Conversation& conversation) {
+  if (conversation.seat == nullptr) return;
+  wait_for_socket(conversation.socket, WaitFor::kReadable, kWaitSeconds,
+                  OnSignal::kRestart, conversation.deadline);
+  conversation.seat->has_spoken();
+}
+
 ErrorText read_request(Conversation& conversation) {
   BerStream& stream = conversation.stream;
   SessionRecord& record = conversation.record;
+  await_first_byte(conversation);
   if (ErrorText error = read_client_wants_incomplete(stream, record.wants, 0)) {
     return error;
   }

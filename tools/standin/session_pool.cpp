@@ -37,6 +37,11 @@ void Seat::unwatch() {
   socket_ = -1;
 }
 
+void Seat::has_spoken() {
+  const Lock lock(pool_->mutex_);
+  gives_way_in_crowd_ = kNoDeadline;
+}
+
 void Seat::has_asked() {
   const Lock lock(pool_->mutex_);
   gives_way_ = gives_way_in_crowd_ = kNoDeadline;
@@ -44,8 +49,7 @@ void Seat::has_asked() {
 
 void Seat::has_answer() {
   const Lock lock(pool_->mutex_);
-  gives_way_ = gives_way_in_crowd_ =
-      std::chrono::steady_clock::now() + kPatience;
+  gives_way_ = std::chrono::steady_clock::now() + kPatience;
 }
 
 bool Seat::pause_until(Deadline time) {
@@ -165,8 +169,11 @@ bool SessionPool::is_crowded(Deadline now) {
 Deadline SessionPool::make_room() {
   const Lock lock(mutex_);
   const Deadline now = std::chrono::steady_clock::now();
-  const auto due =
-      is_crowded(now) ? &Seat::gives_way_in_crowd_ : &Seat::gives_way_;
+  const bool in_crowd = is_crowded(now);
+  const auto due = [in_crowd](const Seat& seat) {
+    return in_crowd ? std::min(seat.gives_way_in_crowd_, seat.gives_way_)
+                    : seat.gives_way_;
+  };
   Deadline next = kNoDeadline;
   Seat* first = nullptr;
   for (Seat& seat : seats()) {
@@ -174,10 +181,10 @@ Deadline SessionPool::make_room() {
     // One that was cut is on its way out already.
     if (seat.cut_reason_ != nullptr) return kNoDeadline;
     next = now + kCrowdPatience;
-    const bool is_first = first == nullptr || seat.*due < first->*due;
+    const bool is_first = first == nullptr || due(seat) < due(*first);
     if (is_first && is_silent(seat)) first = &seat;
   }
-  if (first == nullptr || now < first->*due) return next;
+  if (first == nullptr || now < due(*first)) return next;
   cut(*first, "cut off: made room");
   return kNoDeadline;
 }

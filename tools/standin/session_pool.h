@@ -36,9 +36,10 @@ class Seat {
   // more; unwatch comes before the socket is closed.
   void watch(std::int32_t socket);
   void unwatch();
-  // has_asked says that the client has sent its request: the session no longer
-  // gives way to others, until has_answer says that it awaits the
-  // acknowledgement.
+  // has_spoken says that something has come from the client, has_asked that its
+  // request is complete: the session no longer gives way to others, until
+  // has_answer says that it awaits the acknowledgement.
+  void has_spoken();
   void has_asked();
   void has_answer();
   // pause_until sleeps; false when the session was cut off.
@@ -56,7 +57,7 @@ class Seat {
   Client client_;
   bool is_taken_ = false;
   std::int32_t socket_ = -1;
-  // To others from then on; the latter when most clients are silent.
+  // From then on to others, and to those where most have not said a word.
   Deadline gives_way_ = kNoDeadline;
   Deadline gives_way_in_crowd_ = kNoDeadline;
   const char* cut_reason_ = nullptr;
@@ -111,7 +112,7 @@ class SessionPool {
   bool await_client(Seat& seat, Client& out_client);
   void cut(Seat& seat, const char* reason);
   static bool is_silent(const Seat& seat);
-  // is_crowded tells whether half the clients have been silent for a while.
+  // is_crowded tells whether half the clients have not said a word for a while.
   bool is_crowded(Deadline now);
   void vacate(Seat& seat);
   std::span<Seat> seats() { return {seats_.get(), num_seats_}; }

@@ -41,7 +41,8 @@ int take_signal(const FileDescriptor& signals) {
   return size == sizeof arrived ? static_cast<int>(arrived.ssi_signo) : 0;
 }
 
-void forget_stop_signals() {
+void forget_stop_signals(const FileDescriptor& signals) {
+  while (take_signal(signals) != 0) continue;
   sigset_t stopping;
   sigemptyset(&stopping);
   sigaddset(&stopping, SIGINT);

@@ -15,9 +15,10 @@ ErrorText watch_signals(bool with_hangup, FileDescriptor& out_signals);
 // take_signal gives the number of one signal that has arrived, or 0.
 int take_signal(const FileDescriptor& signals);
 
-// forget_stop_signals gives SIGINT and SIGTERM their usual effect again: a
-// second one ends a program that hangs on its way out.
-void forget_stop_signals();
+// forget_stop_signals gives SIGINT and SIGTERM their usual effect again: the
+// next one ends a program that hangs on its way out. What had arrived before is
+// no next one.
+void forget_stop_signals(const FileDescriptor& signals);
 
 }  // namespace velprobe::standin
 
