@@ -2,6 +2,7 @@
 #ifndef VELPROBE_MODULES_REGEX_REGEX_CUT_H_
 #define VELPROBE_MODULES_REGEX_REGEX_CUT_H_
 
+#include "regex_one_pass.h"
 #include "regex_rest.h"
 
 namespace velprobe {
@@ -45,6 +46,10 @@ class SpanCutter {
   // cut finds the last end of a piece that begins at from.
   [[nodiscard]] bool cut(const Piece& piece, std::size_t from,
                          std::size_t* out_end);
+
+  // guide gives the states that were kept; not when they did not help.
+  bool has_guide() const { return !simulated_; }
+  Guide guide() const { return {*back_, rows_.data()}; }
 
   // matches_null tells whether a node matches the null string at a place.
   [[nodiscard]] bool matches_null(const Subject& subject, std::uint32_t node,
