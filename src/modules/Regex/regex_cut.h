@@ -35,7 +35,7 @@ class SpanCutter {
 
   // prepare takes up the node and its span. Without keep only the span's begin
   // can be asked about, and nothing can be cut. This and all that follow are
-  // false when memory is short.
+  // false when out of memory.
   [[nodiscard]] bool prepare(const Subject& subject, std::uint32_t node,
                              std::size_t begin, std::size_t end, bool keep);
 
