@@ -47,7 +47,8 @@ class SpanCutter {
   [[nodiscard]] bool cut(const Piece& piece, std::size_t from,
                          std::size_t* out_end);
 
-  // guide gives the states that were kept; not when they did not help.
+  // guide gives the states that prepare kept, with has_guide: when they did
+  // not help there are none.
   bool has_guide() const { return !simulated_; }
   Guide guide() const { return {*back_, rows_.data()}; }
 

@@ -45,7 +45,7 @@ class GroupFinder {
   bool open(const GroupItem& item);
   bool open_alternatives(const GroupItem& item);
   bool open_sequence(const GroupItem& item);
-  bool run_guided(const GroupItem& item);
+  bool walk_guided(const GroupItem& item, std::size_t* out_end);
   bool open_repetition(const GroupItem& item);
   bool find_last_iteration(const GroupItem& item, GroupItem* out_last);
 
@@ -85,23 +85,23 @@ GroupFinder::Sequence GroupFinder::look_over(const Node& cat) const {
   }
 }
 
-// The groups of all by one run, for which the cutter has just been prepared.
-// False when that is not possible, and all is as it was.
-bool GroupFinder::run_guided(const GroupItem& item) {
+// Walks over the first children of the sequence that the cutter has just been
+// prepared for. False when that is not possible, and all is as it was.
+bool GroupFinder::walk_guided(const GroupItem& item, std::size_t* out_end) {
   if (item.node != one_pass_.top() || !one_pass_.runs_guided() ||
       !cutter_.has_guide()) {
     return false;
   }
   const Guide guide = cutter_.guide();
-  std::size_t end = item.begin;
   const Found found = one_pass_.run(subject_, item.begin, item.end, &guide,
-                                    &end, spans_, num_spans_);
+                                    out_end, spans_, num_spans_);
   cutter_.steps += one_pass_.steps;
-  if (found == Found::kYes && end == item.end) return true;
   // The groups around the sequence are those with lower numbers.
   const std::size_t first = node(item.node).first_group;
   std::fill(spans_ + 1, spans_ + first, spans_[0]);
+  if (found == Found::kYes) return true;
   std::fill(spans_ + first, spans_ + num_spans_, RegexSpan{-1, -1});
+  *out_end = item.begin;
   return false;
 }
 
@@ -109,14 +109,16 @@ bool GroupFinder::run_guided(const GroupItem& item) {
 // are fixed need no cut, nor does the last child whose length is not.
 bool GroupFinder::open_sequence(const GroupItem& item) {
   const Sequence sequence = look_over(node(item.node));
+  std::uint32_t first = node(item.node).child;
+  std::size_t at = item.begin;
   if (sequence.needs_cut) {
     if (!cutter_.prepare(subject_, item.node, item.begin, item.end, true)) {
       return false;
     }
-    if (run_guided(item)) return true;
+    if (walk_guided(item, &at)) first = one_pass_.rest();
   }
-  std::size_t at = item.begin;
-  for (std::uint32_t i = node(item.node).child;; i = node(i).next) {
+  if (node(sequence.last_wanted).first < node(first).first) return true;
+  for (std::uint32_t i = first;; i = node(i).next) {
     const Node& child = node(i);
     std::size_t end = at + child.length;
     if (i == sequence.last_varying) {

@@ -17,37 +17,87 @@ bool OnePass::init(const RegexProgram& program, std::size_t budget) {
   budget_ = budget;
   num_symbols_ = program.alphabet.num_symbols;
   const std::size_t stamps = program.code.size();
-  const Tree& tree = program.tree;
+  last_ = program.end();
   // The nodes of a program so large would exceed the budget.
   if (stamps * sizeof seen_[0] > budget / 4) {
     use_ = Use::kNone;
   } else if (!seen_.resize(stamps) || !buckets_.resize(kBuckets) ||
-             !actions_.push(make_inst(Op::kMatch)) || !find_pieces(tree)) {
+             !actions_.push(make_inst(Op::kMatch))) {
     return false;
   }
   program_ = &program;
   return true;
 }
 
-// Where what follows a child has a fixed length, it ends where the sequence
-// does, less that length: its own children are pieces, too.
-bool OnePass::find_pieces(const Tree& tree) {
-  pieces_.clear();
-  for (std::uint32_t next = tree.root; next != kNoNode;) {
-    const std::uint32_t i = next;
-    const velprobe::Node& node = tree.nodes[i];
-    const bool wraps = node.kind == NodeKind::kGroup ||
-                       (node.kind == NodeKind::kRepeat && node.max == 1);
-    next = wraps ? node.child : kNoNode;
-    if (node.kind != NodeKind::kCat) continue;
-    if (pieces_.empty()) top_ = i;
-    for (std::uint32_t j = node.child; j != kNoNode; j = tree.nodes[j].next) {
-      if (!pieces_.push(tree.nodes[j].first)) return false;
-      if (tree.nodes[j].length == kVaries) next = j;
+// The rest begins where no cut is needed any more, or behind all groups.
+bool OnePass::find_rest() {
+  const Array<velprobe::Node>& nodes = program_->tree.nodes;
+  const auto is_around = [](const velprobe::Node& node) {
+    return node.kind == NodeKind::kGroup ||
+           (node.kind == NodeKind::kRepeat && node.max == 1);
+  };
+  top_ = program_->tree.root;
+  while (is_around(nodes[top_])) top_ = nodes[top_].child;
+  if (nodes[top_].kind != NodeKind::kCat) return false;
+  std::uint32_t last_varying = kNoNode;
+  std::uint32_t behind_groups = kNoNode;
+  for (std::uint32_t i = nodes[top_].child; i != kNoNode; i = nodes[i].next) {
+    if (nodes[i].length == kVaries) last_varying = i;
+    if (nodes[i].holds_group()) behind_groups = nodes[i].next;
+  }
+  if (last_varying == kNoNode) return false;
+  rest_ = nodes[top_].child;
+  while (rest_ != last_varying && rest_ != behind_groups) {
+    if (!pieces_.push(nodes[rest_].first)) return false;
+    rest_ = nodes[rest_].next;
+  }
+  last_ = nodes[rest_].first;
+  // A walk notes groups at each iteration, cutting only looks into the last.
+  return std::none_of(nodes.begin(), nodes.end(),
+                      [&](const velprobe::Node& node) {
+                        return node.kind == NodeKind::kRepeat && node.max > 1 &&
+                               node.holds_group() && node.first < last_;
+                      });
+}
+
+// Whatever the place: as if all assertions held.
+bool OnePass::find_rest_bytes() {
+  std::fill(seen_.begin(), seen_.end(), 0U);
+  visits_.clear();
+  if (!visits_.push({last_, 0})) return false;
+  while (!visits_.empty()) {
+    std::uint32_t pc = visits_.back().pc;
+    visits_.pop();
+    while (seen_[pc]++ == 0) {
+      const Inst inst = program_->code[pc];
+      if (inst.op() == Op::kByte) {
+        rest_bytes_.add_all(program_->class_sets[inst.arg()]);
+      }
+      if (inst.op() == Op::kByte || inst.op() == Op::kMatch) break;
+      if (inst.op() == Op::kSplit && !visits_.push({inst.arg(), 0})) {
+        return false;
+      }
+      pc = inst.op() == Op::kJump ? inst.arg() : pc + 1;
     }
   }
-  std::sort(pieces_.begin(), pieces_.end());
   return true;
+}
+
+// Of no use as it is: from now on guided, if that can help.
+Found OnePass::give_up() {
+  const bool was_alone = use_ == Use::kAlone;
+  use_ = Use::kNone;
+  if (was_alone && find_rest() && find_rest_bytes()) {
+    use_ = Use::kGuided;
+    nodes_.clear();
+    ways_.clear();
+    exits_.clear();
+    chains_.clear();
+    actions_.shrink(1);
+    std::fill(seen_.begin(), seen_.end(), 0U);
+    std::fill(buckets_.begin(), buckets_.end(), 0U);
+  }
+  return Found::kGivenUp;
 }
 
 bool OnePass::in_other_piece(std::uint32_t pc, std::uint32_t other) const {
@@ -80,8 +130,9 @@ bool OnePass::add_exit(Node& node, std::uint32_t pc, std::uint32_t trail) {
   const ByteSet& set = program_->class_sets[program_->code[pc].arg()];
   for (std::uint32_t i = 0; i < node.num_exits; ++i) {
     const std::uint32_t other = exits_[node.first_exit + i].pc;
-    if (set.meets(program_->class_sets[program_->code[other].arg()]) &&
-        (i >= kMaxForked || !in_other_piece(pc, other))) {
+    const bool meets =
+        set.meets(program_->class_sets[program_->code[other].arg()]);
+    if (meets && (i >= kMaxForked || !in_other_piece(pc, other))) {
       return false;
     }
   }
@@ -98,10 +149,10 @@ bool OnePass::explore_from(Node& node, std::uint32_t pc, std::uint32_t trail,
     if (seen_[pc] == stamp) return false;
     seen_[pc] = stamp;
     ++steps;
+    if (pc == last_) return write_actions(trail, &node.accept);
+    if (pc > last_) return true;
     const Inst inst = program_->code[pc];
     switch (inst.op()) {
-      case Op::kMatch:
-        return write_actions(trail, &node.accept);
       case Op::kByte:
         return add_exit(node, pc, trail);
       case Op::kAssert:
@@ -172,22 +223,30 @@ OnePass::Way OnePass::way_through(Exit exit, std::uint32_t symbol) {
 OnePass::Way OnePass::make_way(std::uint32_t row, std::uint32_t symbol) {
   const std::uint32_t byte_class = symbol % program_->alphabet.num_classes;
   const Node& node = nodes_[row / num_symbols_];
-  const Exit* only = nullptr;
+  const Exit* exit = nullptr;
+  std::uint32_t num_ways = 0;
   for (std::uint32_t i = 0; i < node.num_exits; ++i) {
-    const Exit& exit = exits_[node.first_exit + i];
-    if (!program_->takes(program_->code[exit.pc], byte_class)) continue;
-    if (only != nullptr) return {0, kFork};
-    only = &exit;
+    const Exit& other = exits_[node.first_exit + i];
+    if (!program_->takes(program_->code[other.pc], byte_class)) continue;
+    exit = &other;
+    ++num_ways;
   }
-  return only == nullptr ? Way{0, kNowhere} : way_through(*only, symbol);
+  if (num_ways == 0) return {0, kNowhere};
+  if (node.accept != kNoAccept &&
+      rest_bytes_.has(static_cast<std::uint8_t>(byte_class))) {
+    ++num_ways;
+  }
+  return num_ways > 1 ? Way{0, kFork} : way_through(*exit, symbol);
 }
 
-// Of the exits that lead to the end, the one into the earliest piece.
+// Of the exits that lead to the end, the one into the earliest piece; without
+// one it is the rest that follows.
 OnePass::Way OnePass::make_choice(std::uint32_t row, std::uint32_t symbol,
                                   const Dfa::Members& behind) {
   const std::uint32_t byte_class = symbol % program_->alphabet.num_classes;
   const Node& node = nodes_[row / num_symbols_];
   const Exit* first = nullptr;
+  steps += node.num_exits;
   for (std::uint32_t i = 0; i < node.num_exits; ++i) {
     const Exit& exit = exits_[node.first_exit + i];
     if (program_->takes(program_->code[exit.pc], byte_class) &&
@@ -199,34 +258,27 @@ OnePass::Way OnePass::make_choice(std::uint32_t row, std::uint32_t symbol,
   return first == nullptr ? Way{0, kNowhere} : way_through(*first, symbol);
 }
 
-OnePass::Way OnePass::choose(std::uint32_t row, std::uint32_t symbol,
-                             const Guide& guide, Entry behind) {
-  const std::uint32_t fork = row + symbol;
+// What was chosen is known until the states of the run back are forgotten.
+bool OnePass::take_guide(const Guide& guide) {
   const std::uint32_t generation = guide.back.generation();
-  const std::uint32_t hash = (fork * 31 + behind) * 0x9E3779B1U;
-  Choice& choice = choices_[(hash >> 16) % kNumChoices];
-  if (choice.fork != fork || choice.behind != behind ||
-      choice.generation != generation) {
-    const Way way = make_choice(row, symbol, guide.back.members(behind));
-    choice = {fork, behind, generation, way};
-  }
-  return choice.way;
+  if (!choices_.empty() && generation == generation_) return true;
+  if (!choices_.resize(kNumChoices)) return false;
+  for (Choice& choice : choices_) choice.fork = kUnmade;
+  generation_ = generation;
+  return true;
 }
 
-// What ways_ says of a byte when it does not name a way.
-OnePass::Way OnePass::find_way(std::uint32_t row, std::uint32_t symbol,
-                               const Guide* guide, std::size_t num_read) {
-  Way way = ways_[row + symbol];
-  if (way.actions == kUnmade) {
-    way = make_way(row, symbol);
-    ways_[row + symbol] = way;
+inline OnePass::Way OnePass::choose(std::uint32_t row, std::uint32_t symbol,
+                                    const Guide& guide, Entry behind) {
+  const std::uint32_t fork = row + symbol;
+  // Of the two only the fork is waited for.
+  const std::uint32_t hash = (behind * 0x9E3779B1U >> 16) + fork;
+  Choice& choice = choices_[hash % kNumChoices];
+  if (choice.fork != fork || choice.behind != behind) {
+    const Way way = make_choice(row, symbol, guide.back.members(behind));
+    choice = {fork, behind, way};
   }
-  if (way.actions == kFork && guide != nullptr) {
-    way = choose(row, symbol, *guide, guide->rows[num_read + 1]);
-  }
-  if (way.actions == kUnmade) use_ = Use::kNone;
-  if (way.actions == kFork) use_ = Use::kGuided;
-  return way;
+  return choice.way;
 }
 
 void OnePass::act(std::uint32_t actions, std::size_t at, RegexSpan* spans,
@@ -250,32 +302,29 @@ void OnePass::act(std::uint32_t actions, std::size_t at, RegexSpan* spans,
   }
 }
 
-bool OnePass::init_choices() {
-  if (!choices_.empty()) return true;
-  if (!choices_.resize(kNumChoices)) return false;
-  for (Choice& choice : choices_) choice.fork = kUnmade;
-  return true;
-}
-
 Found OnePass::run(const Subject& subject, std::size_t begin, std::size_t limit,
                    const Guide* guide, std::size_t* out_end, RegexSpan* spans,
                    std::size_t num_spans) {
   steps = 0;
   for (std::size_t i = 1; i < num_spans; ++i) spans[i] = {-1, -1};
   const std::uint32_t first = node_at(0, subject.place(begin));
-  if (first == kNoNodeYet || (guide != nullptr && !init_choices())) {
-    use_ = Use::kNone;
-    return Found::kGivenUp;
-  }
+  if (first == kNoNodeYet) return give_up();
+  if (guide != nullptr && !take_guide(*guide)) return give_up();
   std::uint32_t row = (first - 1) * num_symbols_;
   std::size_t at = begin;
   while (at < limit) {
     const std::uint32_t symbol = subject.symbol(at);
     Way way = ways_[row + symbol];
     if (way.actions != 0) {
-      if (way.actions >= kFork) way = find_way(row, symbol, guide, at - begin);
+      if (way.actions == kUnmade) {
+        way = make_way(row, symbol);
+        ways_[row + symbol] = way;
+      }
+      if (way.actions == kFork && guide != nullptr) {
+        way = choose(row, symbol, *guide, guide->rows[at + 1 - begin]);
+      }
       if (way.actions == kNowhere) break;
-      if (way.actions >= kFork) return Found::kGivenUp;
+      if (way.actions >= kFork) return give_up();
       if (way.actions != 0) act(way.actions, at, spans, num_spans);
     }
     row = way.row;

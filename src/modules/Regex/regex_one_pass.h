@@ -16,30 +16,34 @@ struct Guide {
 };
 
 // OnePass walks the only way that a text leaves through the program and notes
-// where groups begin and end. Its nodes are made when a text first gets there.
-// Where two ways take the same byte it has to be guided; only ways into
-// different pieces may do so. A piece is a child of a sequence that ends where
-// the match ends: there the earlier piece is as long as it can be, so that of
-// the ways that lead to the end the one into the earliest piece is right. Other
-// doubt makes it of no use for the program any more.
+// where groups begin and end. Its nodes are made when a text first gets there;
+// once there are two ways from one, it is of no use alone any more.
+//
+// It may then still be of use with a guide, for the children of a sequence that
+// is the whole expression: where ways into different children take a byte, the
+// earlier child is to be as long as it can be, so the way into it is taken if
+// it leads to the end. Two ways within a child make it of no use at all. Such
+// a walk ends where the rest begins: the last child whose length varies, or
+// what is behind all groups.
 class OnePass {
  public:
   [[nodiscard]] bool init(const RegexProgram& program, std::size_t budget);
 
   // run walks from begin on up to limit at most. Found::kYes: the longest match
   // that begins there ends at *out_end, and the groups are in spans. kNo: there
-  // is none, or it may be shorter than what was read. kGivenUp: of no use, or
-  // it has to be guided. A guide is of the whole program from begin to limit,
-  // where a match has to end.
+  // is none, or it may be shorter than what was read. kGivenUp: of no use.
+  // A guide, for runs_guided only, is of the whole expression from begin to
+  // limit, which it matches. *out_end is then where the rest begins, and spans
+  // has the groups of what is before.
   Found run(const Subject& subject, std::size_t begin, std::size_t limit,
             const Guide* guide, std::size_t* out_end, RegexSpan* spans,
             std::size_t num_spans);
 
   bool runs_alone() const { return use_ == Use::kAlone; }
   bool runs_guided() const { return use_ == Use::kGuided; }
-  // The sequence that is the whole expression, but for groups around it; else
-  // something that is none.
+  // With runs_guided: the sequence, and its child where the rest begins.
   std::uint32_t top() const { return top_; }
+  std::uint32_t rest() const { return rest_; }
   std::uint64_t steps = 0;  // of the last run
 
  private:
@@ -58,7 +62,7 @@ class OnePass {
   struct Node {
     std::uint32_t pc;
     std::uint32_t place;
-    std::uint32_t accept;  // the actions when a match ends here, or kNoAccept
+    std::uint32_t accept;  // the actions when last_ is reached, or kNoAccept
     std::uint32_t first_exit;
     std::uint32_t num_exits;
   };
@@ -72,7 +76,6 @@ class OnePass {
   struct Choice {
     std::uint32_t fork;
     Entry behind;
-    std::uint32_t generation;
     Way way;
   };
   static constexpr std::size_t kNumChoices = 128;
@@ -86,7 +89,9 @@ class OnePass {
     std::uint32_t trail;
   };
 
-  [[nodiscard]] bool find_pieces(const Tree& tree);
+  [[nodiscard]] bool find_rest();
+  [[nodiscard]] bool find_rest_bytes();
+  Found give_up();
   bool in_other_piece(std::uint32_t pc, std::uint32_t other) const;
   std::uint32_t node_at(std::uint32_t pc, Place place);
   [[nodiscard]] bool explore(Node& node);
@@ -100,9 +105,7 @@ class OnePass {
                   const Dfa::Members& behind);
   Way choose(std::uint32_t row, std::uint32_t symbol, const Guide& guide,
              Entry behind);
-  Way find_way(std::uint32_t row, std::uint32_t symbol, const Guide* guide,
-               std::size_t num_read);
-  [[nodiscard]] bool init_choices();
+  [[nodiscard]] bool take_guide(const Guide& guide);
   void act(std::uint32_t actions, std::size_t at, RegexSpan* spans,
            std::size_t num_spans) const;
   bool within_budget() const;
@@ -110,7 +113,10 @@ class OnePass {
   const RegexProgram* program_ = nullptr;
   std::size_t budget_ = 0;
   Use use_ = Use::kAlone;
+  std::uint32_t last_ = 0;  // the instruction that walks end at
   std::uint32_t top_ = kNoNode;
+  std::uint32_t rest_ = kNoNode;
+  ByteSet rest_bytes_;  // classes that the rest can begin with
   std::uint32_t num_symbols_ = 0;
   Array<Way> ways_;
   Array<Node> nodes_;
@@ -121,8 +127,9 @@ class OnePass {
   Array<std::uint32_t> seen_;  // instructions seen in the node being explored
   Array<std::uint32_t> buckets_;
   Array<std::uint32_t> chains_;
-  Array<std::uint32_t> pieces_;  // where each begins in the program, ascending
+  Array<std::uint32_t> pieces_;  // where the children before the rest begin
   Array<Choice> choices_;
+  std::uint32_t generation_ = 0;  // of the states that choices_ are for
 };
 
 }  // namespace velprobe
