@@ -93,8 +93,8 @@ bool GroupFinder::walk_guided(const GroupItem& item, std::size_t* out_end) {
     return false;
   }
   const Guide guide = cutter_.guide();
-  const Found found = one_pass_.run(subject_, item.begin, item.end, &guide,
-                                    out_end, spans_, num_spans_);
+  const Found found = one_pass_.run_guided(subject_, item.begin, item.end,
+                                           guide, out_end, spans_, num_spans_);
   cutter_.steps += one_pass_.steps;
   // The groups around the sequence are those with lower numbers.
   const std::size_t first = node(item.node).first_group;
@@ -223,8 +223,8 @@ Found find_by_one_pass(const Subject& subject, Scratch& scratch,
     if (first == Finder::kNone) return Found::kNo;
   }
   std::size_t end = first;
-  const Found found = one_pass.run(subject, first, subject.size, nullptr, &end,
-                                   spans, num_spans);
+  const Found found =
+      one_pass.run_alone(subject, first, subject.size, &end, spans, num_spans);
   scratch.steps += one_pass.steps;
   *out_span = {static_cast<std::ptrdiff_t>(first),
                static_cast<std::ptrdiff_t>(end)};
@@ -236,9 +236,9 @@ int find_groups(const Subject& subject, Scratch& scratch, RegexSpan span,
   const auto span_end = static_cast<std::size_t>(span.end);
   if (scratch.one_pass.runs_alone()) {
     std::size_t end = 0;
-    const Found found =
-        scratch.one_pass.run(subject, static_cast<std::size_t>(span.begin),
-                             span_end, nullptr, &end, spans, num_spans);
+    const Found found = scratch.one_pass.run_alone(
+        subject, static_cast<std::size_t>(span.begin), span_end, &end, spans,
+        num_spans);
     scratch.steps += scratch.one_pass.steps;
     if (found == Found::kYes && end == span_end) return 0;
   }

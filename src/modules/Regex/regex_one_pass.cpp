@@ -302,6 +302,7 @@ void OnePass::act(std::uint32_t actions, std::size_t at, RegexSpan* spans,
   }
 }
 
+template <bool kGuided>
 Found OnePass::run(const Subject& subject, std::size_t begin, std::size_t limit,
                    const Guide* guide, std::size_t* out_end, RegexSpan* spans,
                    std::size_t num_spans) {
@@ -309,7 +310,6 @@ Found OnePass::run(const Subject& subject, std::size_t begin, std::size_t limit,
   for (std::size_t i = 1; i < num_spans; ++i) spans[i] = {-1, -1};
   const std::uint32_t first = node_at(0, subject.place(begin));
   if (first == kNoNodeYet) return give_up();
-  if (guide != nullptr && !take_guide(*guide)) return give_up();
   std::uint32_t row = (first - 1) * num_symbols_;
   std::size_t at = begin;
   while (at < limit) {
@@ -320,8 +320,10 @@ Found OnePass::run(const Subject& subject, std::size_t begin, std::size_t limit,
         way = make_way(row, symbol);
         ways_[row + symbol] = way;
       }
-      if (way.actions == kFork && guide != nullptr) {
-        way = choose(row, symbol, *guide, guide->rows[at + 1 - begin]);
+      if constexpr (kGuided) {
+        if (way.actions == kFork) {
+          way = choose(row, symbol, *guide, guide->rows[at + 1 - begin]);
+        }
       }
       if (way.actions == kNowhere) break;
       if (way.actions >= kFork) return give_up();
@@ -336,6 +338,20 @@ Found OnePass::run(const Subject& subject, std::size_t begin, std::size_t limit,
   act(accept, at, spans, num_spans);
   *out_end = at;
   return Found::kYes;
+}
+
+Found OnePass::run_alone(const Subject& subject, std::size_t begin,
+                         std::size_t limit, std::size_t* out_end,
+                         RegexSpan* spans, std::size_t num_spans) {
+  return run<false>(subject, begin, limit, nullptr, out_end, spans, num_spans);
+}
+
+Found OnePass::run_guided(const Subject& subject, std::size_t begin,
+                          std::size_t limit, const Guide& guide,
+                          std::size_t* out_end, RegexSpan* spans,
+                          std::size_t num_spans) {
+  if (!take_guide(guide)) return give_up();
+  return run<true>(subject, begin, limit, &guide, out_end, spans, num_spans);
 }
 
 }  // namespace velprobe

@@ -29,16 +29,21 @@ class OnePass {
  public:
   [[nodiscard]] bool init(const RegexProgram& program, std::size_t budget);
 
-  // run walks from begin on up to limit at most. Found::kYes: the longest match
-  // that begins there ends at *out_end, and the groups are in spans. kNo: there
-  // is none, or it may be shorter than what was read. kGivenUp: of no use.
-  // A guide, for runs_guided only, is of the whole expression from begin to
-  // limit, which it matches. *out_end is then where the rest begins, and spans
-  // has the groups of what is before.
-  Found run(const Subject& subject, std::size_t begin, std::size_t limit,
-            const Guide* guide, std::size_t* out_end, RegexSpan* spans,
-            std::size_t num_spans);
+  // run_alone walks from begin on up to limit at most. Found::kYes: the longest
+  // match that begins there ends at *out_end, and the groups are in spans. kNo:
+  // there is none, or it may be shorter than what was read. kGivenUp: of no use
+  // any more.
+  Found run_alone(const Subject& subject, std::size_t begin, std::size_t limit,
+                  std::size_t* out_end, RegexSpan* spans,
+                  std::size_t num_spans);
+  // run_guided walks over a match that ends at limit, over which the guide ran
+  // back the whole expression. The rest begins at *out_end, and spans has the
+  // groups of what is before; any other result is as above.
+  Found run_guided(const Subject& subject, std::size_t begin, std::size_t limit,
+                   const Guide& guide, std::size_t* out_end, RegexSpan* spans,
+                   std::size_t num_spans);
 
+  // Which of the two is of use, if any.
   bool runs_alone() const { return use_ == Use::kAlone; }
   bool runs_guided() const { return use_ == Use::kGuided; }
   // With runs_guided: the sequence, and its child where the rest begins.
@@ -93,6 +98,10 @@ class OnePass {
   [[nodiscard]] bool find_rest_bytes();
   Found give_up();
   bool in_other_piece(std::uint32_t pc, std::uint32_t other) const;
+  template <bool kGuided>
+  Found run(const Subject& subject, std::size_t begin, std::size_t limit,
+            const Guide* guide, std::size_t* out_end, RegexSpan* spans,
+            std::size_t num_spans);
   std::uint32_t node_at(std::uint32_t pc, Place place);
   [[nodiscard]] bool explore(Node& node);
   [[nodiscard]] bool explore_from(Node& node, std::uint32_t pc,
