@@ -258,6 +258,8 @@ TEST(RegexTest, FollowsTheRulings) {
       {"En", "^a.c$", "a\nc\nabc", "(4,7)"},
       {"En", "a[^b]c|a[\nx]d", "a\nca\nd", "(3,6)"},
       {"E", "^b", "a\nb", "NOMATCH"},
+      // What is around a part is as long as it can be before the part is.
+      {"E", "(a*(ab)?)(b*)x*", "aab", "(0,3)(0,3)(1,3)(3,3)"},
       // Words.
       {"E", "[[:<:]]a_1[[:>:]]", "ba_1 a_1.", "(5,8)"},
   };

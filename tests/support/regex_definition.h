@@ -36,6 +36,8 @@ struct Matcher {
   unsigned match_flags = 0;
   long steps = 0;  // what is left of them
   std::map<std::tuple<const Part*, std::size_t, std::size_t>, bool> memo = {};
+  static constexpr int kMaxDepth = 2000;  // 2 KiB of stack each, sanitized
+  int depth = 0;
 
   static bool is_word(char c) {
     return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') ||
@@ -126,6 +128,15 @@ struct Matcher {
   bool parse(const Part& part, std::size_t s, std::size_t t, Captures& caps,
              const Then& then) {
     if (--steps < 0 || !fits(part, s, t)) return false;
+    // What is tried stays on the stack until then has its answer.
+    if (depth == kMaxDepth) steps = 0;
+    ++depth;
+    const bool accepted = parse_part(part, s, t, caps, then);
+    --depth;
+    return accepted;
+  }
+  bool parse_part(const Part& part, std::size_t s, std::size_t t,
+                  Captures& caps, const Then& then) {
     switch (part.is) {
       case Is::kSet:
       case Is::kAssert:

@@ -94,7 +94,7 @@ struct RegexLimits {
 // a match, or when the expression was compiled with kRegexNoSpans. Asking for
 // no span, or for only the first, is faster.
 //
-// Returns 0, kRegexNoMatch, kRegexNoSpace (short memory, or back-references
+// Returns 0, kRegexNoMatch, kRegexNoSpace (out of memory, or back-references
 // took more than backref_steps) or kRegexBadArgument (null pointers, an unknown
 // flag, begin behind the end).
 [[nodiscard]] int regex_match(const Regex* regex, std::string_view text,

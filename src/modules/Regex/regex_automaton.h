@@ -73,17 +73,17 @@ class Dfa {
   [[nodiscard]] bool init(const RegexProgram& program, Walker& walker,
                           Direction direction, std::size_t budget);
 
-  // add_part numbers a part; UINT32_MAX when memory is short.
+  // add_part numbers a part; UINT32_MAX when out of memory.
   std::uint32_t add_part(std::uint32_t first, std::uint32_t last);
 
   // initial gives the state at the begin (backwards: at the end) of a part, at
-  // the given place; kUnknown when memory is short, kThrashing as step.
+  // the given place; kUnknown when out of memory, kThrashing as step.
   Entry initial(std::uint32_t part, Place place);
 
   // step makes the state that follows row on symbol. moved is how many bytes
   // were read since the last call. kThrashing: the states are forgotten more
-  // often than they help; also when pinned and there is no room left.
-  // kUnknown: memory is short.
+  // often than they help; also when pinned and the budget is spent.
+  // kUnknown: out of memory.
   Entry step(Entry row, std::uint32_t symbol, std::uint64_t moved);
 
   std::size_t bytes() const;
@@ -92,7 +92,7 @@ class Dfa {
   void tag_start(bool tags);
   // While pinned, no state is forgotten.
   void pin(bool pinned) { pinned_ = pinned; }
-  // make_room forgets all states when more than half the room is in use.
+  // make_room forgets all states when they use more than half the budget.
   void make_room();
   // Changes whenever states were forgotten.
   std::uint32_t generation() const { return generation_; }

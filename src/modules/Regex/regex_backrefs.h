@@ -98,7 +98,7 @@ class WaySearch {
   bool seen_ready_ = false;
   bool any_ = false;
   bool found_ = false;
-  bool failed_ = false;  // memory was short
+  bool failed_ = false;  // out of memory
   std::size_t end_ = 0;
   std::uint64_t* budget_ = nullptr;
   std::uint32_t free_steps_ = 0;

@@ -1,4 +1,4 @@
-// What all of the room builds on: arrays whose growth can fail, sets of bytes.
+// What the whole module builds on: arrays whose growth can fail, sets of bytes.
 #ifndef VELPROBE_MODULES_REGEX_REGEX_BYTES_H_
 #define VELPROBE_MODULES_REGEX_REGEX_BYTES_H_
 
@@ -13,7 +13,7 @@
 namespace velprobe {
 
 // Array is a growing run of plain values. What can grow it returns false when
-// memory is short, and the array is then as it was.
+// out of memory, and the array is then as it was.
 template <class T>
 class Array {
   static_assert(std::is_trivially_copyable_v<T>);

@@ -45,7 +45,7 @@ std::uint32_t SpanCutter::number_of(Array<std::uint32_t>& numbers, Dfa& dfa,
   if (numbers[node] != 0) return numbers[node];
   const Part part = part_of(node);
   const std::uint32_t number = dfa.add_part(part.first, part.last);
-  // A want of memory may pass: it is not kept as the part's number.
+  // There may be memory again later: the failure is not kept as the number.
   if (number != UINT32_MAX) numbers[node] = number;
   return number;
 }

@@ -2,6 +2,7 @@
 #ifndef VELPROBE_MODULES_REGEX_REGEX_CUT_H_
 #define VELPROBE_MODULES_REGEX_REGEX_CUT_H_
 
+#include "regex_one_pass.h"
 #include "regex_rest.h"
 
 namespace velprobe {
@@ -34,7 +35,7 @@ class SpanCutter {
 
   // prepare takes up the node and its span. Without keep only the span's begin
   // can be asked about, and nothing can be cut. This and all that follow are
-  // false when memory is short.
+  // false when out of memory.
   [[nodiscard]] bool prepare(const Subject& subject, std::uint32_t node,
                              std::size_t begin, std::size_t end, bool keep);
 
@@ -45,6 +46,11 @@ class SpanCutter {
   // cut finds the last end of a piece that begins at from.
   [[nodiscard]] bool cut(const Piece& piece, std::size_t from,
                          std::size_t* out_end);
+
+  // guide gives the states that prepare kept, with has_guide: when they did
+  // not help there are none.
+  bool has_guide() const { return !simulated_; }
+  Guide guide() const { return {*back_, rows_.data()}; }
 
   // matches_null tells whether a node matches the null string at a place.
   [[nodiscard]] bool matches_null(const Subject& subject, std::uint32_t node,

@@ -60,6 +60,18 @@ void pick_rare(Needle& needle) {
   needle.frequency = frequency_at(needle, best);
 }
 
+// Pushes a node's children, the first one last.
+bool push_children(const Tree& tree, const Node& node,
+                   Array<std::uint32_t>& todo) {
+  const std::size_t begin = todo.size();
+  for (std::uint32_t i = node.child; i != kNoNode; i = tree.nodes[i].next) {
+    if (!todo.push(i)) return false;
+    if (node.kind == NodeKind::kBackref) break;
+  }
+  std::reverse(todo.begin() + begin, todo.end());
+  return true;
+}
+
 // Whether a set is letters only, each in both cases.
 bool folds_case(const ByteSet& set) {
   bool folds = true;
@@ -151,59 +163,56 @@ void Finder::end_run(Run& run) {
   run.needle.length = 0;
 }
 
+// A set is one more byte of the run, or ends it.
+void Finder::take_set(const ByteSet& set, Walk& walk) {
+  Run& run = walk.run;
+  std::uint8_t forms[2];
+  const bool fixed = walk.inside == 0 && forms_of(set, forms) != 0;
+  if (!fixed || run.needle.length == Needle::kMaxLength) end_run(run);
+  if (fixed) {
+    run.needle.bytes[0][run.needle.length] = forms[0];
+    run.needle.bytes[1][run.needle.length++] = forms[1];
+    return;
+  }
+  run.prior.add_all(set);
+  walk.whole = false;
+  if (walk.inside == 0 && run.length != kNone) ++run.length;
+}
+
+// What is not simply one part after the other ends the run, and of its parts
+// only the bytes matter.
+void Finder::enter(const Node& node, Walk& walk) {
+  const bool plain = node.kind == NodeKind::kCat ||
+                     node.kind == NodeKind::kGroup ||
+                     node.kind == NodeKind::kEmpty;
+  walk.whole &= plain && node.kind != NodeKind::kGroup;
+  if (plain || node.kind == NodeKind::kAssert || walk.inside != 0) return;
+  Run& run = walk.run;
+  end_run(run);
+  walk.inside = walk.todo.size() + 1;
+  if (run.length != kNone) {
+    run.length = node.length == kVaries ? kNone : run.length + node.length;
+  }
+}
+
 // Walks over what every match consists of, one part after the other.
-bool Finder::find_runs(const RegexProgram& program) {
-  const Tree& tree = program.tree;
-  Array<std::uint32_t> todo;
-  if (!todo.push(tree.root)) return false;
-  // While at least so many less one wait, they are parts of something that is
-  // not simply one part after the other; 0: not so.
-  std::size_t inside = 0;
-  Run run{};
-  bool whole = true;
-  const auto push_children = [&](const Node& node) {
-    const std::size_t begin = todo.size();
-    for (std::uint32_t i = node.child; i != kNoNode; i = tree.nodes[i].next) {
-      if (!todo.push(i)) return false;
-      if (node.kind == NodeKind::kBackref) break;
-    }
-    std::reverse(todo.begin() + begin, todo.end());
-    return true;
-  };
-  while (!todo.empty()) {
-    const Node node = tree.nodes[todo.back()];
-    todo.pop();
-    if (inside != 0 && todo.size() < inside - 1) inside = 0;
+bool Finder::find_runs(const Tree& tree) {
+  Walk walk;
+  if (!walk.todo.push(tree.root)) return false;
+  while (!walk.todo.empty()) {
+    const Node& node = tree.nodes[walk.todo.back()];
+    walk.todo.pop();
+    if (walk.inside != 0 && walk.todo.size() < walk.inside - 1) walk.inside = 0;
     if (node.kind == NodeKind::kSet) {
-      const ByteSet& set = tree.sets[node.value];
-      std::uint8_t forms[2];
-      const bool fixed = inside == 0 && forms_of(set, forms) != 0;
-      if (!fixed || run.needle.length == Needle::kMaxLength) end_run(run);
-      if (fixed) {
-        run.needle.bytes[0][run.needle.length] = forms[0];
-        run.needle.bytes[1][run.needle.length++] = forms[1];
-        continue;
-      }
-      run.prior.add_all(set);
-      whole = false;
-      if (inside == 0 && run.length != kNone) ++run.length;
+      take_set(tree.sets[node.value], walk);
       continue;
     }
-    const bool plain = node.kind == NodeKind::kCat ||
-                       node.kind == NodeKind::kGroup ||
-                       node.kind == NodeKind::kEmpty;
-    whole &= plain && node.kind != NodeKind::kGroup;
-    if (!plain && node.kind != NodeKind::kAssert && inside == 0) {
-      end_run(run);
-      inside = todo.size() + 1;
-      if (run.length != kNone) {
-        run.length = node.length == kVaries ? kNone : run.length + node.length;
-      }
-    }
-    if (!push_children(node)) return false;
+    enter(node, walk);
+    if (!push_children(tree, node, walk.todo)) return false;
   }
-  is_whole_ = whole && kind_ == Kind::kNothing && run.needle.length > 0;
-  end_run(run);
+  is_whole_ =
+      walk.whole && kind_ == Kind::kNothing && walk.run.needle.length > 0;
+  end_run(walk.run);
   if (is_whole_) kind_ = Kind::kNeedle;
   return true;
 }
@@ -228,7 +237,7 @@ bool Finder::find_first_bytes(const RegexProgram& program, Walker& walker) {
 }
 
 bool Finder::init(const RegexProgram& program, Walker& walker) {
-  if (!find_runs(program)) return false;
+  if (!find_runs(program.tree)) return false;
   if (kind_ == Kind::kNeedle || program.anchored) return true;
   const Kind required = kind_;
   kind_ = Kind::kNothing;

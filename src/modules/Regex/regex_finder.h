@@ -57,7 +57,7 @@ struct Hint {
 // Finder knows where a match could begin.
 class Finder {
  public:
-  // init looks over the program. False when memory is short.
+  // init looks over the program. False when out of memory.
   [[nodiscard]] bool init(const RegexProgram& program, Walker& walker);
 
   // Whether next skips anything.
@@ -84,7 +84,18 @@ class Finder {
     ByteSet prior;           // the bytes that can
     std::size_t length = 0;  // theirs, or kNone
   };
-  [[nodiscard]] bool find_runs(const RegexProgram& program);
+  // Walk is over the parts of the expression, which wait in todo.
+  struct Walk {
+    Array<std::uint32_t> todo;
+    // While at least so many less one wait, they are parts of something that is
+    // not simply one part after the other; 0: not so.
+    std::size_t inside = 0;
+    Run run;
+    bool whole = true;  // the run is the whole expression so far
+  };
+  [[nodiscard]] bool find_runs(const Tree& tree);
+  void take_set(const ByteSet& set, Walk& walk);
+  void enter(const Node& node, Walk& walk);
   [[nodiscard]] bool find_first_bytes(const RegexProgram& program,
                                       Walker& walker);
   void end_run(Run& run);

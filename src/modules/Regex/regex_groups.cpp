@@ -2,6 +2,8 @@
 // the standard is taken literally: of a sequence on a known span the first part
 // is as long as the rest allows, then the second; of a repetition each
 // iteration; of alternatives it is the first that fits.
+#include <algorithm>
+
 #include "regex_search.h"
 
 namespace velprobe {
@@ -14,6 +16,7 @@ class GroupFinder {
       : subject_(subject),
         tree_(subject.program.tree),
         cutter_(scratch.cutter),
+        one_pass_(scratch.one_pass),
         items_(scratch.items),
         spans_(spans),
         num_spans_(num_spans) {}
@@ -42,12 +45,14 @@ class GroupFinder {
   bool open(const GroupItem& item);
   bool open_alternatives(const GroupItem& item);
   bool open_sequence(const GroupItem& item);
+  bool walk_guided(const GroupItem& item, std::size_t* out_end);
   bool open_repetition(const GroupItem& item);
   bool find_last_iteration(const GroupItem& item, GroupItem* out_last);
 
   const Subject& subject_;
   const Tree& tree_;
   SpanCutter& cutter_;
+  OnePass& one_pass_;
   Array<GroupItem>& items_;
   RegexSpan* spans_;
   std::size_t num_spans_;
@@ -80,16 +85,40 @@ GroupFinder::Sequence GroupFinder::look_over(const Node& cat) const {
   }
 }
 
+// Walks over the first children of the sequence that the cutter has just been
+// prepared for. False when that is not possible, and all is as it was.
+bool GroupFinder::walk_guided(const GroupItem& item, std::size_t* out_end) {
+  if (item.node != one_pass_.top() || !one_pass_.runs_guided() ||
+      !cutter_.has_guide()) {
+    return false;
+  }
+  const Guide guide = cutter_.guide();
+  const Found found = one_pass_.run_guided(subject_, item.begin, item.end,
+                                           guide, out_end, spans_, num_spans_);
+  cutter_.steps += one_pass_.steps;
+  // The groups around the sequence are those with lower numbers.
+  const std::size_t first = node(item.node).first_group;
+  std::fill(spans_ + 1, spans_ + first, spans_[0]);
+  if (found == Found::kYes) return true;
+  std::fill(spans_ + first, spans_ + num_spans_, RegexSpan{-1, -1});
+  *out_end = item.begin;
+  return false;
+}
+
 // Only up to the last child that holds a group is the span cut. Lengths that
 // are fixed need no cut, nor does the last child whose length is not.
 bool GroupFinder::open_sequence(const GroupItem& item) {
   const Sequence sequence = look_over(node(item.node));
-  if (sequence.needs_cut &&
-      !cutter_.prepare(subject_, item.node, item.begin, item.end, true)) {
-    return false;
-  }
+  std::uint32_t first = node(item.node).child;
   std::size_t at = item.begin;
-  for (std::uint32_t i = node(item.node).child;; i = node(i).next) {
+  if (sequence.needs_cut) {
+    if (!cutter_.prepare(subject_, item.node, item.begin, item.end, true)) {
+      return false;
+    }
+    if (walk_guided(item, &at)) first = one_pass_.rest();
+  }
+  if (node(sequence.last_wanted).first < node(first).first) return true;
+  for (std::uint32_t i = first;; i = node(i).next) {
     const Node& child = node(i);
     std::size_t end = at + child.length;
     if (i == sequence.last_varying) {
@@ -186,7 +215,7 @@ Found find_by_one_pass(const Subject& subject, Scratch& scratch,
   const std::size_t budget = subject.program.limits.memory / 16;
   out_span->begin = static_cast<std::ptrdiff_t>(begin);
   if (!one_pass.init(subject.program, budget)) return Found::kNoSpace;
-  if (!one_pass.useful()) return Found::kGivenUp;
+  if (!one_pass.runs_alone()) return Found::kGivenUp;
   Hint hint;
   std::size_t first = begin;
   if (scratch.finder.skips()) {
@@ -195,7 +224,7 @@ Found find_by_one_pass(const Subject& subject, Scratch& scratch,
   }
   std::size_t end = first;
   const Found found =
-      one_pass.run(subject, first, subject.size, false, &end, spans, num_spans);
+      one_pass.run_alone(subject, first, subject.size, &end, spans, num_spans);
   scratch.steps += one_pass.steps;
   *out_span = {static_cast<std::ptrdiff_t>(first),
                static_cast<std::ptrdiff_t>(end)};
@@ -204,20 +233,20 @@ Found find_by_one_pass(const Subject& subject, Scratch& scratch,
 
 int find_groups(const Subject& subject, Scratch& scratch, RegexSpan span,
                 RegexSpan* spans, std::size_t num_spans) {
-  if (scratch.one_pass.useful()) {
-    auto end = static_cast<std::size_t>(span.end);
-    const Found found =
-        scratch.one_pass.run(subject, static_cast<std::size_t>(span.begin), end,
-                             true, &end, spans, num_spans);
+  const auto span_end = static_cast<std::size_t>(span.end);
+  if (scratch.one_pass.runs_alone()) {
+    std::size_t end = 0;
+    const Found found = scratch.one_pass.run_alone(
+        subject, static_cast<std::size_t>(span.begin), span_end, &end, spans,
+        num_spans);
     scratch.steps += scratch.one_pass.steps;
-    if (found == Found::kYes) return 0;
+    if (found == Found::kYes && end == span_end) return 0;
   }
   for (std::size_t i = 1; i < num_spans; ++i) spans[i] = {-1, -1};
   if (!scratch.init_cutter(subject.program)) return kRegexNoSpace;
   scratch.cutter.steps = 0;
   GroupFinder finder(subject, scratch, spans, num_spans);
-  const bool good = finder.run(static_cast<std::size_t>(span.begin),
-                               static_cast<std::size_t>(span.end));
+  const bool good = finder.run(static_cast<std::size_t>(span.begin), span_end);
   scratch.steps += scratch.cutter.steps;
   return good ? 0 : kRegexNoSpace;
 }

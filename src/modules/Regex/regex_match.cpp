@@ -8,7 +8,7 @@ namespace velprobe {
 
 bool Scratch::init(const RegexProgram& program) {
   // The budgets add up to a half; arrays may take a quarter more than they use,
-  // and a simulation needs room beside them.
+  // and a simulation needs some beside them.
   const std::size_t memory = program.limits.memory;
   if (!walker.init(program) || !finder.init(program, walker)) {
     return false;

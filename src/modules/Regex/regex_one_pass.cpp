@@ -7,6 +7,8 @@ namespace {
 
 constexpr std::uint32_t kNoNodeYet = 0;
 constexpr std::size_t kBuckets = 256;
+// From here on the exits of a node may not share bytes with others.
+constexpr std::uint32_t kMaxForked = 32;
 
 }  // namespace
 
@@ -15,14 +17,93 @@ bool OnePass::init(const RegexProgram& program, std::size_t budget) {
   budget_ = budget;
   num_symbols_ = program.alphabet.num_symbols;
   const std::size_t stamps = program.code.size();
-  // A program so large has no room for its nodes.
-  useful_ = stamps * sizeof seen_[0] <= budget / 4;
-  if (useful_ && (!seen_.resize(stamps) || !buckets_.resize(kBuckets) ||
-                  !actions_.push(make_inst(Op::kMatch)))) {
+  last_ = program.end();
+  // The nodes of a program so large would exceed the budget.
+  if (stamps * sizeof seen_[0] > budget / 4) {
+    use_ = Use::kNone;
+  } else if (!seen_.resize(stamps) || !buckets_.resize(kBuckets) ||
+             !actions_.push(make_inst(Op::kMatch))) {
     return false;
   }
   program_ = &program;
   return true;
+}
+
+// The rest begins where no cut is needed any more, or behind all groups.
+bool OnePass::find_rest() {
+  const Array<velprobe::Node>& nodes = program_->tree.nodes;
+  const auto is_around = [](const velprobe::Node& node) {
+    return node.kind == NodeKind::kGroup ||
+           (node.kind == NodeKind::kRepeat && node.max == 1);
+  };
+  top_ = program_->tree.root;
+  while (is_around(nodes[top_])) top_ = nodes[top_].child;
+  if (nodes[top_].kind != NodeKind::kCat) return false;
+  std::uint32_t last_varying = kNoNode;
+  std::uint32_t behind_groups = kNoNode;
+  for (std::uint32_t i = nodes[top_].child; i != kNoNode; i = nodes[i].next) {
+    if (nodes[i].length == kVaries) last_varying = i;
+    if (nodes[i].holds_group()) behind_groups = nodes[i].next;
+  }
+  if (last_varying == kNoNode) return false;
+  rest_ = nodes[top_].child;
+  while (rest_ != last_varying && rest_ != behind_groups) {
+    if (!pieces_.push(nodes[rest_].first)) return false;
+    rest_ = nodes[rest_].next;
+  }
+  last_ = nodes[rest_].first;
+  // A walk notes groups at each iteration, cutting only looks into the last.
+  return std::none_of(nodes.begin(), nodes.end(),
+                      [&](const velprobe::Node& node) {
+                        return node.kind == NodeKind::kRepeat && node.max > 1 &&
+                               node.holds_group() && node.first < last_;
+                      });
+}
+
+// Whatever the place: as if all assertions held.
+bool OnePass::find_rest_bytes() {
+  std::fill(seen_.begin(), seen_.end(), 0U);
+  visits_.clear();
+  if (!visits_.push({last_, 0})) return false;
+  while (!visits_.empty()) {
+    std::uint32_t pc = visits_.back().pc;
+    visits_.pop();
+    while (seen_[pc]++ == 0) {
+      const Inst inst = program_->code[pc];
+      if (inst.op() == Op::kByte) {
+        rest_bytes_.add_all(program_->class_sets[inst.arg()]);
+      }
+      if (inst.op() == Op::kByte || inst.op() == Op::kMatch) break;
+      if (inst.op() == Op::kSplit && !visits_.push({inst.arg(), 0})) {
+        return false;
+      }
+      pc = inst.op() == Op::kJump ? inst.arg() : pc + 1;
+    }
+  }
+  return true;
+}
+
+// Of no use as it is: from now on guided, if that can help.
+Found OnePass::give_up() {
+  const bool was_alone = use_ == Use::kAlone;
+  use_ = Use::kNone;
+  if (was_alone && find_rest() && find_rest_bytes()) {
+    use_ = Use::kGuided;
+    nodes_.clear();
+    ways_.clear();
+    exits_.clear();
+    chains_.clear();
+    actions_.shrink(1);
+    std::fill(seen_.begin(), seen_.end(), 0U);
+    std::fill(buckets_.begin(), buckets_.end(), 0U);
+  }
+  return Found::kGivenUp;
+}
+
+bool OnePass::in_other_piece(std::uint32_t pc, std::uint32_t other) const {
+  const auto [low, high] = std::minmax(pc, other);
+  const auto* piece = std::upper_bound(pieces_.begin(), pieces_.end(), low);
+  return piece != pieces_.end() && *piece <= high;
 }
 
 bool OnePass::within_budget() const {
@@ -49,7 +130,9 @@ bool OnePass::add_exit(Node& node, std::uint32_t pc, std::uint32_t trail) {
   const ByteSet& set = program_->class_sets[program_->code[pc].arg()];
   for (std::uint32_t i = 0; i < node.num_exits; ++i) {
     const std::uint32_t other = exits_[node.first_exit + i].pc;
-    if (set.meets(program_->class_sets[program_->code[other].arg()])) {
+    const bool meets =
+        set.meets(program_->class_sets[program_->code[other].arg()]);
+    if (meets && (i >= kMaxForked || !in_other_piece(pc, other))) {
       return false;
     }
   }
@@ -66,10 +149,10 @@ bool OnePass::explore_from(Node& node, std::uint32_t pc, std::uint32_t trail,
     if (seen_[pc] == stamp) return false;
     seen_[pc] = stamp;
     ++steps;
+    if (pc == last_) return write_actions(trail, &node.accept);
+    if (pc > last_) return true;
     const Inst inst = program_->code[pc];
     switch (inst.op()) {
-      case Op::kMatch:
-        return write_actions(trail, &node.accept);
       case Op::kByte:
         return add_exit(node, pc, trail);
       case Op::kAssert:
@@ -127,22 +210,75 @@ std::uint32_t OnePass::node_at(std::uint32_t pc, Place place) {
   return explore(nodes_[number - 1]) ? number : kNoNodeYet;
 }
 
-bool OnePass::make_way(std::uint32_t row, std::uint32_t symbol) {
+OnePass::Way OnePass::way_through(Exit exit, std::uint32_t symbol) {
   const Alphabet& alphabet = program_->alphabet;
   const std::uint32_t byte_class = symbol % alphabet.num_classes;
-  const Node node = nodes_[row / num_symbols_];
-  Way way{0, kNowhere};
+  const Place place{alphabet.kind_of[alphabet.sample[byte_class]],
+                    alphabet.kind_of_symbol(symbol)};
+  const std::uint32_t next = node_at(exit.pc + 1, place);
+  if (next == kNoNodeYet) return {0, kUnmade};
+  return {(next - 1) * num_symbols_, exit.actions};
+}
+
+OnePass::Way OnePass::make_way(std::uint32_t row, std::uint32_t symbol) {
+  const std::uint32_t byte_class = symbol % program_->alphabet.num_classes;
+  const Node& node = nodes_[row / num_symbols_];
+  const Exit* exit = nullptr;
+  std::uint32_t num_ways = 0;
   for (std::uint32_t i = 0; i < node.num_exits; ++i) {
-    const Exit exit = exits_[node.first_exit + i];
-    if (!program_->takes(program_->code[exit.pc], byte_class)) continue;
-    const Place place{alphabet.kind_of[alphabet.sample[byte_class]],
-                      alphabet.kind_of_symbol(symbol)};
-    const std::uint32_t next = node_at(exit.pc + 1, place);
-    if (next == kNoNodeYet) return false;
-    way = {(next - 1) * num_symbols_, exit.actions};
+    const Exit& other = exits_[node.first_exit + i];
+    if (!program_->takes(program_->code[other.pc], byte_class)) continue;
+    exit = &other;
+    ++num_ways;
   }
-  ways_[row + symbol] = way;
+  if (num_ways == 0) return {0, kNowhere};
+  if (node.accept != kNoAccept &&
+      rest_bytes_.has(static_cast<std::uint8_t>(byte_class))) {
+    ++num_ways;
+  }
+  return num_ways > 1 ? Way{0, kFork} : way_through(*exit, symbol);
+}
+
+// Of the exits that lead to the end, the one into the earliest piece; without
+// one it is the rest that follows.
+OnePass::Way OnePass::make_choice(std::uint32_t row, std::uint32_t symbol,
+                                  const Dfa::Members& behind) {
+  const std::uint32_t byte_class = symbol % program_->alphabet.num_classes;
+  const Node& node = nodes_[row / num_symbols_];
+  const Exit* first = nullptr;
+  steps += node.num_exits;
+  for (std::uint32_t i = 0; i < node.num_exits; ++i) {
+    const Exit& exit = exits_[node.first_exit + i];
+    if (program_->takes(program_->code[exit.pc], byte_class) &&
+        (first == nullptr || exit.pc < first->pc) &&
+        std::binary_search(behind.pcs, behind.pcs + behind.num_pcs, exit.pc)) {
+      first = &exit;
+    }
+  }
+  return first == nullptr ? Way{0, kNowhere} : way_through(*first, symbol);
+}
+
+// What was chosen is known until the states of the run back are forgotten.
+bool OnePass::take_guide(const Guide& guide) {
+  const std::uint32_t generation = guide.back.generation();
+  if (!choices_.empty() && generation == generation_) return true;
+  if (!choices_.resize(kNumChoices)) return false;
+  for (Choice& choice : choices_) choice.fork = kUnmade;
+  generation_ = generation;
   return true;
+}
+
+inline OnePass::Way OnePass::choose(std::uint32_t row, std::uint32_t symbol,
+                                    const Guide& guide, Entry behind) {
+  const std::uint32_t fork = row + symbol;
+  // Of the two only the fork is waited for.
+  const std::uint32_t hash = (behind * 0x9E3779B1U >> 16) + fork;
+  Choice& choice = choices_[hash % kNumChoices];
+  if (choice.fork != fork || choice.behind != behind) {
+    const Way way = make_choice(row, symbol, guide.back.members(behind));
+    choice = {fork, behind, way};
+  }
+  return choice.way;
 }
 
 void OnePass::act(std::uint32_t actions, std::size_t at, RegexSpan* spans,
@@ -166,14 +302,14 @@ void OnePass::act(std::uint32_t actions, std::size_t at, RegexSpan* spans,
   }
 }
 
+template <bool kGuided>
 Found OnePass::run(const Subject& subject, std::size_t begin, std::size_t limit,
-                   bool exact, std::size_t* out_end, RegexSpan* spans,
+                   const Guide* guide, std::size_t* out_end, RegexSpan* spans,
                    std::size_t num_spans) {
   steps = 0;
   for (std::size_t i = 1; i < num_spans; ++i) spans[i] = {-1, -1};
   const std::uint32_t first = node_at(0, subject.place(begin));
-  useful_ = first != kNoNodeYet;
-  if (!useful_) return Found::kGivenUp;
+  if (first == kNoNodeYet) return give_up();
   std::uint32_t row = (first - 1) * num_symbols_;
   std::size_t at = begin;
   while (at < limit) {
@@ -181,11 +317,16 @@ Found OnePass::run(const Subject& subject, std::size_t begin, std::size_t limit,
     Way way = ways_[row + symbol];
     if (way.actions != 0) {
       if (way.actions == kUnmade) {
-        useful_ = make_way(row, symbol);
-        if (!useful_) return Found::kGivenUp;
-        way = ways_[row + symbol];
+        way = make_way(row, symbol);
+        ways_[row + symbol] = way;
+      }
+      if constexpr (kGuided) {
+        if (way.actions == kFork) {
+          way = choose(row, symbol, *guide, guide->rows[at + 1 - begin]);
+        }
       }
       if (way.actions == kNowhere) break;
+      if (way.actions >= kFork) return give_up();
       if (way.actions != 0) act(way.actions, at, spans, num_spans);
     }
     row = way.row;
@@ -193,10 +334,24 @@ Found OnePass::run(const Subject& subject, std::size_t begin, std::size_t limit,
   }
   steps += at - begin;
   const std::uint32_t accept = nodes_[row / num_symbols_].accept;
-  if (accept == kNoAccept || (exact && at != limit)) return Found::kNo;
+  if (accept == kNoAccept) return Found::kNo;
   act(accept, at, spans, num_spans);
   *out_end = at;
   return Found::kYes;
+}
+
+Found OnePass::run_alone(const Subject& subject, std::size_t begin,
+                         std::size_t limit, std::size_t* out_end,
+                         RegexSpan* spans, std::size_t num_spans) {
+  return run<false>(subject, begin, limit, nullptr, out_end, spans, num_spans);
+}
+
+Found OnePass::run_guided(const Subject& subject, std::size_t begin,
+                          std::size_t limit, const Guide& guide,
+                          std::size_t* out_end, RegexSpan* spans,
+                          std::size_t num_spans) {
+  if (!take_guide(guide)) return give_up();
+  return run<true>(subject, begin, limit, &guide, out_end, spans, num_spans);
 }
 
 }  // namespace velprobe

@@ -323,7 +323,7 @@ bool Parser::keeps_groups() const {
 
 int Parser::parse() {
   keeps_groups_ = keeps_groups();
-  // Most bytes become a node; more room is made when needed.
+  // Most bytes become a node; the array grows when needed.
   const std::size_t expected = std::min<std::size_t>(pattern_.size() + 8, 512);
   if (!tree_.nodes.reserve(expected) || !levels_.push({}) ||
       !tree_.groups.push(kNoNode)) {

@@ -22,8 +22,8 @@ int parse_bracket(std::string_view pattern, unsigned flags, ByteSet& out_set,
 // close_over_case adds to each letter in the set its other case.
 void close_over_case(ByteSet& set);
 
-// Builders of nodes; each returns the new node's index, kNoNode when memory is
-// short. They fold what is equal, keep what groups report, and fill in every
+// Builders of nodes; each returns the new node's index, kNoNode when out of
+// memory. They fold what is equal, keep what groups report, and fill in every
 // field but first.
 std::uint32_t make_node(Tree& tree, NodeKind kind, std::uint32_t value);
 std::uint32_t make_set(Tree& tree, const ByteSet& set);

@@ -307,10 +307,10 @@ ParseSearch::Try ParseSearch::retry() {
 
 Outcome ParseSearch::run(std::size_t begin, std::size_t end) {
   if (!push(Aim::kNode, tree_.root, begin, end)) return Outcome::kNoSpace;
-  const std::size_t room =
+  const std::size_t most =
       subject_.program.limits.memory / 2 + 8 * (end - begin);
   while (head_ != 0) {
-    if (*budget_ == 0 || bytes() > room) return Outcome::kNoSpace;
+    if (*budget_ == 0 || bytes() > most) return Outcome::kNoSpace;
     --*budget_;
     const Goal goal = goals_[head_];
     head_ = goal.next;

@@ -30,9 +30,9 @@ bool SimulatedRest::prepare(const Subject& subject, Simulation& simulation,
   blocks_[0] = blocks_[1] = kNoBlock;
   const std::size_t num_blocks = (end - begin) / block_size_ + 1;
   const std::size_t needed = num_blocks + 4 * block_size_;
-  const std::size_t room =
+  const std::size_t most =
       (subject.program.limits.memory + 4 * (end - begin)) / 8;
-  if (needed > room / num_words_ ||
+  if (needed > most / num_words_ ||
       !milestones_.resize(num_blocks * num_words_) ||
       !sets_.resize(4 * block_size_ * num_words_) ||
       !saved_.resize(num_words_)) {

@@ -12,7 +12,7 @@ namespace velprobe {
 // two of them, a block, are made again when asked for.
 class SimulatedRest {
  public:
-  // prepare runs the part back over the span. False when memory is short, also
+  // prepare runs the part back over the span. False when out of memory, also
   // when all sets would exceed the program's limit.
   [[nodiscard]] bool prepare(const Subject& subject, Simulation& simulation,
                              const Part& part, std::size_t begin,
