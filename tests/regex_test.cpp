@@ -260,6 +260,7 @@ TEST(RegexTest, FollowsTheRulings) {
       {"E", "^b", "a\nb", "NOMATCH"},
       // What is around a part is as long as it can be before the part is.
       {"E", "(a*(ab)?)(b*)x*", "aab", "(0,3)(0,3)(1,3)(3,3)"},
+      {"E", "(x){0}a*(ab)?(b*)x*", "aab", "(0,3)(-,-)(-,-)(2,3)"},
       // Words.
       {"E", "[[:<:]]a_1[[:>:]]", "ba_1 a_1.", "(5,8)"},
   };

@@ -325,7 +325,7 @@ struct Maker {
   }
   Part sequence() {
     Part part;
-    for (unsigned n = next(4); n > 0 && budget > 0; --n) {
+    for (unsigned n = next(6); n > 0 && budget > 0; --n) {
       part.parts.push_back(item());
     }
     if (!extended() && next(6) == 0) add_anchor(part, true);

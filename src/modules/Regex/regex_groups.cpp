@@ -96,13 +96,17 @@ bool GroupFinder::walk_guided(const GroupItem& item, std::size_t* out_end) {
   const Found found = one_pass_.run_guided(subject_, item.begin, item.end,
                                            guide, out_end, spans_, num_spans_);
   cutter_.steps += one_pass_.steps;
-  // The groups around the sequence are those with lower numbers.
-  const std::size_t first = node(item.node).first_group;
-  std::fill(spans_ + 1, spans_ + first, spans_[0]);
-  if (found == Found::kYes) return true;
-  std::fill(spans_ + first, spans_ + num_spans_, RegexSpan{-1, -1});
-  *out_end = item.begin;
-  return false;
+  if (found != Found::kYes) {
+    std::fill(spans_ + 1, spans_ + num_spans_, RegexSpan{-1, -1});
+    *out_end = item.begin;
+  }
+  // The walk began in front of the groups around the sequence.
+  for (std::uint32_t i = tree_.root; i != item.node; i = node(i).child) {
+    if (node(i).kind == NodeKind::kGroup && node(i).value < num_spans_) {
+      spans_[node(i).value] = spans_[0];
+    }
+  }
+  return found == Found::kYes;
 }
 
 // Only up to the last child that holds a group is the span cut. Lengths that
