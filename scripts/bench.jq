@@ -1,14 +1,16 @@
 # Turns what Google Benchmark says in JSON into a table in Markdown; used by
 # bench.sh, which tells how benchmarks are named.
 
-def rival: "(?<who>velprobe[^/]*|libcrypto|gmp|libc|std_regex)(?=/|$)";
+def rival:
+  "(?<who>velprobe[^/]*|libcrypto|gmp|g?libc|std_regex|tre|re2|pcre2jit)(?=/|$)";
 
 # What a benchmark is called, cut into who works and the case.
 def cut:
   (.run_name | sub("^BM_"; "")) as $name
   | ($name | [capture(rival).who][0] // "velprobe") as $who
   | . + { who: $who,
-      case: ($name | sub("[/_]?" + rival; "") | ltrimstr("/")) };
+      case: ($name | sub("[/_]?" + rival; "") | ltrimstr("/")
+        | gsub("[|]"; "\\|")) };
 
 def nanoseconds:
   (if .run_name | endswith("/real_time") then .real_time else .cpu_time end)

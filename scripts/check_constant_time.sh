@@ -24,8 +24,10 @@ trap 'rm -rf "$work"' EXIT
 build() {
   local program=$1
   shift
+  # With the hardening of what is installed.
   "$@" -std=c++20 -O3 -DNDEBUG -gdwarf-4 -fstack-protector-strong \
-    -D_POSIX_C_SOURCE=200809L -D_DEFAULT_SOURCE -I "$source" \
+    -fstack-clash-protection -fcf-protection \
+    -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=3 -D_POSIX_C_SOURCE=200809L -D_DEFAULT_SOURCE -I "$source" \
     tests/secrets_check.cpp "$source"/modules/Crypto/*.cpp \
     "$source"/util/{error_text,text}.cpp -o "$program"
 }
