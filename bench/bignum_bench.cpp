@@ -109,28 +109,24 @@ struct Gmp {
   mpz_t value;
 };
 
-void power_mod_gmp(benchmark::State& state) {
+void power_mod_by(benchmark::State& state, decltype(&mpz_powm) power) {
   const Operands operands(state.range(0));
   const Gmp a(operands.a);
   const Gmp b(operands.b);
   const Gmp c(operands.c);
   for (auto _ : state) {
     Gmp result;
-    mpz_powm(result.value, a.value, b.value, c.value);
+    power(result.value, a.value, b.value, c.value);
     benchmark::ClobberMemory();
   }
 }
 
+void power_mod_gmp(benchmark::State& state) {
+  power_mod_by(state, mpz_powm);
+}
+
 void power_mod_gmp_sec(benchmark::State& state) {
-  const Operands operands(state.range(0));
-  const Gmp a(operands.a);
-  const Gmp b(operands.b);
-  const Gmp c(operands.c);
-  for (auto _ : state) {
-    Gmp result;
-    mpz_powm_sec(result.value, a.value, b.value, c.value);
-    benchmark::ClobberMemory();
-  }
+  power_mod_by(state, mpz_powm_sec);
 }
 
 void multiply_gmp(benchmark::State& state) {
@@ -166,7 +162,7 @@ void decimal_gmp(benchmark::State& state) {
   }
 }
 
-void import_gmp(benchmark::State& state) {
+void import_bytes_gmp(benchmark::State& state) {
   const Bytes bytes = random_bytes(state.range(0), 1);
   const Gmp a(bytes);
   Gmp result;
@@ -176,7 +172,7 @@ void import_gmp(benchmark::State& state) {
   }
 }
 
-void export_gmp(benchmark::State& state) {
+void export_bytes_gmp(benchmark::State& state) {
   Bytes bytes = random_bytes(state.range(0), 1);
   const Gmp a(bytes);
   for (auto _ : state) {
@@ -223,8 +219,8 @@ VELPROBE_BENCH(power_mod_gmp_sec);
 VELPROBE_BENCH(multiply_gmp);
 VELPROBE_BENCH(divide_gmp);
 VELPROBE_BENCH(decimal_gmp);
-VELPROBE_BENCH(import_gmp);
-VELPROBE_BENCH(export_gmp);
+VELPROBE_BENCH(import_bytes_gmp);
+VELPROBE_BENCH(export_bytes_gmp);
 #endif
 
 }  // namespace

@@ -2,7 +2,7 @@
 # bench.sh, which tells how benchmarks are named.
 
 def rival:
-  "(?<who>velprobe[^/]*|libcrypto|gmp|g?libc|std_regex|tre|re2|pcre2jit)(?=/|$)";
+  "(?<who>velprobe[^/]*|libcrypto|gmp(_sec)?|g?libc|std_regex|tre|re2|pcre2jit)(?=/|$)";
 
 # What a benchmark is called, cut into who works and the case.
 def cut:

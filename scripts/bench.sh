@@ -19,7 +19,7 @@ mark='<!-- From here on by other scripts. -->'
 folder=build/bench
 
 need_packages "${build_packages[@]}" jq libbenchmark-dev libgmp-dev \
-  libssl-dev >&2
+  libssl-dev libre2-dev libtre-dev libpcre2-dev >&2
 cmake --preset bench >/dev/null
 cmake --build --preset bench >&2
 work=$(mktemp -d)
@@ -44,7 +44,8 @@ END
 }
 
 rivals() {
-  dpkg-query -W -f='${Package} ${Version}\n' libssl-dev libgmp-dev libc6 |
+  dpkg-query -W -f='${Package} ${Version}\n' libssl-dev libgmp-dev libc6 \
+    libre2-dev libtre-dev libpcre2-dev |
     paste -sd , | sed 's/,/, /g'
 }
 

@@ -9,6 +9,14 @@ Found failure_of(Entry entry) {
   return entry == kThrashing ? Found::kGivenUp : Found::kNoSpace;
 }
 
+// The row is what each byte has to wait for, so the symbol is not added to it
+// but to the table; without the empty statement compilers do it the other way.
+inline Entry entry_at(const Entry* table, Entry row, std::uint32_t symbol) {
+  const Entry* column = table + symbol;
+  __asm__("" : "+r"(column));
+  return column[row];
+}
+
 // Run is where a run over the text stands.
 struct Run {
   const Subject& subject;
@@ -41,7 +49,7 @@ Entry follow(Run& run, const Entry* table, std::size_t stop, Entry bits) {
     if constexpr (kAhead) {
       symbol += alphabet.offset_of_byte[byte_at(text, at + 1)];
     }
-    entry = table[row + symbol];
+    entry = entry_at(table, row, symbol);
     ++at;
     if (entry > kRowMask) {
       if (entry & bits) break;
@@ -119,7 +127,7 @@ Entry follow_back(const Subject& subject, const Entry* table, std::size_t stop,
     if constexpr (kAhead) {
       symbol += alphabet.offset_of_byte[byte_at(subject.text, place - 2)];
     }
-    const Entry next = table[*row + symbol];
+    const Entry next = entry_at(table, *row, symbol);
     if (next == kUnknown) {
       entry = kUnknown;
       break;
