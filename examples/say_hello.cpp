@@ -12,13 +12,11 @@ using namespace velprobe;
 static ErrorText send_request(BerStream& stream) {
   client_wants wants;
   wants.version = 0x0202;
-  client_private_key identity;
-  identity.name = copy_text("example");
-  if (!identity.name) return "Out of memory";
+  client_private_key agent;
+  agent.name = copy_text("example");
+  if (!agent.name) return "Out of memory";
   if (ErrorText error = write_client_wants(stream, wants)) return error;
-  if (ErrorText error = write_client_private_key(stream, identity)) {
-    return error;
-  }
+  if (ErrorText error = write_client_private_key(stream, agent)) return error;
   return write_end_of_contents(stream);
 }
 
@@ -26,11 +24,9 @@ static ErrorText show_answer(BerStream& stream) {
   std::uint32_t tag = 0;
   if (ErrorText error = read_tag(stream, tag)) return error;
   if (tag == kTagOf_negotiate_nack) {
-    negotiate_nack refusal;
-    if (ErrorText error = read_negotiate_nack(stream, refusal, tag)) {
-      return error;
-    }
-    std::printf("refused: %s\n", refusal.reason.get());
+    negotiate_nack nack;
+    if (ErrorText error = read_negotiate_nack(stream, nack, tag)) return error;
+    std::printf("refused: %s\n", nack.reason.get());
     return {};
   }
   server_offers offer;

@@ -30,17 +30,14 @@ static ErrorText offer(BerStream& stream) {
 
 static ErrorText serve(BerStream& stream) {
   client_wants wants;
-  client_private_key identity;
-  if (ErrorText error = read_client_wants_incomplete(stream, wants, 0)) {
-    return error;
-  }
-  if (ErrorText error = read_client_private_key(stream, identity, 0)) {
-    return error;
-  }
-  if (ErrorText error = skip_to_eol(stream)) return error;
-  if (*identity.name.get() == '\0') return refuse(stream, "give a name");
-  replace_control_bytes(identity.name.get());  // for the terminal's sake
-  std::printf("agent %s\n", identity.name.get());
+  client_private_key agent;
+  ErrorText error = read_client_wants_incomplete(stream, wants, 0);
+  if (!error) error = read_client_private_key(stream, agent, 0);
+  if (!error) error = skip_to_eol(stream);
+  if (error) return error;
+  if (*agent.name.get() == '\0') return refuse(stream, "give a name");
+  replace_control_bytes(agent.name.get());  // for the terminal's sake
+  std::printf("agent %s\n", agent.name.get());
   return offer(stream);
 }
 
@@ -49,15 +46,13 @@ static ErrorText serve_next(const FileDescriptor& listener) {
   Ipv4Address address{};
   std::uint16_t port = 0;
   if (!socket_wait_readable(listener.get(), 3600)) return {};
-  if (ErrorText error = accept_connection(listener, socket, address, port)) {
-    return error;
-  }
+  ErrorText error = accept_connection(listener, socket, address, port);
+  if (error) return error;
   BerStreamPtr stream;
   const Deadline end =
       std::chrono::steady_clock::now() + std::chrono::seconds(10);
-  if (ErrorText error = socket_stream_adopt(stream, socket.get(), end)) {
-    return error;
-  }
+  error = socket_stream_adopt(stream, socket.get(), end);
+  if (error) return error;
   socket.release();  // it is the stream's now
   return serve(*stream);
 }
