@@ -164,6 +164,7 @@ bool Log::write(const Line& lines) {
   }
   if (error_number_ != 0) return false;
   const std::size_t size = lines.view().size();
+  if (size == 0) return true;  // a summary without agents
   errno = 0;
   // With a buffer by lines, the calls may hide a failure that they note.
   const bool is_written =
