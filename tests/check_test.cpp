@@ -232,7 +232,11 @@ TEST(PluginText, LetsNobodyElseWriteItsLines) {
     EXPECT_TRUE(c == '\n' || static_cast<unsigned char>(c) >= ' ') << text;
   }
   EXPECT_EQ(text.find('\x9b'), text.npos);
-  EXPECT_EQ(text.find("\u2028"), text.npos);
+  for (const char* turning : {"\u061C", "\u200F", "\u2028", "\u2069"}) {
+    const string shown =
+        plugin_text(report_of({row_of(turning, Result::kAccepted)}));
+    EXPECT_EQ(shown.find(turning), shown.npos);
+  }
 }
 
 TEST(Prometheus, EscapesItsLabels) {

@@ -19,10 +19,6 @@ std::string number(std::size_t count) {
   return std::to_string(count);
 }
 
-std::string count_of(std::size_t count, std::string_view what) {
-  return joined({number(count), " ", what, count == 1 ? "" : "s"});
-}
-
 std::string time_html(std::chrono::system_clock::time_point time) {
   const std::string text = timestamp(time);
   return joined({"<time datetime=\"", text, "\">", text.substr(0, 10), " ",

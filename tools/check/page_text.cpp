@@ -5,6 +5,7 @@
 #include <cstdio>
 
 #include "json.h"
+#include "util/printable_text.h"
 
 namespace velprobe::check {
 namespace {
@@ -35,22 +36,6 @@ bool is_unseen(char32_t character) {
                      [=](const Span& span) {
                        return character >= span.first && character <= span.last;
                      });
-}
-
-// take_character cuts the first character off valid UTF-8.
-char32_t take_character(std::string_view& text, std::string_view& out_bytes) {
-  const auto lead = static_cast<unsigned char>(text.front());
-  const std::size_t size = lead < 0x80   ? 1
-                           : lead < 0xE0 ? 2
-                           : lead < 0xF0 ? 3
-                                         : 4;
-  out_bytes = text.substr(0, size);
-  text.remove_prefix(out_bytes.size());
-  char32_t character = size == 1 ? lead : lead & (0xFFU >> (size + 1));
-  for (const char c : out_bytes.substr(1)) {
-    character = character << 6 | (static_cast<unsigned char>(c) & 0x3FU);
-  }
-  return character;
 }
 
 std::string_view reference_for(char32_t character) {
@@ -85,8 +70,9 @@ std::string html_text(std::string_view text) {
   html.reserve(valid.size());
   std::string_view rest = valid;
   while (!rest.empty()) {
-    std::string_view bytes;
-    const char32_t character = take_character(rest, bytes);
+    const std::string_view bytes = rest.substr(0, utf8_length(rest.data()));
+    rest.remove_prefix(bytes.size());
+    const char32_t character = code_point(bytes);
     const std::string_view reference = reference_for(character);
     if (!reference.empty()) {
       html += reference;

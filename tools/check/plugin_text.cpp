@@ -25,27 +25,17 @@ struct Group {
   std::vector<const Row*> rows;
 };
 
-// The characters that turn the direction of writing, which would show a line in
-// another order than it has, and the line ends of Unicode (UAX 9, UAX 14).
-bool turns_or_ends_line(std::string_view character) {
-  constexpr std::pair<std::string_view, std::string_view> kRanges[] = {
-      {"\u200E", "\u200F"}, {"\u2028", "\u202E"}, {"\u2066", "\u2069"}};
-  return std::any_of(
-      std::begin(kRanges), std::end(kRanges), [&](const auto& range) {
-        return range.first <= character && character <= range.second;
-      });
-}
-
+// What a line of output must not hold becomes "?", byte by byte.
 std::string safe(std::string text) {
-  constexpr std::size_t kLength = 3;  // of each of these in UTF-8
-  for (std::size_t i = 0; i + kLength <= text.size(); ++i) {
-    if (turns_or_ends_line(std::string_view(text).substr(i, kLength))) {
-      text.replace(i, kLength, kLength, '?');
-    }
-  }
   std::replace(text.begin(), text.end(), '\0', '?');
   std::replace(text.begin(), text.end(), '|', '?');
   replace_control_bytes(text.data());
+  for (std::size_t i = 0, length; i < text.size(); i += length) {
+    length = utf8_length(&text[i]);
+    if (is_misleading(code_point(std::string_view(text).substr(i, length)))) {
+      text.replace(i, length, length, '?');
+    }
+  }
   return text;
 }
 
@@ -108,10 +98,6 @@ std::string agent_of(const Report& report) {
   }
   if (agent.empty()) return "this agent";
   return joined({"\"", safe(agent), "\""});
-}
-
-std::string count_of(std::size_t count, std::string_view what) {
-  return joined({std::to_string(count), " ", what, count == 1 ? "" : "s"});
 }
 
 std::string accepted_count(const Report& report) {

@@ -5,6 +5,8 @@
 #include <set>
 #include <utility>
 
+#include "joined.h"
+
 namespace velprobe::check {
 namespace {
 
@@ -46,6 +48,10 @@ std::size_t num_with(const Report& report, Result result) {
 
 std::size_t num_failed(const Report& report) {
   return report.rows.size() - num_with(report, Result::kAccepted);
+}
+
+std::string count_of(std::size_t count, std::string_view name) {
+  return joined({std::to_string(count), " ", name, count == 1 ? "" : "s"});
 }
 
 std::string timestamp(std::chrono::system_clock::time_point time) {

@@ -50,6 +50,9 @@ void judge(Report& report);
 std::size_t num_with(const Report& report, Result result);
 std::size_t num_failed(const Report& report);
 
+// count_of prints a number of things, each of which has the given name.
+std::string count_of(std::size_t count, std::string_view name);
+
 // timestamp prints a time as RFC 3339 does, in UTC, with milliseconds.
 std::string timestamp(std::chrono::system_clock::time_point time);
 

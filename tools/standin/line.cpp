@@ -14,34 +14,15 @@ namespace velprobe::standin {
 
 namespace {
 
-// code_point decodes one valid sequence of UTF-8 (RFC 3629, section 3).
-unsigned code_point(std::string_view sequence) {
-  const auto first = static_cast<unsigned char>(sequence[0]);
-  unsigned value =
-      sequence.size() == 1 ? first : first & (0x7FU >> sequence.size());
-  for (const char next : sequence.substr(1)) {
-    value = value << 6 | (static_cast<unsigned char>(next) & 0x3FU);
-  }
-  return value;
-}
-
-// Marks, embeddings, overrides and isolates of the bidirectional algorithm
-// (UAX #9), and the separators of lines and paragraphs.
-bool is_misleading(unsigned code) {
-  return code == 0x061C || code == 0x200E || code == 0x200F ||
-         (code >= 0x2028 && code <= 0x202E) ||
-         (code >= 0x2066 && code <= 0x2069);
-}
-
 void add_escaped(Line& line, std::string_view sequence, bool names_controls) {
-  const unsigned code = code_point(sequence);
+  const char32_t code = code_point(sequence);
   if (code == '"' || code == '\\') {
     line.add("\\");
     line.add(sequence);
   } else if (is_misleading(code) ||
              (names_controls &&
               (code < 0x20 || (code >= 0x7F && code < 0xA0)))) {
-    line.add_format("\\u%04X", code);
+    line.add_format("\\u%04X", static_cast<unsigned>(code));
   } else {
     line.add(sequence);
   }
