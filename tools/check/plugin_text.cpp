@@ -25,18 +25,10 @@ struct Group {
   std::vector<const Row*> rows;
 };
 
-// What a line of output must not hold becomes "?", byte by byte.
+// A bar would begin the figures.
 std::string safe(std::string text) {
-  std::replace(text.begin(), text.end(), '\0', '?');
   std::replace(text.begin(), text.end(), '|', '?');
-  replace_control_bytes(text.data());
-  for (std::size_t i = 0, length; i < text.size(); i += length) {
-    length = utf8_length(&text[i]);
-    if (is_misleading(code_point(std::string_view(text).substr(i, length)))) {
-      text.replace(i, length, length, '?');
-    }
-  }
-  return text;
+  return terminal_text(std::move(text));
 }
 
 // The text without what the line tells anyway: that the server refused, and its
@@ -185,6 +177,18 @@ std::string group_lines(const Group& group, bool is_fleet) {
 }
 
 }  // namespace
+
+std::string terminal_text(std::string text) {
+  std::replace(text.begin(), text.end(), '\0', '?');
+  replace_control_bytes(text.data());
+  for (std::size_t i = 0, length; i < text.size(); i += length) {
+    length = utf8_length(&text[i]);
+    if (is_misleading(code_point(std::string_view(text).substr(i, length)))) {
+      text.replace(i, length, length, '?');
+    }
+  }
+  return text;
+}
 
 std::string plugin_text(const Report& report) {
   const std::vector<Group> groups = groups_of(report);

@@ -17,6 +17,11 @@ namespace velprobe::check {
 //   VELCHECK WARNING - 1 of 2 servers accept "web1"; b: refused: No Node | ...
 std::string plugin_text(const Report& report);
 
+// terminal_text gives a text of unknown origin as one line that a terminal or a
+// log may show: what it would obey, or show in another order, becomes "?", byte
+// by byte.
+std::string terminal_text(std::string text);
+
 }  // namespace velprobe::check
 
 #endif  // VELPROBE_CHECK_PLUGIN_TEXT_H_

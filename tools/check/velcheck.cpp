@@ -26,7 +26,6 @@
 #include "prometheus.h"
 #include "report.h"
 #include "run.h"
-#include "util/printable_text.h"
 #include "util/standard_streams.h"
 #include "wake_up.h"
 
@@ -57,9 +56,7 @@ std::string host_name() {
 
 // The text may hold words of a file.
 int complain(const std::string& text) {
-  std::string shown = text;
-  replace_control_bytes(shown.data());
-  std::fprintf(stderr, "velcheck: %s\n", shown.c_str());
+  std::fprintf(stderr, "velcheck: %s\n", terminal_text(text).c_str());
   return kUnknown;
 }
 
